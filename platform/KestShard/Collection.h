@@ -1,0 +1,208 @@
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+#include <iterator>
+#include <tuple>
+#include <optional>
+#include <type_traits>
+#include <utility>
+
+#include "KestShard/KeyedStore.h"
+#include "KestShard/VersionStore.h"
+#include "Nimbo/Exception.h"
+
+namespace KestShard {
+
+// Typed views over the two engines. Record is a fixed-size, trivially copyable value;
+// KeyOf is a stateless functor returning a reference to the key inside a record. Keys are
+// hashed and compared by their bytes, so they must have no padding.
+template <class Record, class KeyOf>
+struct RecordTraits {
+  using Key = std::remove_cvref_t<decltype(KeyOf{}(std::declval<const Record&>()))>;
+  static_assert(std::is_trivially_copyable_v<Record>, "records live in shared memory as bytes");
+  static_assert(std::has_unique_object_representations_v<Key>, "keys are compared as bytes");
+
+  static RecordLayout layout() {
+    static const Record probe{};
+    const auto* base = reinterpret_cast<const unsigned char*>(&probe);
+    const auto* key = reinterpret_cast<const unsigned char*>(&KeyOf{}(probe));
+    return RecordLayout{uint32_t(sizeof(Record)), uint32_t(key - base), uint32_t(sizeof(Key))};
+  }
+  static const unsigned char* bytes(const Record& r) {
+    return reinterpret_cast<const unsigned char*>(&r);
+  }
+  static unsigned char* bytes(Record& r) { return reinterpret_cast<unsigned char*>(&r); }
+  static const unsigned char* bytes(const Key& k) {
+    return reinterpret_cast<const unsigned char*>(&k);
+  }
+};
+
+// A keyed collection in shared memory. Owns a reference to its engine; single-threaded.
+// Lookups and iteration throw Nimbo::CorruptionDetectedException for a damaged record;
+// report it with map().doCorruptionDetected() and go on.
+template <class Record, class KeyOf>
+class KeyedCollection {
+  using Traits = RecordTraits<Record, KeyOf>;
+
+ public:
+  using Key = typename Traits::Key;
+
+  // Walks the collection in its order. A step that meets a damaged record throws, and the
+  // iterator stands on the damaged record so that the next step goes past it.
+  class Iterator {
+   public:
+    Iterator() = default;
+    const Record& operator*() const noexcept { return record_; }
+    const Record* operator->() const noexcept { return &record_; }
+    bool valid() const noexcept { return valid_; }
+    Iterator& operator++() {
+      Record next{};
+      uint32_t hash = 0;
+      try {
+        valid_ = store_->after(hash_, Traits::bytes(KeyOf{}(record_)), Traits::bytes(next), hash);
+      } catch (const Nimbo::CorruptionDetectedException&) {
+        std::tie(record_, hash_) = std::pair(next, hash);
+        throw;
+      }
+      if (valid_) std::tie(record_, hash_) = std::pair(next, hash);
+      return *this;
+    }
+    friend bool operator==(const Iterator& it, std::default_sentinel_t) noexcept {
+      return !it.valid_;
+    }
+
+   private:
+    friend class KeyedCollection;
+    template <class Step>
+    Iterator(const KeyedStore* store, Step&& step) : store_(store) {
+      try {
+        valid_ = step(Traits::bytes(record_), hash_);
+      } catch (const Nimbo::CorruptionDetectedException&) {
+        valid_ = true;
+        throw;
+      }
+    }
+    const KeyedStore* store_ = nullptr;
+    Record record_{};
+    uint32_t hash_ = 0;
+    bool valid_ = false;
+  };
+
+  explicit KeyedCollection(Nimbo::Ptr<KeyedStore> store) : store_(std::move(store)) {}
+
+  static RecordLayout layout() { return Traits::layout(); }
+
+  std::optional<Record> find(const Key& key) const {
+    Record r;
+    if (!store_->find(Traits::bytes(key), Traits::bytes(r))) return std::nullopt;
+    return r;
+  }
+  bool contains(const Key& key) const { return find(key).has_value(); }
+  void insertOrReplace(const Record& record) { store_->insertOrReplace(Traits::bytes(record)); }
+  bool erase(const Key& key) { return store_->erase(Traits::bytes(key)); }
+  uint32_t count() const noexcept { return store_->count(); }
+
+  Iterator begin() const {
+    return Iterator(store_.ptr(), [&](unsigned char* out, uint32_t& h) { return store_->first(out, h); });
+  }
+  // Positioned at `key`, or at the record that follows where it would be.
+  Iterator at(const Key& key) const {
+    return Iterator(store_.ptr(), [&](unsigned char* out, uint32_t& h) {
+      return store_->atOrAfter(Traits::bytes(key), out, h);
+    });
+  }
+  std::default_sentinel_t end() const noexcept { return {}; }
+
+  Shard::ShardMapBase& map() const noexcept { return *store_; }
+  const Nimbo::Ptr<CollectionControl>& control() const noexcept { return store_->control(); }
+  KeyedStore& store() const noexcept { return *store_; }
+
+ private:
+  Nimbo::Ptr<KeyedStore> store_;
+};
+
+// A collection keyed by a 64-bit version (any trivially copyable 8-byte key), iterated in
+// version order. Versions must grow; see VersionStore.
+template <class Record, class KeyOf>
+class VersionCollection {
+  using Traits = RecordTraits<Record, KeyOf>;
+
+ public:
+  using Key = typename Traits::Key;
+  static_assert(sizeof(Key) == sizeof(uint64_t), "a version key is 64 bits");
+
+  class Iterator {
+   public:
+    Iterator() = default;
+    const Record& operator*() const noexcept { return record_; }
+    const Record* operator->() const noexcept { return &record_; }
+    bool valid() const noexcept { return valid_; }
+    Iterator& operator++() {
+      Record next{};
+      try {
+        valid_ = store_->after(version(record_), Traits::bytes(next));
+      } catch (const Nimbo::CorruptionDetectedException&) {
+        record_ = next;
+        throw;
+      }
+      if (valid_) record_ = next;
+      return *this;
+    }
+    friend bool operator==(const Iterator& it, std::default_sentinel_t) noexcept {
+      return !it.valid_;
+    }
+
+   private:
+    friend class VersionCollection;
+    template <class Step>
+    Iterator(const VersionStore* store, Step&& step) : store_(store) {
+      try {
+        valid_ = step(Traits::bytes(record_));
+      } catch (const Nimbo::CorruptionDetectedException&) {
+        valid_ = true;
+        throw;
+      }
+    }
+    const VersionStore* store_ = nullptr;
+    Record record_{};
+    bool valid_ = false;
+  };
+
+  explicit VersionCollection(Nimbo::Ptr<VersionStore> store) : store_(std::move(store)) {}
+
+  static RecordLayout layout() { return Traits::layout(); }
+  static uint64_t version(const Key& key) {
+    uint64_t v;
+    std::memcpy(&v, &key, sizeof v);
+    return v;
+  }
+  static uint64_t version(const Record& r) { return version(KeyOf{}(r)); }
+
+  std::optional<Record> find(const Key& key) const {
+    Record r;
+    if (!store_->find(version(key), Traits::bytes(r))) return std::nullopt;
+    return r;
+  }
+  bool contains(const Key& key) const { return find(key).has_value(); }
+  void insertOrReplace(const Record& record) { store_->insertOrReplace(Traits::bytes(record)); }
+  bool erase(const Key& key) { return store_->erase(version(key)); }
+  uint32_t count() const noexcept { return store_->count(); }
+
+  Iterator begin() const {
+    return Iterator(store_.ptr(), [&](unsigned char* out) { return store_->first(out); });
+  }
+  Iterator at(const Key& key) const {
+    return Iterator(store_.ptr(), [&](unsigned char* out) { return store_->atOrAfter(version(key), out); });
+  }
+  std::default_sentinel_t end() const noexcept { return {}; }
+
+  Shard::ShardMapBase& map() const noexcept { return *store_; }
+  const Nimbo::Ptr<CollectionControl>& control() const noexcept { return store_->control(); }
+  VersionStore& store() const noexcept { return *store_; }
+
+ private:
+  Nimbo::Ptr<VersionStore> store_;
+};
+
+}  // namespace KestShard

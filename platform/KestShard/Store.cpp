@@ -1,0 +1,66 @@
+#include "KestShard/Store.h"
+
+#include <sched.h>
+
+#include <fmt/format.h>
+
+#include "Kest/Hash.h"
+#include "KestShard/Atomics.h"
+#include "Nimbo/Exception.h"
+
+namespace KestShard {
+
+Store::Store(Nimbo::Ptr<Segment> segment, Nimbo::String name)
+    : Shard::ShardMapBase(std::move(name)),
+      segment_(std::move(segment)),
+      control_(Nimbo::make<CollectionControl>(segment_)) {}
+
+uint64_t Store::checksum(const unsigned char* record, uint32_t salt) const noexcept {
+  return Kest::hashBytes(record, geometry().layout.recordSize, header().salt + salt);
+}
+
+void Store::requireWriter(const char* operation) const {
+  if (!writable()) {
+    throw Nimbo::InvalidArgumentException(
+        fmt::format("{} on {}: the collection is mounted read-only", operation, segment_->path()));
+  }
+}
+
+void Store::corruptionCountInc() {
+  if (writable()) storeRelease(header().corruptionCount, header().corruptionCount + 1);
+}
+
+void Store::repaired(Nimbo::String message) {
+  doCorruptionDetected(message);
+  repairs_.push_back(std::move(message));
+}
+
+void Store::throwCorrupt(const Nimbo::String& message) const {
+  throw Nimbo::CorruptionDetectedException(fmt::format("{}: {}", segment_->path(), message));
+}
+
+Store::Change::Change(const Store& store) : header_(store.header()) {
+  storeRelease(header_.generation, header_.generation + 1);
+}
+
+Store::Change::~Change() { storeRelease(header_.generation, header_.generation + 1); }
+
+uint64_t Store::loadGeneration() const noexcept { return loadAcquire(header().generation); }
+
+bool Store::generationIs(uint64_t generation) const noexcept {
+  fenceAcquire();
+  return loadRelaxed(header().generation) == generation;
+}
+
+void Store::backoff(uint32_t tries) const noexcept {
+  if (tries > 16) sched_yield();
+}
+
+void Store::throwBusy() const {
+  throw Nimbo::Exception(fmt::format(
+      "{}: no stable read after {} attempts; its writer is changing it without pause or stopped "
+      "in the middle of a change (a writer mount repairs that)",
+      segment_->path(), kReaderTries));
+}
+
+}  // namespace KestShard

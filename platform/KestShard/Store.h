@@ -1,0 +1,104 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "KestShard/CollectionControl.h"
+#include "KestShard/Segment.h"
+#include "KestShard/ShardMapBase.h"
+#include "Nimbo/Export.h"
+
+namespace KestShard {
+
+// What the two collection engines share: the segment, the collection control, the
+// writer's change bracket and the readers' retry loop. Type-independent, so that the
+// typed collections over it stay thin templates.
+//
+// Consistency model. One writer process changes a collection, publishing each step with a
+// single aligned store, so that a writer stopped at any instruction leaves every record
+// old or new; its next mount repairs the derived words (counts, free lists). Readers in
+// other processes copy a record between two loads of the slot's sequence word and retry
+// when it moved; answers that depend on the absence of a record are confirmed against the
+// header's generation word, which is odd while the writer is inside a change.
+class VESK_EXPORT Store : public Shard::ShardMapBase {
+ public:
+  Store(Nimbo::Ptr<Segment> segment, Nimbo::String name);
+
+  const Nimbo::Ptr<CollectionControl>& control() const noexcept { return control_; }
+  const Nimbo::Ptr<Segment>& segment() const noexcept { return segment_; }
+  uint32_t capacity() const noexcept { return geometry().capacity; }
+  bool writable() const noexcept { return segment_->writable(); }
+  uint64_t allocatedBytes() const { return segment_->allocatedBytes(); }
+  // Problems the writer's mount found and repaired, already reported.
+  const std::vector<Nimbo::String>& mountRepairs() const noexcept { return repairs_; }
+
+ protected:
+  const Geometry& geometry() const noexcept { return segment_->geometry(); }
+  SegmentHeader& header() const noexcept { return segment_->header(); }
+  unsigned char* slotAt(uint32_t slot) const noexcept {
+    return segment_->base() + geometry().slotOffset(slot);
+  }
+  uint64_t checksum(const unsigned char* record, uint32_t salt) const noexcept;
+  void requireWriter(const char* operation) const;
+  void corruptionCountInc() override;
+  void repaired(Nimbo::String message);
+  [[noreturn]] void throwCorrupt(const Nimbo::String& message) const;
+
+  // Brackets one change of the writer: the generation is odd inside, even again on every
+  // way out, so readers never trust an answer that spans a change.
+  class Change {
+   public:
+    explicit Change(const Store& store);
+    ~Change();
+    Change(const Change&) = delete;
+    Change& operator=(const Change&) = delete;
+
+   private:
+    SegmentHeader& header_;
+  };
+
+  // What one pass over the shared structure concluded.
+  enum class Outcome {
+    found,         // a record read whole under its slot's sequence word: always trusted
+    absent,        // nothing there: trusted only if no change ran meanwhile
+    inconsistent,  // a link or word that makes no sense: damage, unless a change ran
+  };
+
+  // Runs attempt() until it gives an answer that no concurrent change can have spoiled.
+  // The writer runs it once; readers retry (yielding) for a bounded time, then give up with
+  // a clear error. An inconsistency seen while nothing changed is damage: it is thrown as
+  // Nimbo::CorruptionDetectedException with the message attempt() left in `why`.
+  template <class Attempt>
+  void stable(Attempt&& attempt) const {
+    Nimbo::String why;
+    if (writable()) {
+      if (attempt(why) == Outcome::inconsistent) throwCorrupt(why);
+      return;
+    }
+    for (uint32_t tries = 0; tries < kReaderTries; ++tries) {
+      uint64_t before = loadGeneration();
+      Outcome outcome = attempt(why);
+      if (outcome == Outcome::found) return;
+      if (!(before & 1) && generationIs(before)) {
+        if (outcome == Outcome::absent) return;
+        throwCorrupt(why);
+      }
+      backoff(tries);
+    }
+    throwBusy();
+  }
+
+  static constexpr uint32_t kReaderTries = 100000;
+
+ private:
+  uint64_t loadGeneration() const noexcept;
+  bool generationIs(uint64_t generation) const noexcept;
+  void backoff(uint32_t tries) const noexcept;
+  [[noreturn]] void throwBusy() const;
+
+  Nimbo::Ptr<Segment> segment_;
+  Nimbo::Ptr<CollectionControl> control_;
+  std::vector<Nimbo::String> repairs_;
+};
+
+}  // namespace KestShard

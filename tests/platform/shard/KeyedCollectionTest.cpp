@@ -1,0 +1,141 @@
+#include <map>
+#include <random>
+#include <set>
+
+#include "ShardTestSupport.h"
+#include "Nimbo/Exception.h"
+
+namespace ShardTest {
+namespace {
+
+class KeyedCollectionTest : public ::testing::Test {
+ protected:
+  TempRoot root;
+};
+
+std::vector<uint32_t> idsInOrder(const Records& records) {
+  std::vector<uint32_t> ids;
+  for (auto it = records.begin(); it != records.end(); ++it) ids.push_back(it->key.id);
+  return ids;
+}
+
+TEST_F(KeyedCollectionTest, InsertReplaceEraseAndCount) {
+  auto shard = mountTestShard("a/b");
+  Records& r = shard->records;
+  EXPECT_FALSE(r.find(Record::of(1, 0).key));
+  r.insertOrReplace(Record::of(1, 1));
+  r.insertOrReplace(Record::of(2, 1));
+  r.insertOrReplace(Record::of(1, 2));  // replace
+  EXPECT_EQ(r.count(), 2u);
+  EXPECT_EQ(r.find(Record::of(1, 0).key)->generation, 2u);
+  EXPECT_TRUE(r.erase(Record::of(2, 0).key));
+  EXPECT_FALSE(r.erase(Record::of(2, 0).key));
+  EXPECT_FALSE(r.contains(Record::of(2, 0).key));
+  EXPECT_EQ(r.count(), 1u);
+}
+
+TEST_F(KeyedCollectionTest, RandomOperationsMatchAnOrdinaryMap) {
+  auto shard = mountTestShard("diff", 512);
+  Records& r = shard->records;
+  std::map<uint32_t, uint64_t> model;
+  std::mt19937 rng(42);
+  for (int op = 0; op < 20000; ++op) {
+    uint32_t id = rng() % 700;  // more keys than capacity: some inserts are refused
+    switch (rng() % 3) {
+      case 0:
+      case 1:
+        try {
+          r.insertOrReplace(Record::of(id, op));
+          model[id] = op;
+        } catch (const Nimbo::CapacityExceededException&) {
+          ASSERT_EQ(model.size(), 512u);
+          ASSERT_FALSE(model.count(id));
+        }
+        break;
+      case 2:
+        ASSERT_EQ(r.erase(Record::of(id, 0).key), model.erase(id) == 1);
+        break;
+    }
+  }
+  ASSERT_EQ(r.count(), model.size());
+  for (auto [id, generation] : model) {
+    auto found = r.find(Record::of(id, 0).key);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(*found, Record::of(id, generation));
+  }
+  std::vector<uint32_t> walked = idsInOrder(r);
+  EXPECT_EQ(std::set<uint32_t>(walked.begin(), walked.end()).size(), model.size());
+  EXPECT_EQ(walked.size(), model.size());
+}
+
+TEST_F(KeyedCollectionTest, FullCollectionRefusesNewKeysAndKeepsEverything) {
+  auto shard = mountTestShard("full", 100);
+  Records& r = shard->records;
+  for (uint32_t id = 0; id < 100; ++id) r.insertOrReplace(Record::of(id, 1));
+  try {
+    r.insertOrReplace(Record::of(100, 1));
+    FAIL() << "the record past capacity was accepted";
+  } catch (const Nimbo::CapacityExceededException& e) {
+    EXPECT_NE(std::string(e.what()).find("capacity of 100 records"), std::string::npos) << e.what();
+  }
+  EXPECT_FALSE(r.contains(Record::of(100, 0).key));
+  r.insertOrReplace(Record::of(5, 2));  // replacing stays possible when full
+  EXPECT_EQ(r.count(), 100u);
+  for (uint32_t id = 0; id < 100; ++id) {
+    EXPECT_EQ(r.find(Record::of(id, 0).key)->generation, id == 5 ? 2u : 1u);
+  }
+}
+
+TEST_F(KeyedCollectionTest, IterationIsPositionedByKeyAndSurvivesErasingAsItGoes) {
+  auto shard = mountTestShard("iter");
+  Records& r = shard->records;
+  for (uint32_t id = 0; id < 300; ++id) r.insertOrReplace(Record::of(id, 1));
+  std::vector<uint32_t> order = idsInOrder(r);
+  ASSERT_EQ(order.size(), 300u);
+
+  // Positioned at a present key: that key, then the rest in the same order.
+  auto it = r.at(Record::of(order[120], 0).key);
+  std::vector<uint32_t> tail;
+  for (; it != r.end(); ++it) tail.push_back(it->key.id);
+  EXPECT_EQ(tail, std::vector<uint32_t>(order.begin() + 120, order.end()));
+
+  // Positioned at an absent key: the record where it would have been, or later.
+  r.erase(Record::of(order[50], 0).key);
+  EXPECT_EQ(r.at(Record::of(order[50], 0).key)->key.id, order[51]);
+
+  // Erasing the current record and stepping on visits every other record once.
+  size_t visited = 0;
+  for (auto cur = r.begin(); cur != r.end(); ++cur) {
+    ++visited;
+    r.erase(cur->key);
+  }
+  EXPECT_EQ(visited, 299u);
+  EXPECT_EQ(r.count(), 0u);
+  EXPECT_TRUE(r.begin() == r.end());
+}
+
+TEST_F(KeyedCollectionTest, RecordsSurviveRemountInAnotherProcess) {
+  {
+    auto shard = mountTestShard("restart");
+    for (uint32_t id = 0; id < 50; ++id) shard->records.insertOrReplace(Record::of(id, id));
+    shard->log.insertOrReplace(LogRecord::of(9));
+    shard->records.control()->scratchpadIs(1234);
+    unmount("restart");
+  }
+  pid_t child = fork();
+  if (child == 0) {
+    auto shard = mountTestShard("restart");
+    bool ok = shard->records.count() == 50 && shard->records.control()->scratchpad() == 1234 &&
+              shard->log.find(9)->whole();
+    for (uint32_t id = 0; id < 50; ++id) {
+      ok = ok && *shard->records.find(Record::of(id, 0).key) == Record::of(id, id);
+    }
+    _exit(ok ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+}  // namespace
+}  // namespace ShardTest

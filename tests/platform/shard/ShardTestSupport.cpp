@@ -1,0 +1,7 @@
+#include "ShardTestSupport.h"
+
+namespace ShardTest {
+namespace {
+KestShard::ShardTypeRegistration<TestShard> registration(kTestShardType);
+}  // namespace
+}  // namespace ShardTest
