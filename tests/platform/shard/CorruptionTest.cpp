@@ -1,0 +1,136 @@
+#include <fcntl.h>
+#include <sys/mman.h>
+
+#include "ShardTestSupport.h"
+#include "KestShard/SegmentLayout.h"
+#include "Nimbo/Exception.h"
+
+namespace ShardTest {
+namespace {
+
+class CorruptionTest : public ::testing::Test {
+ protected:
+  TempRoot root;
+};
+
+// Maps a segment file read-write as an outsider would and lets the test damage it.
+class Damage {
+ public:
+  explicit Damage(const std::string& file) {
+    fd_ = open(file.c_str(), O_RDWR);
+    size_ = lseek(fd_, 0, SEEK_END);
+    base_ = static_cast<unsigned char*>(mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0));
+  }
+  ~Damage() {
+    munmap(base_, size_);
+    close(fd_);
+  }
+  // Flips a byte inside the stored copy of `bytes` (found by content).
+  template <class T>
+  void flipInside(const T& value, size_t at) {
+    void* hit = memmem(base_ + 8192, size_ - 8192, &value, sizeof value);
+    ASSERT_NE(hit, nullptr);
+    static_cast<unsigned char*>(hit)[at] ^= 0x5a;
+  }
+  unsigned char* base() const { return base_; }
+
+ private:
+  int fd_;
+  size_t size_;
+  unsigned char* base_;
+};
+
+TEST_F(CorruptionTest, DamagedRecordIsReportedOnLookupAndOthersStayReadable) {
+  auto shard = mountTestShard("rec");
+  for (uint32_t id = 0; id < 20; ++id) shard->records.insertOrReplace(Record::of(id, 1));
+  Damage(segmentFile(root, "rec", "records")).flipInside(Record::of(7, 1), 40);  // payload
+  EXPECT_THROW(shard->records.find(Record::of(7, 0).key), Nimbo::CorruptionDetectedException);
+  for (uint32_t id = 0; id < 20; ++id) {
+    if (id == 7) continue;
+    EXPECT_TRUE(shard->records.find(Record::of(id, 0).key)->whole()) << id;
+  }
+  shard->records.insertOrReplace(Record::of(7, 2));  // a rewrite heals it
+  EXPECT_TRUE(shard->records.find(Record::of(7, 0).key)->whole());
+}
+
+TEST_F(CorruptionTest, DamagedKeyIsReportedNotMistakenForAbsence) {
+  auto shard = mountTestShard("key");
+  shard->records.insertOrReplace(Record::of(5, 1));
+  Damage(segmentFile(root, "key", "records")).flipInside(Record::of(5, 1), 2);  // key.id
+  EXPECT_THROW(shard->records.find(Record::of(5, 0).key), Nimbo::CorruptionDetectedException);
+}
+
+TEST_F(CorruptionTest, IterationReportsADamagedRecordAndGoesPastIt) {
+  auto shard = mountTestShard("walk");
+  for (uint32_t id = 0; id < 50; ++id) shard->records.insertOrReplace(Record::of(id, 1));
+  Damage(segmentFile(root, "walk", "records")).flipInside(Record::of(33, 1), 30);
+  size_t good = 0, reported = 0;
+  bool onDamaged = false;  // the iterator stands on the record it reported
+  for (auto it = shard->records.begin(); it != shard->records.end();) {
+    if (!onDamaged) {
+      EXPECT_TRUE(it->whole());
+      ++good;
+    }
+    try {
+      ++it;
+      onDamaged = false;
+    } catch (const Nimbo::CorruptionDetectedException& e) {
+      shard->records.map().doCorruptionDetected(e.what());
+      ++reported;
+      onDamaged = true;
+    }
+  }
+  EXPECT_EQ(good, 49u);
+  EXPECT_EQ(reported, 1u);
+  EXPECT_EQ(shard->records.map().corruptionsDetected(), 1u);
+}
+
+TEST_F(CorruptionTest, DamagedLogRecordIsReported) {
+  auto shard = mountTestShard("log");
+  for (uint64_t v = 1; v <= 10; ++v) shard->log.insertOrReplace(LogRecord::of(v));
+  Damage(segmentFile(root, "log", "log")).flipInside(LogRecord::of(4), 20);
+  EXPECT_THROW(shard->log.find(4), Nimbo::CorruptionDetectedException);
+  EXPECT_TRUE(shard->log.find(5)->whole());
+}
+
+TEST_F(CorruptionTest, DamagedHeaderIsReportedOnLookupAndRepairedByTheWriter) {
+  auto shard = mountTestShard("hdr");
+  shard->records.insertOrReplace(Record::of(1, 1));
+  {
+    Damage d(segmentFile(root, "hdr", "records"));
+    reinterpret_cast<KestShard::SegmentHeader*>(d.base())->capacity = 3;
+  }
+  try {
+    shard->records.find(Record::of(1, 0).key);
+    FAIL() << "damaged header not detected";
+  } catch (const Nimbo::CorruptionDetectedException& e) {
+    EXPECT_NE(std::string(e.what()).find("capacity"), std::string::npos) << e.what();
+  }
+  EXPECT_TRUE(shard->records.find(Record::of(1, 0).key)->whole()) << "repaired after the report";
+}
+
+TEST_F(CorruptionTest, BrokenChainIsCutAtTheNextWriterMountAndReported) {
+  auto shard = mountTestShard("chain", 64);
+  for (uint32_t id = 0; id < 64; ++id) shard->records.insertOrReplace(Record::of(id, 1));
+  shard.reset();
+  unmount("chain");
+  {
+    Damage d(segmentFile(root, "chain", "records"));
+    auto* buckets = reinterpret_cast<uint32_t*>(d.base() + 8192);
+    for (int b = 0; b < 64; ++b) {
+      if (buckets[b]) {
+        buckets[b] = 60000;  // far outside the used slots
+        break;
+      }
+    }
+  }
+  shard = mountTestShard("chain", 64);
+  EXPECT_EQ(shard->records.store().mountRepairs().size(), 1u);
+  EXPECT_LT(shard->records.count(), 64u);
+  for (auto it = shard->records.begin(); it != shard->records.end(); ++it) EXPECT_TRUE(it->whole());
+  shard->records.insertOrReplace(Record::of(1000, 1));  // fully usable again
+  EXPECT_TRUE(shard->records.contains(Record::of(1000, 0).key));
+}
+
+}  // namespace
+}  // namespace ShardTest
