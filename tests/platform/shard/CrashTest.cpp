@@ -1,0 +1,130 @@
+#include <signal.h>
+#include <sys/mman.h>
+
+#include <atomic>
+#include <deque>
+#include <map>
+#include <random>
+
+#include "ShardTestSupport.h"
+
+namespace ShardTest {
+namespace {
+
+// A deterministic stream of inserts, replaces and deletes on a keyed collection and of
+// appends and deletes of the oldest on a log; a killed writer is compared against it.
+struct Model {
+  std::map<uint32_t, uint64_t> records;
+  std::deque<uint64_t> log;
+
+  struct Op {
+    enum Kind { put, erase, append, trim } kind;
+    uint32_t id;
+  };
+  static Op opAt(std::mt19937& rng) {
+    uint32_t r = rng() % 10, id = rng() % 1500;
+    if (r < 5) return {Op::put, id};
+    if (r < 7) return {Op::erase, id};
+    if (r < 9) return {Op::append, id};
+    return {Op::trim, id};
+  }
+  void apply(const Op& op, uint64_t index) {
+    switch (op.kind) {
+      case Op::put: records[op.id] = index; break;
+      case Op::erase: records.erase(op.id); break;
+      case Op::append: log.push_back(index + 1); break;
+      case Op::trim:
+        if (!log.empty()) log.pop_front();
+        break;
+    }
+  }
+};
+
+void applyToShard(TestShard& shard, const Model::Op& op, uint64_t index, const Model& before) {
+  switch (op.kind) {
+    case Model::Op::put: shard.records.insertOrReplace(Record::of(op.id, index)); break;
+    case Model::Op::erase: shard.records.erase(Record::of(op.id, 0).key); break;
+    case Model::Op::append: shard.log.insertOrReplace(LogRecord::of(index + 1)); break;
+    case Model::Op::trim:
+      if (!before.log.empty()) shard.log.erase(before.log.front());
+      break;
+  }
+}
+
+std::map<uint32_t, uint64_t> recordsOf(TestShard& shard) {
+  std::map<uint32_t, uint64_t> out;
+  for (auto it = shard.records.begin(); it != shard.records.end(); ++it) {
+    EXPECT_TRUE(it->whole()) << "torn record for key " << it->key.id;
+    out[it->key.id] = it->generation;
+  }
+  return out;
+}
+
+std::deque<uint64_t> logOf(TestShard& shard) {
+  std::deque<uint64_t> out;
+  for (auto it = shard.log.begin(); it != shard.log.end(); ++it) {
+    EXPECT_TRUE(it->whole()) << "torn log record " << it->version;
+    out.push_back(it->version);
+  }
+  return out;
+}
+
+class CrashTest : public ::testing::TestWithParam<int> {
+ protected:
+  TempRoot root;
+};
+
+TEST_P(CrashTest, WriterKilledAnywhereLeavesEveryRecordOldOrNewAndLosesNothingCompleted) {
+  const int seed = GetParam();
+  auto* completed = static_cast<std::atomic<uint64_t>*>(
+      mmap(nullptr, sizeof(std::atomic<uint64_t>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  new (completed) std::atomic<uint64_t>(0);
+  const uint64_t target = 2000 + uint64_t(seed) * 3517 % 30000;
+
+  pid_t child = fork();
+  if (child == 0) {
+    auto shard = mountTestShard("crash", 2048, 100000);
+    std::mt19937 rng(seed);
+    Model model;
+    for (uint64_t i = 0;; ++i) {
+      Model::Op op = Model::opAt(rng);
+      applyToShard(*shard, op, i, model);
+      model.apply(op, i);
+      completed->store(i + 1, std::memory_order_release);
+    }
+  }
+  while (completed->load(std::memory_order_acquire) < target) {
+  }
+  kill(child, SIGKILL);
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status));
+  const uint64_t done = completed->load();
+
+  // Everything up to `done` completed; operation `done` may have been in flight.
+  std::mt19937 rng(seed);
+  Model before;
+  for (uint64_t i = 0; i < done; ++i) before.apply(Model::opAt(rng), i);
+  Model after = before;
+  after.apply(Model::opAt(rng), done);
+
+  auto shard = mountTestShard("crash", 2048, 100000);
+  auto records = recordsOf(*shard);
+  auto log = logOf(*shard);
+  EXPECT_TRUE(records == before.records || records == after.records) << "after " << done << " ops";
+  EXPECT_TRUE(log == before.log || log == after.log) << "after " << done << " ops";
+  EXPECT_EQ(shard->records.count(), records.size());
+  EXPECT_EQ(shard->log.count(), log.size());
+  EXPECT_TRUE(shard->records.store().mountRepairs().empty());
+  for (auto [id, generation] : records) {
+    ASSERT_EQ(*shard->records.find(Record::of(id, 0).key), Record::of(id, generation));
+  }
+  shard->records.insertOrReplace(Record::of(9999, 1));  // and it goes on working
+  shard->log.insertOrReplace(LogRecord::of(done + 10));
+  munmap(completed, sizeof(std::atomic<uint64_t>));
+}
+
+INSTANTIATE_TEST_SUITE_P(KillPoints, CrashTest, ::testing::Range(1, 33));
+
+}  // namespace
+}  // namespace ShardTest

@@ -1,0 +1,139 @@
+#include <sys/mman.h>
+
+#include <cerrno>
+
+#include "ShardTestSupport.h"
+#include "KestShard/Env.h"
+#include "Nimbo/Exception.h"
+
+namespace ShardTest {
+namespace {
+
+// Fails the Nth call of one kind with a chosen error; every other call goes through.
+class FaultyEnv : public KestShard::EnvWrapper {
+ public:
+  enum class Call { open, reserve, map, truncate, rename };
+  FaultyEnv() : KestShard::EnvWrapper(KestShard::Env::system()) {
+    previous_ = KestShard::Env::currentIs(this);
+  }
+  ~FaultyEnv() override { KestShard::Env::currentIs(previous_); }
+
+  void failNth(Call call, int n, int error) {
+    call_ = call;
+    countdown_ = n;
+    error_ = error;
+  }
+  int64_t fixedNow = 0;
+
+  int openAt(int d, const char* n, int f, mode_t m) override {
+    return fail(Call::open) ? -1 : EnvWrapper::openAt(d, n, f, m);
+  }
+  int reserve(int fd, off_t o, off_t l) override {
+    return fail(Call::reserve) ? error_ : EnvWrapper::reserve(fd, o, l);
+  }
+  void* map(size_t len, int prot, int fd) override {
+    return fail(Call::map) ? MAP_FAILED : EnvWrapper::map(len, prot, fd);
+  }
+  int truncate(int fd, off_t size) override {
+    return fail(Call::truncate) ? -1 : EnvWrapper::truncate(fd, size);
+  }
+  int renameAt(int d, const char* a, const char* b) override {
+    return fail(Call::rename) ? -1 : EnvWrapper::renameAt(d, a, b);
+  }
+  int64_t nowNs() override { return fixedNow ? fixedNow : EnvWrapper::nowNs(); }
+
+ private:
+  bool fail(Call call) {
+    if (call != call_ || countdown_ <= 0 || --countdown_ != 0) return false;
+    errno = error_;
+    return true;
+  }
+  Env* previous_;
+  Call call_ = Call::open;
+  int countdown_ = 0;
+  int error_ = 0;
+};
+
+class FaultTest : public ::testing::Test {
+ protected:
+  TempRoot root;
+  FaultyEnv env;
+};
+
+TEST_F(FaultTest, NoSpaceWhileGrowingIsAClearErrorAndLosesNothing) {
+  auto shard = mountTestShard("grow", 4096, 4096);
+  uint32_t stored = 0;
+  env.failNth(FaultyEnv::Call::reserve, 1, ENOSPC);  // the next chunk the arena needs
+  try {
+    for (; stored < 4096; ++stored) shard->records.insertOrReplace(Record::of(stored, 1));
+    FAIL() << "the reservation failure was not reported";
+  } catch (const Nimbo::SystemException& e) {
+    EXPECT_EQ(e.error(), ENOSPC);
+    EXPECT_NE(std::string(e.what()).find("cannot grow"), std::string::npos) << e.what();
+  }
+  EXPECT_EQ(shard->records.count(), stored);
+  EXPECT_FALSE(shard->records.contains(Record::of(stored, 0).key));
+  for (uint32_t id = 0; id < stored; ++id) ASSERT_TRUE(shard->records.find(Record::of(id, 0).key)->whole());
+  shard->records.insertOrReplace(Record::of(stored, 1));  // space is back: it works again
+  EXPECT_EQ(shard->records.count(), stored + 1);
+}
+
+TEST_F(FaultTest, NoSpaceWhileAppendingToTheLogLosesNothing) {
+  auto shard = mountTestShard("append", 16, 100000);
+  uint64_t v = 1;
+  env.failNth(FaultyEnv::Call::reserve, 1, ENOSPC);
+  EXPECT_THROW(
+      {
+        for (; v < 100000; ++v) shard->log.insertOrReplace(LogRecord::of(v));
+      },
+      Nimbo::SystemException);
+  EXPECT_EQ(shard->log.count(), v - 1);
+  EXPECT_FALSE(shard->log.contains(v));
+  shard->log.insertOrReplace(LogRecord::of(v));
+  EXPECT_TRUE(shard->log.find(v)->whole());
+}
+
+TEST_F(FaultTest, EveryFailingCallOfACreationLeavesNoHalfMadeSegment) {
+  const std::pair<FaultyEnv::Call, int> faults[] = {
+      {FaultyEnv::Call::open, EIO},     {FaultyEnv::Call::truncate, EIO},
+      {FaultyEnv::Call::map, ENOMEM},   {FaultyEnv::Call::reserve, ENOSPC},
+      {FaultyEnv::Call::rename, EIO}};
+  int i = 0;
+  for (auto [call, error] : faults) {
+    const std::string path = "create" + std::to_string(i++);
+    // Let the directory opens through, then fail the call while making the segment.
+    env.failNth(call, call == FaultyEnv::Call::open ? 8 : 1, error);
+    EXPECT_THROW(mountTestShard(path), Nimbo::SystemException) << path;
+    env.failNth(call, 0, 0);
+    auto shard = mountTestShard(path);  // a clean retry succeeds, not wiped
+    EXPECT_FALSE(shard->records.control()->wiped()) << path;
+    EXPECT_FALSE(std::filesystem::exists(segmentFile(root, path, "records.new"))) << path;
+  }
+}
+
+TEST_F(FaultTest, CreationTimeComesFromTheClockSeam) {
+  env.fixedNow = 1234567890123456789;
+  auto shard = mountTestShard("clock");
+  EXPECT_EQ(shard->records.store().segment()->header().createdNs, 1234567890123456789);
+}
+
+TEST_F(FaultTest, ReaderMapFailureIsAClearError) {
+  mountTestShard("rmap");
+  pid_t child = fork();
+  if (child == 0) {
+    unmount("rmap");
+    env.failNth(FaultyEnv::Call::map, 2, ENOMEM);  // header probe passes, the full map fails
+    try {
+      mountTestShard("rmap", 1024, 1024, KestShard::KestShardType::reader);
+    } catch (const Nimbo::SystemException& e) {
+      _exit(e.error() == ENOMEM ? 0 : 2);
+    }
+    _exit(1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+}  // namespace
+}  // namespace ShardTest

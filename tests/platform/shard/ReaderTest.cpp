@@ -1,0 +1,69 @@
+#include <signal.h>
+
+#include <set>
+
+#include "ShardTestSupport.h"
+
+namespace ShardTest {
+namespace {
+
+class ReaderTest : public ::testing::Test {
+ protected:
+  TempRoot root;
+};
+
+// A writer process rewrites records and the log without pause while this process reads
+// them through a read-only mount: every record read must be whole.
+TEST_F(ReaderTest, ReaderInAnotherProcessNeverSeesATornRecord) {
+  {
+    auto shard = mountTestShard("live", 512, 4096);
+    for (uint32_t id = 0; id < 256; ++id) shard->records.insertOrReplace(Record::of(id, 0));
+    unmount("live");
+  }
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  pid_t writer = fork();
+  if (writer == 0) {
+    auto shard = mountTestShard("live", 512, 4096);
+    char go = 1;
+    if (write(ready[1], &go, 1) != 1) _exit(1);
+    uint64_t version = 1;
+    for (uint64_t generation = 1;; ++generation) {
+      uint32_t id = uint32_t(generation * 7919 % 256);
+      shard->records.insertOrReplace(Record::of(id, generation));
+      if (generation % 3 == 0) shard->records.erase(Record::of((id + 128) % 256, 0).key);
+      shard->log.insertOrReplace(LogRecord::of(version++));
+      if (shard->log.count() > 1000) shard->log.erase(version - 1001);
+    }
+  }
+  char go = 0;
+  ASSERT_EQ(read(ready[0], &go, 1), 1);
+
+  auto reader = mountTestShard("live", 512, 4096, KestShard::KestShardType::reader, "agent");
+  std::set<uint64_t> generationsSeen;
+  uint64_t hits = 0;
+  for (int round = 0; round < 20000; ++round) {
+    uint32_t id = uint32_t(round % 256);
+    if (auto r = reader->records.find(Record::of(id, 0).key)) {
+      ASSERT_TRUE(r->whole()) << "torn record for key " << id;
+      generationsSeen.insert(r->generation);
+      ++hits;
+    }
+    if (auto l = reader->log.at(0); l != reader->log.end()) {
+      ASSERT_TRUE(l->whole());
+    }
+    if (round % 500 == 0) {
+      for (auto it = reader->records.begin(); it != reader->records.end(); ++it) {
+        ASSERT_TRUE(it->whole());
+      }
+      for (auto it = reader->log.begin(); it != reader->log.end(); ++it) ASSERT_TRUE(it->whole());
+    }
+  }
+  kill(writer, SIGKILL);
+  waitpid(writer, nullptr, 0);
+  EXPECT_GT(hits, 0u);
+  EXPECT_GT(generationsSeen.size(), 100u) << "the reader should have raced the writer";
+}
+
+}  // namespace
+}  // namespace ShardTest
