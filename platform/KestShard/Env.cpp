@@ -29,6 +29,9 @@ class SystemEnv final : public Env {
     return ::mmap(nullptr, len, prot, MAP_SHARED, fd, 0);
   }
   int unmap(void* addr, size_t len) override { return ::munmap(addr, len); }
+  int populate(void* addr, size_t len) override {
+    return ::madvise(addr, len, MADV_POPULATE_WRITE);
+  }
   int close(int fd) override { return ::close(fd); }
   int64_t nowNs() override {
     timespec ts{};

@@ -33,6 +33,9 @@ class VESK_EXPORT Env {
   virtual int lock(int fd, int operation) = 0;
   virtual void* map(size_t len, int prot, int fd) = 0;
   virtual int unmap(void* addr, size_t len) = 0;
+  // Maps the pages of a reserved range writable now, in one call, rather than one fault per
+  // page later. Advisory: a failure is not an error.
+  virtual int populate(void* addr, size_t len) = 0;
   virtual int close(int fd) = 0;
   // Wall-clock time in nanoseconds since the epoch (UTC).
   virtual int64_t nowNs() = 0;
@@ -59,6 +62,7 @@ class VESK_EXPORT EnvWrapper : public Env {
   int lock(int fd, int op) override { return target_.lock(fd, op); }
   void* map(size_t len, int prot, int fd) override { return target_.map(len, prot, fd); }
   int unmap(void* addr, size_t len) override { return target_.unmap(addr, len); }
+  int populate(void* addr, size_t len) override { return target_.populate(addr, len); }
   int close(int fd) override { return target_.close(fd); }
   int64_t nowNs() override { return target_.nowNs(); }
 

@@ -240,6 +240,7 @@ void Segment::reserve(uint64_t offset, uint64_t len) {
           error);
     }
     __atomic_fetch_or(&bits[c / 64], uint64_t(1) << (c % 64), __ATOMIC_RELEASE);
+    Env::current().populate(base_ + c * kChunkSize, kChunkSize);
   }
 }
 
