@@ -99,6 +99,7 @@ class VESK_EXPORT Store : public Shard::ShardMapBase {
   Nimbo::Ptr<Segment> segment_;
   Nimbo::Ptr<CollectionControl> control_;
   std::vector<Nimbo::String> repairs_;
+  uint64_t salt_;  // the segment's, read once: checksums and hashes do not change with it
 };
 
 }  // namespace KestShard
