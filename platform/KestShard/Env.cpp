@@ -45,8 +45,9 @@ Env* currentEnv = nullptr;
 }  // namespace
 
 Env& Env::system() noexcept {
-  static SystemEnv env;
-  return env;
+  // Never destroyed: segments still mounted at exit close through it.
+  static SystemEnv* env = new SystemEnv;
+  return *env;
 }
 
 Env& Env::current() noexcept { return currentEnv ? *currentEnv : system(); }

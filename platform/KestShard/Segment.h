@@ -73,7 +73,7 @@ class VESK_EXPORT Segment : public Nimbo::Node {
   bool writable_;
   bool created_ = false;
   unsigned char* base_ = nullptr;
-  unsigned char identity_[kIdentityBytes + sizeof(uint64_t)] = {};  // copy taken at open
+  alignas(SegmentHeader) unsigned char identity_[kIdentityBytes + sizeof(uint64_t)] = {};  // taken at open
 };
 
 }  // namespace KestShard

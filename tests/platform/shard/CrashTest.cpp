@@ -93,12 +93,13 @@ TEST_P(CrashTest, WriterKilledAnywhereLeavesEveryRecordOldOrNewAndLosesNothingCo
       completed->store(i + 1, std::memory_order_release);
     }
   }
+  int status = 0;
   while (completed->load(std::memory_order_acquire) < target) {
+    ASSERT_EQ(waitpid(child, &status, WNOHANG), 0) << "the writer died on its own";
   }
   kill(child, SIGKILL);
-  int status = 0;
   waitpid(child, &status, 0);
-  ASSERT_TRUE(WIFSIGNALED(status));
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
   const uint64_t done = completed->load();
 
   // Everything up to `done` completed; operation `done` may have been in flight.
