@@ -83,13 +83,13 @@ struct Root {
 };
 Root root;
 
-Nimbo::Ptr<BenchShard> mount(const std::string& path) {
+Nimbo::Ptr<BenchShard> mount(const std::string& path, bool preallocate = false) {
   auto em = KestSharedMem::EntityManager::getEntityManager("bench", true);
   em->entityDel(path);
   std::filesystem::remove_all(root.path + "/local/bench/" + path);
   KestShard::MountInfo info(KestShard::KestShardType::writer);
   info.collectionInfoIs({"swTableEntries", kConfigCapacity, false});
-  info.collectionInfoIs({"entryLogConfig", kLogCapacity, false});
+  info.collectionInfoIs({"entryLogConfig", kLogCapacity, preallocate});
   auto group = em->getMountGroup();
   group->mount(path, "Bench::Shard", info);
   group->doClose();
@@ -195,7 +195,7 @@ void BM_ConfigInsertDelete_HashMap(benchmark::State& state) {
 
 // The change log: append at the newest version, delete the oldest, keeping ~64k records.
 void BM_LogAppendTrim_Shm(benchmark::State& state) {
-  auto shard = mount("log");
+  auto shard = mount("log", state.range(0) != 0);
   uint64_t v = 1;
   for (; v <= 65536; ++v) shard->log.insertOrReplace(LogRecord{v, 0, 0, 0, keyOf(uint32_t(v))});
   for (auto _ : state) {
@@ -269,7 +269,7 @@ BENCHMARK(BM_ConfigInsertDelete_Shm);
 BENCHMARK(BM_ConfigInsertDelete_HashMap);
 BENCHMARK(BM_LogAppend_Shm);
 BENCHMARK(BM_LogAppend_HashMap);
-BENCHMARK(BM_LogAppendTrim_Shm);
+BENCHMARK(BM_LogAppendTrim_Shm)->ArgName("preallocated")->Arg(0)->Arg(1);
 BENCHMARK(BM_LogAppendTrim_HashMap);
 BENCHMARK(BM_MemoryFootprint)->Iterations(1);
 

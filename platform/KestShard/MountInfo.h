@@ -15,7 +15,8 @@ enum class KestShardType { writer, reader };
 struct CollectionInfo {
   Nimbo::String name;
   uint32_t capacity = 0;
-  // Reserve the whole collection's memory at creation instead of as it fills.
+  // Reserve the collection's memory for its full capacity at mount and keep it, instead
+  // of growing and shrinking with the records: the fastest write path, the largest footprint.
   bool preallocate = false;
 };
 

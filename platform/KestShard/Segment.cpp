@@ -244,7 +244,13 @@ void Segment::reserve(uint64_t offset, uint64_t len) {
   }
 }
 
+void Segment::pin() {
+  reserve(0, geometry_.fileSize);
+  pinned_ = true;
+}
+
 void Segment::release(uint64_t begin, uint64_t end) {
+  if (pinned_) return;
   uint64_t* bits = allocationBits(base_);
   for (uint64_t c = (begin + kChunkSize - 1) / kChunkSize; (c + 1) * kChunkSize <= end; ++c) {
     if (!((loadRelaxed(bits[c / 64]) >> (c % 64)) & 1)) continue;

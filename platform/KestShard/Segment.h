@@ -48,8 +48,12 @@ class VESK_EXPORT Segment : public Nimbo::Node {
   bool reserved(uint64_t offset) const noexcept;
   // Reserves every chunk overlapping [offset, offset + len). Throws Nimbo::SystemException.
   void reserve(uint64_t offset, uint64_t len);
-  // Gives back the chunks lying entirely inside [begin, end).
+  // Gives back the chunks lying entirely inside [begin, end), unless the segment is pinned.
   void release(uint64_t begin, uint64_t end);
+  // Reserves the whole file now and keeps it reserved: no growth or release on the write
+  // path, at the price of memory for the full capacity.
+  void pin();
+  bool pinned() const noexcept { return pinned_; }
   // Backing store the file holds now, in bytes.
   uint64_t allocatedBytes() const;
 
@@ -72,6 +76,7 @@ class VESK_EXPORT Segment : public Nimbo::Node {
   Geometry geometry_;
   bool writable_;
   bool created_ = false;
+  bool pinned_ = false;
   unsigned char* base_ = nullptr;
   alignas(SegmentHeader) unsigned char identity_[kIdentityBytes + sizeof(uint64_t)] = {};  // taken at open
 };

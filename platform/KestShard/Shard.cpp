@@ -26,7 +26,7 @@ Nimbo::Ptr<Segment> Shard::openSegment(const MountContext& context, const Nimbo:
   if (!writable_) return Segment::openReader(context.directory, name, geometry, identity);
   Nimbo::Ptr<Segment> segment = Segment::openWriter(context.directory, name, geometry, identity,
                                                      context.existedBefore(name));
-  if (info->preallocate) segment->reserve(0, geometry.fileSize);
+  if (info->preallocate) segment->pin();
   if (segment->created()) context.existsNow(name);
   return segment;
 }

@@ -222,6 +222,7 @@ bool VersionStore::chunkInUse(uint64_t chunk, uint64_t head, uint64_t span) cons
 // Gives back the chunks that the slots of positions [from, to) touched, where no live
 // slot remains.
 void VersionStore::releaseFreed(uint64_t from, uint64_t to) {
+  if (segment()->pinned()) return;
   const Geometry& g = geometry();
   const uint64_t head = header().head, span = header().tail - head;
   if (to - from > g.capacity) from = to - g.capacity;
@@ -261,7 +262,7 @@ void VersionStore::recover() {
   }
   h.count = live;
   if (h.generation & 1) ++h.generation;
-  const uint64_t chunks = g.fileSize / kChunkSize;
+  const uint64_t chunks = segment()->pinned() ? 0 : g.fileSize / kChunkSize;
   for (uint64_t c = 0; c < chunks; ++c) {
     if (segment()->reserved(c * kChunkSize) && !chunkInUse(c, h.head, h.tail - h.head)) {
       segment()->release(c * kChunkSize, (c + 1) * kChunkSize);
