@@ -22,7 +22,6 @@ class VESK_EXPORT CollectionControl : public Nimbo::Node {
   void scratchpadIs(uint64_t value);
 
  private:
-  void requireWriter(const char* operation) const;
   Nimbo::Ptr<Segment> segment_;
 };
 

@@ -12,6 +12,7 @@
 #include <fmt/format.h>
 
 #include "KestShard/Env.h"
+#include "KestShard/SystemError.h"
 #include "Nimbo/Exception.h"
 
 namespace KestShard {
@@ -29,13 +30,9 @@ bool validComponent(std::string_view c) {
   return true;
 }
 
-[[noreturn]] void throwSys(const std::string& what, const std::string& path, int error) {
-  throw Nimbo::SystemException(fmt::format("{} {}: {}", what, path, std::strerror(error)), error);
-}
-
 void checkSafe(int fd, const Nimbo::String& path) {
   struct ::stat st {};
-  if (Env::current().stat(fd, &st) != 0) throwSys("cannot stat", path, errno);
+  if (Env::current().stat(fd, &st) != 0) throwSystemError("cannot stat", path, errno);
   if (!S_ISDIR(st.st_mode)) {
     throw Nimbo::SystemException(fmt::format("{} is not a directory", path), ENOTDIR);
   }
@@ -86,7 +83,7 @@ Directory Directory::root() {
   Nimbo::String parent = slash == 0 ? "/" : path.substr(0, slash);
   Nimbo::String name = path.substr(slash + 1);
   int parentFd = Env::current().openAt(AT_FDCWD, parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
-  if (parentFd < 0) throwSys("cannot open the parent of the shared-memory root", parent, errno);
+  if (parentFd < 0) throwSystemError("cannot open the parent of the shared-memory root", parent, errno);
   try {
     Directory root = openChecked(parentFd, name, path, true);
     Env::current().close(parentFd);
@@ -104,14 +101,14 @@ Directory Directory::openChecked(int parentFd, const Nimbo::String& name, const 
   int fd = env.openAt(parentFd, name.c_str(), flags, 0);
   if (fd < 0 && errno == ENOENT && create) {
     if (env.mkdirAt(parentFd, name.c_str(), 0700) != 0 && errno != EEXIST) {
-      throwSys("cannot create directory", path, errno);
+      throwSystemError("cannot create directory", path, errno);
     }
     fd = env.openAt(parentFd, name.c_str(), flags, 0);
   }
   if (fd < 0) {
     int error = errno;
-    if (error == ELOOP || error == ENOTDIR) throwSys("refusing (symlink or not a directory)", path, error);
-    throwSys("cannot open directory", path, error);
+    if (error == ELOOP || error == ENOTDIR) throwSystemError("refusing (symlink or not a directory)", path, error);
+    throwSystemError("cannot open directory", path, error);
   }
   Directory dir(fd, path);
   checkSafe(fd, path);

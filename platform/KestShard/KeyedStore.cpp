@@ -211,7 +211,7 @@ void KeyedStore::freeSlot(uint32_t index) {
 }
 
 void KeyedStore::insertOrReplace(const unsigned char* record) {
-  requireWriter("insert");
+  segment()->requireWritable("insert");
   segment()->checkHeader();
   const RecordLayout& layout = geometry().layout;
   const unsigned char* key = record + layout.keyOffset;
@@ -244,7 +244,7 @@ void KeyedStore::insertOrReplace(const unsigned char* record) {
 }
 
 bool KeyedStore::erase(const unsigned char* key) {
-  requireWriter("erase");
+  segment()->requireWritable("erase");
   segment()->checkHeader();
   const uint32_t hash = hashOf(key);
   const uint32_t bucket = bucketOf(hash);

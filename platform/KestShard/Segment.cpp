@@ -14,14 +14,11 @@
 #include "Kest/Hash.h"
 #include "KestShard/Atomics.h"
 #include "KestShard/Env.h"
+#include "KestShard/SystemError.h"
 #include "Nimbo/Exception.h"
 
 namespace KestShard {
 namespace {
-
-[[noreturn]] void throwSys(const std::string& what, const std::string& path, int error) {
-  throw Nimbo::SystemException(fmt::format("{} {}: {}", what, path, std::strerror(error)), error);
-}
 
 uint64_t* allocationBits(unsigned char* base) {
   return reinterpret_cast<uint64_t*>(base + kPageSize);
@@ -40,7 +37,7 @@ bool nameIs(const char* stored, size_t size, const Nimbo::String& expected) {
 
 // Opens the file and checks it is a regular file of ours that no one else can touch.
 void checkOwnership(int fd, const Nimbo::String& path, struct ::stat& st) {
-  if (Env::current().stat(fd, &st) != 0) throwSys("cannot stat", path, errno);
+  if (Env::current().stat(fd, &st) != 0) throwSystemError("cannot stat", path, errno);
   if (!S_ISREG(st.st_mode)) {
     throw Nimbo::SystemException(fmt::format("refusing {}: not a regular file", path), EINVAL);
   }
@@ -59,7 +56,7 @@ void checkOwnership(int fd, const Nimbo::String& path, struct ::stat& st) {
 int openExisting(const Directory& dir, const Nimbo::String& name, const Nimbo::String& path,
                  int flags) {
   int fd = Env::current().openAt(dir.fd(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, 0);
-  if (fd < 0 && errno == ELOOP) throwSys("refusing symlink at", path, ELOOP);
+  if (fd < 0 && errno == ELOOP) throwSystemError("refusing symlink at", path, ELOOP);
   return fd;
 }
 
@@ -76,7 +73,7 @@ Segment::~Segment() {
 void Segment::mapFile() {
   int prot = writable_ ? PROT_READ | PROT_WRITE : PROT_READ;
   void* p = Env::current().map(geometry_.fileSize, prot, fd_);
-  if (p == MAP_FAILED || p == nullptr) throwSys("cannot map", path_, errno);
+  if (p == MAP_FAILED || p == nullptr) throwSystemError("cannot map", path_, errno);
   base_ = static_cast<unsigned char*>(p);
 }
 
@@ -86,7 +83,7 @@ bool Segment::usable(const struct ::stat& st, Nimbo::String& why) const {
     return false;
   }
   void* p = Env::current().map(kPageSize, PROT_READ, fd_);
-  if (p == MAP_FAILED || p == nullptr) throwSys("cannot map the header of", path_, errno);
+  if (p == MAP_FAILED || p == nullptr) throwSystemError("cannot map the header of", path_, errno);
   SegmentHeader h;
   std::memcpy(&h, p, sizeof h);
   Env::current().unmap(p, kPageSize);
@@ -154,16 +151,16 @@ Nimbo::Ptr<Segment> Segment::create(const Directory& dir, const Nimbo::String& n
   env.unlinkAt(dir.fd(), tmpName.c_str(), 0);  // left by a writer that died while creating
   int fd = env.openAt(dir.fd(), tmpName.c_str(),
                       O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) throwSys("cannot create", path, errno);
+  if (fd < 0) throwSystemError("cannot create", path, errno);
   Nimbo::Ptr<Segment> seg(new Segment(fd, path, geometry, true));
   try {
-    if (env.lock(fd, LOCK_EX | LOCK_NB) != 0) throwSys("cannot lock", path, errno);
-    if (env.truncate(fd, off_t(geometry.fileSize)) != 0) throwSys("cannot size", path, errno);
+    if (env.lock(fd, LOCK_EX | LOCK_NB) != 0) throwSystemError("cannot lock", path, errno);
+    if (env.truncate(fd, off_t(geometry.fileSize)) != 0) throwSystemError("cannot size", path, errno);
     seg->mapFile();
     seg->reserve(0, 2 * kPageSize);
     seg->initializeHeader(identity, wiped);
     if (env.renameAt(dir.fd(), tmpName.c_str(), name.c_str()) != 0) {
-      throwSys("cannot install", path, errno);
+      throwSystemError("cannot install", path, errno);
     }
   } catch (...) {
     env.unlinkAt(dir.fd(), tmpName.c_str(), 0);
@@ -180,7 +177,7 @@ Nimbo::Ptr<Segment> Segment::openWriter(const Directory& dir, const Nimbo::Strin
   const Nimbo::String path = dir.path() + "/" + name;
   int fd = openExisting(dir, name, path, O_RDWR);
   if (fd < 0) {
-    if (errno != ENOENT) throwSys("cannot open", path, errno);
+    if (errno != ENOENT) throwSystemError("cannot open", path, errno);
     return create(dir, name, geometry, identity, registered);
   }
   Nimbo::Ptr<Segment> seg(new Segment(fd, path, geometry, true));
@@ -191,7 +188,7 @@ Nimbo::Ptr<Segment> Segment::openWriter(const Directory& dir, const Nimbo::Strin
       throw Nimbo::SystemException(fmt::format("{} is already mounted by another writer", path),
                                    EBUSY);
     }
-    throwSys("cannot lock", path, errno);
+    throwSystemError("cannot lock", path, errno);
   }
   Nimbo::String why;
   if (!seg->usable(st, why)) {
@@ -208,7 +205,7 @@ Nimbo::Ptr<Segment> Segment::openReader(const Directory& dir, const Nimbo::Strin
                                         const Geometry& geometry, const Identity& identity) {
   const Nimbo::String path = dir.path() + "/" + name;
   int fd = openExisting(dir, name, path, O_RDONLY);
-  if (fd < 0) throwSys("cannot open", path, errno);
+  if (fd < 0) throwSystemError("cannot open", path, errno);
   Nimbo::Ptr<Segment> seg(new Segment(fd, path, geometry, false));
   struct ::stat st {};
   checkOwnership(fd, path, st);
@@ -220,6 +217,13 @@ Nimbo::Ptr<Segment> Segment::openReader(const Directory& dir, const Nimbo::Strin
   seg->checkMatches(identity);
   std::memcpy(seg->identity_, seg->base_, sizeof seg->identity_);
   return seg;
+}
+
+void Segment::requireWritable(const char* operation) const {
+  if (!writable_) {
+    throw Nimbo::InvalidArgumentException(
+        fmt::format("{} on {}: the collection is mounted read-only", operation, path_));
+  }
 }
 
 bool Segment::reserved(uint64_t offset) const noexcept {
@@ -263,7 +267,7 @@ void Segment::release(uint64_t begin, uint64_t end) {
 
 uint64_t Segment::allocatedBytes() const {
   struct ::stat st {};
-  if (Env::current().stat(fd_, &st) != 0) throwSys("cannot stat", path_, errno);
+  if (Env::current().stat(fd_, &st) != 0) throwSystemError("cannot stat", path_, errno);
   return uint64_t(st.st_blocks) * 512;
 }
 

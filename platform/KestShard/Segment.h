@@ -39,6 +39,8 @@ class VESK_EXPORT Segment : public Nimbo::Node {
   unsigned char* base() const noexcept { return base_; }
   const Geometry& geometry() const noexcept { return geometry_; }
   bool writable() const noexcept { return writable_; }
+  // Throws Nimbo::InvalidArgumentException naming `operation` on a read-only mount.
+  void requireWritable(const char* operation) const;
   const Nimbo::String& path() const noexcept { return path_; }
   // This open made the file (first mount, or recreation of a lost or unusable one).
   bool created() const noexcept { return created_; }

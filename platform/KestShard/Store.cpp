@@ -39,13 +39,6 @@ uint64_t Store::checksum(const unsigned char* record, uint32_t salt) const noexc
   return Kest::mix64(a ^ salt_, b + salt);
 }
 
-void Store::requireWriter(const char* operation) const {
-  if (!writable()) {
-    throw Nimbo::InvalidArgumentException(
-        fmt::format("{} on {}: the collection is mounted read-only", operation, segment_->path()));
-  }
-}
-
 void Store::corruptionCountInc() {
   if (writable()) storeRelease(header().corruptionCount, header().corruptionCount + 1);
 }

@@ -39,7 +39,6 @@ class VESK_EXPORT Store : public Shard::ShardMapBase {
     return segment_->base() + geometry().slotOffset(slot);
   }
   uint64_t checksum(const unsigned char* record, uint32_t salt) const noexcept;
-  void requireWriter(const char* operation) const;
   void corruptionCountInc() override;
   void repaired(Nimbo::String message);
   [[noreturn]] void throwCorrupt(const Nimbo::String& message) const;

@@ -136,7 +136,7 @@ void VersionStore::writeSlot(Slot& s, const unsigned char* record) {
 }
 
 void VersionStore::insertOrReplace(const unsigned char* record) {
-  requireWriter("insert");
+  segment()->requireWritable("insert");
   segment()->checkHeader();
   const SegmentHeader& h = header();
   const uint64_t key = keyOf(record);
@@ -186,7 +186,7 @@ void VersionStore::replaceAt(uint64_t position, const unsigned char* record) {
 }
 
 bool VersionStore::erase(uint64_t key) {
-  requireWriter("erase");
+  segment()->requireWritable("erase");
   segment()->checkHeader();
   SegmentHeader& h = header();
   const uint64_t pos = lowerBound(h.head, h.tail, key);
