@@ -11,6 +11,7 @@
 #include <string>
 
 #include "KestShard/Shard.h"
+#include "support/TempShmRoot.h"
 #include "KestSharedMem/EntityManager.h"
 #include "KestSharedMem/MountGroup.h"
 
@@ -85,21 +86,7 @@ class TestShard : public KestShard::Shard {
 
 inline constexpr const char* kTestShardType = "ShardTest::TestShard";
 
-// A fresh shared-memory root for one test, removed afterwards.
-class TempRoot {
- public:
-  TempRoot() {
-    static std::atomic<int> counter{0};
-    path_ = "/dev/shm/vesk-test-" + std::to_string(::getpid()) + "-" + std::to_string(counter++);
-    std::filesystem::remove_all(path_);
-    ::setenv("VESK_SHM_ROOT", path_.c_str(), 1);
-  }
-  ~TempRoot() { std::filesystem::remove_all(path_); }
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
+using TempRoot = VeskTest::TempShmRoot;
 
 inline KestShard::MountInfo mountInfo(KestShard::KestShardType type, uint32_t recordCapacity,
                                       uint32_t logCapacity) {

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <cstdint>
+
+#include "Nimbo/Ptr.h"
+#include "Nimbo/String.h"
+
+namespace Asic {
+
+// The full name of a software table: its kind (0 for an ordered table), group, namespace
+// and table name. Immutable; shared by reference count.
+class CanonicalTableName : public Nimbo::Node {
+ public:
+  CanonicalTableName(uint8_t type, Nimbo::String groupName, Nimbo::String tableNamespace,
+                     Nimbo::String tableName)
+      : type_(type),
+        groupName_(std::move(groupName)),
+        tableNamespace_(std::move(tableNamespace)),
+        tableName_(std::move(tableName)) {}
+
+  uint8_t type() const noexcept { return type_; }
+  const Nimbo::String& groupName() const noexcept { return groupName_; }
+  const Nimbo::String& tableNamespace() const noexcept { return tableNamespace_; }
+  const Nimbo::String& tableName() const noexcept { return tableName_; }
+  // "<group>/<namespace>/<table>"
+  Nimbo::String name() const { return groupName_ + "/" + tableNamespace_ + "/" + tableName_; }
+
+  friend bool operator==(const CanonicalTableName& a, const CanonicalTableName& b) {
+    return a.type_ == b.type_ && a.groupName_ == b.groupName_ &&
+           a.tableNamespace_ == b.tableNamespace_ && a.tableName_ == b.tableName_;
+  }
+
+ private:
+  uint8_t type_;
+  Nimbo::String groupName_;
+  Nimbo::String tableNamespace_;
+  Nimbo::String tableName_;
+};
+
+}  // namespace Asic
