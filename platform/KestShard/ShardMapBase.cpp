@@ -1,13 +1,31 @@
 #include "KestShard/ShardMapBase.h"
 
-#include <cstdio>
+#include "Kest/Log.h"
+#include "Kest/Trace.h"
 
 namespace Shard {
+namespace {
+
+VESK_LOG_MESSAGE(kCorruption, "SHARD_CORRUPTION_DETECTED", "Shared-memory collection damaged: %s",
+                 "A record or header of a shared-memory collection failed its integrity check. "
+                 "The operation went on as if the record were absent.",
+                 "Compare the table with the hardware. If damage recurs, restart the agent so that "
+                 "the collection is rebuilt.",
+                 3);
+
+// At most ten reports a second reach the system log; the rest are counted.
+Kest::LogHandle& corruptionLog() {
+  static auto* handle = new Kest::LogHandle(kCorruption, Nimbo::Duration::seconds(1), 10.0, 0, 0);
+  return *handle;
+}
+
+}  // namespace
 
 void ShardMapBase::doCorruptionDetected(const Nimbo::String& message) {
   ++corruptions_;
   corruptionCountInc();
-  std::fprintf(stderr, "corruption detected in %s: %s\n", name_.c_str(), message.c_str());
+  VESK_TRACE(Kest::traceHandle("ShardMapBase"), 1, "ShardMapBase", "{}: {}", name_, message);
+  Kest::log(corruptionLog(), name_ + ": " + message);
 }
 
 }  // namespace Shard

@@ -2,6 +2,7 @@
 #include <sys/mman.h>
 
 #include "ShardTestSupport.h"
+#include "Kest/Log.h"
 #include "KestShard/SegmentLayout.h"
 #include "Nimbo/Exception.h"
 
@@ -64,6 +65,7 @@ TEST_F(CorruptionTest, IterationReportsADamagedRecordAndGoesPastIt) {
   auto shard = mountTestShard("walk");
   for (uint32_t id = 0; id < 50; ++id) shard->records.insertOrReplace(Record::of(id, 1));
   Damage(segmentFile(root, "walk", "records")).flipInside(Record::of(33, 1), 30);
+  Kest::LogCapture log;
   size_t good = 0, reported = 0;
   bool onDamaged = false;  // the iterator stands on the record it reported
   for (auto it = shard->records.begin(); it != shard->records.end();) {
@@ -83,6 +85,12 @@ TEST_F(CorruptionTest, IterationReportsADamagedRecordAndGoesPastIt) {
   EXPECT_EQ(good, 49u);
   EXPECT_EQ(reported, 1u);
   EXPECT_EQ(shard->records.map().corruptionsDetected(), 1u);
+  ASSERT_EQ(log.records().size(), 1u);
+  EXPECT_EQ(log.records()[0].name, "SHARD_CORRUPTION_DETECTED");
+  EXPECT_NE(log.records()[0].text.find("walk/records: "), std::string::npos) << log.records()[0].text;
+  EXPECT_NE(log.records()[0].text.find("fails its checksum"), std::string::npos);
+  EXPECT_EQ(shard->records.store().segment()->header().corruptionCount, 1u)
+      << "the count is kept in shared memory for other processes";
 }
 
 TEST_F(CorruptionTest, DamagedLogRecordIsReported) {
