@@ -38,8 +38,9 @@ class SwTableId {
 };
 
 // The table version of an entry log: every logged write, entry delete or unit delete
-// advances it by exactly one; 0 means none. Stored as eight bytes in shared-memory records.
-class LogVersion {
+// advances it by exactly one; 0 means none. Stored as eight bytes in shared-memory records,
+// where 64-bit fields are 4-byte aligned: hence its alignment of 4.
+class __attribute__((packed, aligned(4))) LogVersion {
  public:
   constexpr LogVersion() = default;
   constexpr explicit LogVersion(uint64_t value) : value_(value) {}
