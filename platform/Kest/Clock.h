@@ -1,20 +1,16 @@
 #pragma once
 
-#include <fmt/format.h>
-
 #include "Nimbo/Export.h"
 #include "Nimbo/Time.h"
 
 namespace Kest {
 
-// The current UTC time (CLOCK_REALTIME). Any thread.
+// The current UTC time (CLOCK_REALTIME): for timestamps people read. It can jump when the
+// system clock is set, so intervals are measured with monotonicNow(). Any thread.
 VESK_EXPORT Nimbo::Time nowUtc() noexcept;
 
-}  // namespace Kest
+// The current time on a clock that never goes back (CLOCK_MONOTONIC), from an arbitrary
+// origin: only differences between two readings mean something. Any thread.
+VESK_EXPORT Nimbo::Time monotonicNow() noexcept;
 
-// ISO 8601 in UTC with nanoseconds: 2026-11-22T12:45:01.123456789Z
-template <>
-struct VESK_EXPORT fmt::formatter<Nimbo::Time> {
-  constexpr auto parse(fmt::format_parse_context& ctx) { return ctx.begin(); }
-  fmt::format_context::iterator format(Nimbo::Time t, fmt::format_context& ctx) const;
-};
+}  // namespace Kest

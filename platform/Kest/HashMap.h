@@ -1,18 +1,22 @@
 #pragma once
 
-#include <compare>
+#include <algorithm>
+#include <concepts>
+#include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <memory>
+#include <new>
 #include <type_traits>
 #include <utility>
-#include <vector>
 
 #include "Kest/Hash.h"
 #include "Kest/HashSeed.h"
 
 namespace Kest {
 
-// Hashes a key with its own hash(seed) when it has one, else its bytes.
+// Hashes a key with its own hash(seed) when it has one, else its bytes (keys without
+// padding only, or equal keys could hash apart).
 template <class Key>
 struct DefaultHasher {
   uint32_t operator()(const Key& key, uint32_t seed) const noexcept {
@@ -25,158 +29,329 @@ struct DefaultHasher {
   }
 };
 
-// A salted hash map whose iteration order is the order of (hash, key): buckets are chosen
-// by the hash's high bits and chains are sorted, so the order does not change when the
-// table grows. That makes a key a position: find(key) or findOrNext(key) and walk forward,
-// and iterators stay valid across inserts, growth and the erasure of other elements.
-// The seed is the process's hashSeed() exclusive-or the map's salt. Keys need <=>.
-// Owned by value; single-threaded.
+// A salted hash map whose iteration order is the order of (hash, key), so that a key is a
+// position: find(key) or findOrNext(key) and walk forward. The order depends only on the
+// keys and the seed, never on the history of the map or on its size, which is what lets a
+// walk that holds its place as a key survive any change: findAfter(lastKey) resumes it.
+//
+// Open addressing with linear probing, kept sorted: a key's home slot is the top bits of
+// its hash, and each element sits at its home or, when that is taken, right after the
+// element before it. Lookups stop at the first larger element; inserting shifts the rest
+// of a run right, erasing shifts it back. At most 3/4 of the home slots are used; a run
+// may spill past the last home into a tail that grows as needed. No allocation except on
+// growth. The seed is hashSeed() mixed with the map's salt, so that two maps of one
+// process, or one map in two processes, do not share an order.
+//
+// Keys need == and <, and copy without throwing (they are fixed-size records); values
+// move without throwing. Iterators are invalidated by every insert and erase except the
+// one erase(it) returns. Owned by value; single-threaded.
 template <class Key, class Value, class Hasher = DefaultHasher<Key>>
 class HashMap2018 {
-  struct Node {
-    uint32_t hash;
-    Node* next;
-    std::pair<const Key, Value> item;
-  };
+  static_assert(std::is_nothrow_copy_constructible_v<Key>, "keys are moved by copying");
+  static_assert(std::is_nothrow_move_constructible_v<Value>, "values must move without throwing");
 
  public:
-  class Iterator {
+  using Item = std::pair<const Key, Value>;
+
+ private:
+  struct Slot {
+    uint32_t hash;
+    uint32_t full;
+    alignas(Item) unsigned char bytes[sizeof(Item)];
+    Item& item() noexcept { return *std::launder(reinterpret_cast<Item*>(bytes)); }
+    const Item& item() const noexcept {
+      return *std::launder(reinterpret_cast<const Item*>(bytes));
+    }
+  };
+
+  template <bool kConst>
+  class IteratorBase {
+    using Map = std::conditional_t<kConst, const HashMap2018, HashMap2018>;
+
    public:
-    Iterator() = default;
-    std::pair<const Key, Value>& operator*() const noexcept { return node_->item; }
-    std::pair<const Key, Value>* operator->() const noexcept { return &node_->item; }
-    Iterator& operator++() noexcept {
-      node_ = map_->successor(node_);
+    using iterator_category = std::forward_iterator_tag;
+    using value_type = Item;
+    using difference_type = std::ptrdiff_t;
+    using pointer = std::conditional_t<kConst, const Item*, Item*>;
+    using reference = std::conditional_t<kConst, const Item&, Item&>;
+
+    IteratorBase() = default;
+    // An Iterator converts to a ConstIterator.
+    template <bool kOther>
+      requires(kConst && !kOther)
+    IteratorBase(const IteratorBase<kOther>& o) noexcept : map_(o.map_), slot_(o.slot_) {}
+
+    reference operator*() const noexcept { return map_->slots_.at(slot_).item(); }
+    pointer operator->() const noexcept { return &**this; }
+    IteratorBase& operator++() noexcept {
+      slot_ = map_->nextFull(slot_ + 1);
       return *this;
     }
-    friend bool operator==(const Iterator& a, const Iterator& b) noexcept { return a.node_ == b.node_; }
+    IteratorBase operator++(int) noexcept {
+      IteratorBase before = *this;
+      ++*this;
+      return before;
+    }
+    friend bool operator==(const IteratorBase& a, const IteratorBase& b) noexcept {
+      return a.slot_ == b.slot_;
+    }
 
    private:
     friend class HashMap2018;
-    Iterator(const HashMap2018* map, Node* node) : map_(map), node_(node) {}
-    const HashMap2018* map_ = nullptr;
-    Node* node_ = nullptr;
+    template <bool>
+    friend class IteratorBase;
+    IteratorBase(Map* map, size_t slot) : map_(map), slot_(slot) {}
+    Map* map_ = nullptr;
+    size_t slot_ = 0;
   };
 
-  explicit HashMap2018(uint32_t salt = 0) : seed_(hashSeed() ^ salt) {}
-  HashMap2018(const HashMap2018&) = delete;
-  HashMap2018& operator=(const HashMap2018&) = delete;
-  ~HashMap2018() { clear(); }
+  // The slot array with its own lifetime management, so that growth is exception-safe.
+  class Slots {
+   public:
+    Slots() = default;
+    explicit Slots(size_t length) : slots_(std::make_unique<Slot[]>(length)), length_(length) {}
+    Slots(const Slots& o) : Slots(o.length_) {
+      for (size_t i = 0; i < length_; ++i) {
+        if (o.slots_[i].full) construct(i, o.slots_[i].hash, o.slots_[i].item());
+      }
+    }
+    Slots(Slots&& o) noexcept : slots_(std::move(o.slots_)), length_(std::exchange(o.length_, 0)) {}
+    Slots& operator=(Slots o) noexcept {
+      std::swap(slots_, o.slots_);
+      std::swap(length_, o.length_);
+      return *this;
+    }
+    ~Slots() {
+      for (size_t i = 0; i < length_; ++i) {
+        if (slots_[i].full) std::destroy_at(&slots_[i].item());
+      }
+    }
+
+    size_t length() const noexcept { return length_; }
+    Slot& at(size_t i) noexcept { return slots_[i]; }
+    const Slot& at(size_t i) const noexcept { return slots_[i]; }
+    bool full(size_t i) const noexcept { return slots_[i].full; }
+
+    template <class... Args>
+    void construct(size_t i, uint32_t hash, Args&&... args) {
+      std::construct_at(reinterpret_cast<Item*>(slots_[i].bytes), std::forward<Args>(args)...);
+      slots_[i].hash = hash;
+      slots_[i].full = 1;
+    }
+    void destroy(size_t i) noexcept {
+      std::destroy_at(&slots_[i].item());
+      slots_[i].full = 0;
+    }
+    // Moves the element of slot `from` into the empty slot `to`.
+    void move(size_t from, size_t to) noexcept {
+      construct(to, slots_[from].hash, std::move(slots_[from].item()));
+      destroy(from);
+    }
+
+   private:
+    std::unique_ptr<Slot[]> slots_;
+    size_t length_ = 0;
+  };
+
+ public:
+  using Iterator = IteratorBase<false>;
+  using ConstIterator = IteratorBase<true>;
+
+  explicit HashMap2018(uint32_t salt = 0, Hasher hasher = Hasher())
+      : hasher_(std::move(hasher)), seed_(uint32_t(mix64(hashSeed(), salt))) {}
+  HashMap2018(const HashMap2018&) = default;
+  HashMap2018(HashMap2018&& o) noexcept
+      : hasher_(std::move(o.hasher_)),
+        seed_(o.seed_),
+        bits_(std::exchange(o.bits_, 0)),
+        size_(std::exchange(o.size_, 0)),
+        slots_(std::move(o.slots_)) {}
+  HashMap2018& operator=(HashMap2018 o) noexcept {
+    swap(o);
+    return *this;
+  }
+  void swap(HashMap2018& o) noexcept {
+    std::swap(hasher_, o.hasher_);
+    std::swap(seed_, o.seed_);
+    std::swap(bits_, o.bits_);
+    std::swap(size_, o.size_);
+    std::swap(slots_, o.slots_);
+  }
 
   size_t size() const noexcept { return size_; }
   bool empty() const noexcept { return size_ == 0; }
+  uint32_t seed() const noexcept { return seed_; }
 
-  Iterator begin() const noexcept { return Iterator(this, firstFrom(0)); }
-  Iterator end() const noexcept { return Iterator(this, nullptr); }
+  Iterator begin() noexcept { return Iterator(this, nextFull(0)); }
+  Iterator end() noexcept { return Iterator(this, slots_.length()); }
+  ConstIterator begin() const noexcept { return ConstIterator(this, nextFull(0)); }
+  ConstIterator end() const noexcept { return ConstIterator(this, slots_.length()); }
 
-  Iterator find(const Key& key) const noexcept {
-    Node* n = lowerBound(hasher_(key, seed_), key);
-    return Iterator(this, n && n->item.first == key ? n : nullptr);
+  Iterator find(const Key& key) noexcept { return Iterator(this, slotOf(key)); }
+  ConstIterator find(const Key& key) const noexcept { return ConstIterator(this, slotOf(key)); }
+  bool contains(const Key& key) const noexcept { return slotOf(key) != slots_.length(); }
+
+  // The element at `key` or, when the map does not hold it, the one that would follow it.
+  Iterator findOrNext(const Key& key) noexcept { return Iterator(this, slotAtOrAfter(key)); }
+  ConstIterator findOrNext(const Key& key) const noexcept {
+    return ConstIterator(this, slotAtOrAfter(key));
   }
-  // The element at `key`, or the one that would follow it.
-  Iterator findOrNext(const Key& key) const noexcept {
-    return Iterator(this, lowerBound(hasher_(key, seed_), key));
+  // The element that follows `key`, whether or not the map holds it: where a walk that
+  // last visited `key` goes on after the map changed.
+  Iterator findAfter(const Key& key) noexcept { return Iterator(this, slotAfter(key)); }
+  ConstIterator findAfter(const Key& key) const noexcept {
+    return ConstIterator(this, slotAfter(key));
   }
-  bool contains(const Key& key) const noexcept { return find(key) != end(); }
 
-  // Inserts or replaces; returns the element and whether it is new.
+  // Inserts or replaces the value of `key`; returns the element and whether it is new.
   std::pair<Iterator, bool> insertOrReplace(const Key& key, Value value) {
-    const uint32_t h = hasher_(key, seed_);
-    Node** link = position(h, key);
-    if (*link && (*link)->item.first == key) {
-      (*link)->item.second = std::move(value);
-      return {Iterator(this, *link), false};
+    const uint32_t hash = hashOf(key);
+    size_t slot = probe(hash, key);
+    if (holds(slot, hash, key)) {
+      slots_.at(slot).item().second = std::move(value);
+      return {Iterator(this, slot), false};
     }
-    Node* node = new Node{h, *link, {key, std::move(value)}};
-    *link = node;
-    if (++size_ > buckets_.size()) grow();
-    return {Iterator(this, node), true};
+    if (size_ + 1 > maxSize(bits_)) {
+      relayout(std::max(bits_ + 1, kMinBits), 0);
+      slot = probe(hash, key);
+    }
+    slot = makeRoom(hash, key, slot);
+    slots_.construct(slot, hash, key, std::move(value));
+    ++size_;
+    return {Iterator(this, slot), true};
   }
 
-  bool erase(const Key& key) {
-    Iterator it = find(key);
-    if (it == end()) return false;
-    erase(it);
+  bool erase(const Key& key) noexcept {
+    const size_t slot = slotOf(key);
+    if (slot == slots_.length()) return false;
+    eraseSlot(slot);
     return true;
   }
   // Erases the element and returns the one after it.
-  Iterator erase(Iterator it) {
-    Node* node = it.node_;
-    Node* next = successor(node);
-    Node** link = &buckets_[bucketOf(node->hash)];
-    while (*link != node) link = &(*link)->next;
-    *link = node->next;
-    delete node;
-    --size_;
-    return Iterator(this, next);
-  }
+  Iterator erase(ConstIterator it) noexcept { return Iterator(this, eraseSlot(it.slot_)); }
 
+  // Empties the map and gives its memory back.
   void clear() noexcept {
-    for (Node*& head : buckets_) {
-      while (head) delete std::exchange(head, head->next);
-    }
+    slots_ = Slots();
+    bits_ = 0;
     size_ = 0;
   }
-
-  uint32_t seed() const noexcept { return seed_; }
+  // Makes room for `count` elements, so that inserting them does not grow the map.
+  void reserve(size_t count) {
+    uint32_t bits = std::max(bits_, kMinBits);
+    while (maxSize(bits) < count) ++bits;
+    if (bits != bits_) relayout(bits, 0);
+  }
 
  private:
-  size_t bucketOf(uint32_t hash) const noexcept { return bits_ ? hash >> (32 - bits_) : 0; }
+  static constexpr uint32_t kMinBits = 3;
 
-  static bool before(const Node* n, uint32_t hash, const Key& key) noexcept {
-    return n->hash < hash || (n->hash == hash && n->item.first < key);
+  static size_t maxSize(uint32_t bits) noexcept { return bits ? (size_t(3) << bits) / 4 : 0; }
+  static size_t tailFor(uint32_t bits) noexcept { return 8 + (size_t(1) << bits) / 16; }
+
+  // Fibonacci hashing spreads a weak hasher's low bits into the top bits used as home.
+  uint32_t hashOf(const Key& key) const noexcept {
+    return uint32_t(hasher_(key, seed_)) * 0x9e3779b1u;
+  }
+  static size_t homeIn(uint32_t hash, uint32_t bits) noexcept {
+    return bits ? hash >> (32 - bits) : 0;
+  }
+  size_t homeOf(uint32_t hash) const noexcept { return homeIn(hash, bits_); }
+
+  // Whether the element in `slot` comes before (hash, key) in the map's order.
+  bool before(size_t slot, uint32_t hash, const Key& key) const noexcept {
+    const Slot& s = slots_.at(slot);
+    return s.hash < hash || (s.hash == hash && s.item().first < key);
+  }
+  bool holds(size_t slot, uint32_t hash, const Key& key) const noexcept {
+    if (slot == slots_.length() || !slots_.full(slot)) return false;
+    const Slot& s = slots_.at(slot);
+    return s.hash == hash && s.item().first == key;
+  }
+  // The slot where (hash, key) is, or where it belongs: the first from its home that is
+  // empty or holds a larger element. The length when that is past the last slot.
+  size_t probe(uint32_t hash, const Key& key) const noexcept {
+    size_t slot = homeOf(hash);
+    while (slot < slots_.length() && slots_.full(slot) && before(slot, hash, key)) ++slot;
+    return std::min(slot, slots_.length());
+  }
+  size_t nextFull(size_t slot) const noexcept {
+    while (slot < slots_.length() && !slots_.full(slot)) ++slot;
+    return std::min(slot, slots_.length());
+  }
+  size_t nextEmpty(size_t slot) const noexcept {
+    while (slot < slots_.length() && slots_.full(slot)) ++slot;
+    return slot;
   }
 
-  // The link where (hash, key) is or would be.
-  Node** position(uint32_t hash, const Key& key) noexcept {
-    Node** link = &buckets_[bucketOf(hash)];
-    while (*link && before(*link, hash, key)) link = &(*link)->next;
-    return link;
+  size_t slotOf(const Key& key) const noexcept {
+    const uint32_t hash = hashOf(key);
+    const size_t slot = probe(hash, key);
+    return holds(slot, hash, key) ? slot : slots_.length();
+  }
+  size_t slotAtOrAfter(const Key& key) const noexcept { return nextFull(probe(hashOf(key), key)); }
+  size_t slotAfter(const Key& key) const noexcept {
+    const uint32_t hash = hashOf(key);
+    const size_t slot = probe(hash, key);
+    return nextFull(holds(slot, hash, key) ? slot + 1 : slot);
   }
 
-  Node* lowerBound(uint32_t hash, const Key& key) const noexcept {
-    size_t b = bucketOf(hash);
-    for (Node* n = buckets_[b]; n; n = n->next) {
-      if (!before(n, hash, key)) return n;
+  // Empties `slot`, where (hash, key) belongs, by shifting the run from there one slot to
+  // the right; lengthens the tail first when the run reaches the end. Returns the slot.
+  size_t makeRoom(uint32_t hash, const Key& key, size_t slot) {
+    size_t empty = nextEmpty(slot);
+    if (empty == slots_.length()) {
+      relayout(bits_, slots_.length() + tailFor(bits_));
+      slot = probe(hash, key);
+      empty = nextEmpty(slot);
     }
-    return firstFrom(b + 1);
+    for (; empty > slot; --empty) slots_.move(empty - 1, empty);
+    return slot;
   }
 
-  Node* firstFrom(size_t bucket) const noexcept {
-    for (; bucket < buckets_.size(); ++bucket) {
-      if (buckets_[bucket]) return buckets_[bucket];
+  // Removes the element in `slot`, pulls back the elements behind it that are not at
+  // their home, and returns the slot of the element that followed it.
+  size_t eraseSlot(size_t slot) noexcept {
+    slots_.destroy(slot);
+    --size_;
+    for (size_t next = slot + 1; next < slots_.length() && slots_.full(next) &&
+                                 homeOf(slots_.at(next).hash) < next;
+         ++next) {
+      slots_.move(next, next - 1);
     }
-    return nullptr;
+    return nextFull(slot);
   }
 
-  Node* successor(const Node* node) const noexcept {
-    return node->next ? node->next : firstFrom(bucketOf(node->hash) + 1);
-  }
-
-  // Doubles the buckets; each old chain splits, in order, into two adjacent new ones.
-  void grow() {
-    std::vector<Node*> old(buckets_.size() * 2, nullptr);
-    old.swap(buckets_);
-    ++bits_;
-    std::vector<Node**> tails(buckets_.size());
-    for (size_t b = 0; b < buckets_.size(); ++b) tails[b] = &buckets_[b];
-    for (Node* head : old) {
-      while (head) {
-        Node* next = head->next;
-        size_t b = bucketOf(head->hash);
-        head->next = nullptr;
-        *tails[b] = head;
-        tails[b] = &head->next;
-        head = next;
-      }
+  // Moves every element to a table of 2^bits homes. Elements keep their order, each at
+  // its new home or right after the one before it; the tail is at least what that needs.
+  void relayout(uint32_t bits, size_t minLength) {
+    size_t length = std::max(minLength, (size_t(1) << bits) + tailFor(bits));
+    length = std::max(length, placedLength(bits) + tailFor(bits));
+    Slots fresh(length);
+    size_t nextFree = 0;
+    for (size_t i = nextFull(0); i < slots_.length(); i = nextFull(i + 1)) {
+      const size_t to = std::max(homeIn(slots_.at(i).hash, bits), nextFree);
+      fresh.construct(to, slots_.at(i).hash, std::move(slots_.at(i).item()));
+      slots_.destroy(i);
+      nextFree = to + 1;
     }
+    slots_ = std::move(fresh);
+    bits_ = bits;
+  }
+  // The slots the elements would span in a table of 2^bits homes.
+  size_t placedLength(uint32_t bits) const noexcept {
+    size_t nextFree = 0;
+    for (size_t i = nextFull(0); i < slots_.length(); i = nextFull(i + 1)) {
+      nextFree = std::max(homeIn(slots_.at(i).hash, bits), nextFree) + 1;
+    }
+    return nextFree;
   }
 
   Hasher hasher_;
   uint32_t seed_;
-  uint32_t bits_ = 0;
+  uint32_t bits_ = 0;  // log2 of the number of home slots; 0 before the first insert
   size_t size_ = 0;
-  std::vector<Node*> buckets_ = std::vector<Node*>(1, nullptr);
+  Slots slots_;
 };
 
 }  // namespace Kest

@@ -6,8 +6,10 @@
 
 namespace Kest {
 
-// The process-wide hash seed: random for each process, so that hash order cannot be
-// predicted from outside, unless VESK_HASH_SEED gives one (for reproducible runs).
+// The process-wide hash seed under every salted in-memory hash map: random for each
+// process, so that nobody outside can choose keys that collide, unless the environment
+// variable VESK_HASH_SEED gives one (decimal or 0x-hex), so that a run, its iteration
+// orders included, can be reproduced. Read once; any thread.
 VESK_EXPORT uint32_t hashSeed() noexcept;
 
 }  // namespace Kest

@@ -1,19 +1,21 @@
 #include "Kest/Log.h"
 
+#include <errno.h>
 #include <syslog.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
+#include <cmath>
 #include <map>
 
 #include "Kest/Clock.h"
+#include "Nimbo/Assert.h"
 
 namespace Kest {
 namespace {
 
-std::map<Nimbo::String, LogHandle*>& handles() {
-  static auto* registered = new std::map<Nimbo::String, LogHandle*>;
+// Live handles by message name; several may share a name (two libraries, one message).
+std::map<std::string, std::vector<LogHandle*>, std::less<>>& handles() {
+  static auto* registered = new std::map<std::string, std::vector<LogHandle*>, std::less<>>;
   return *registered;
 }
 
@@ -23,6 +25,7 @@ LogCapture*& currentCapture() {
 }
 
 void openSystemLog() {
+  // NDELAY connects now, so the first message is not lost to a later chroot or fd limit.
   static const bool opened = [] {
     openlog(program_invocation_short_name, LOG_PID | LOG_NDELAY, LOG_USER);
     return true;
@@ -32,32 +35,41 @@ void openSystemLog() {
 
 }  // namespace
 
-LogHandle::LogHandle(const LogMessageDescriptor& descriptor, Nimbo::Duration interval, double burst,
-                     uint32_t logged, uint32_t suppressed)
+LogHandle::LogHandle(const LogMessageDescriptor& descriptor, Nimbo::Duration minInterval,
+                     double rate, uint32_t burst, uint32_t suppressed)
     : descriptor_(descriptor),
-      interval_(interval),
-      burst_(std::max(burst, 1.0)),
+      minInterval_(minInterval),
+      rate_(rate),
+      burst_(burst ? double(burst) : std::max(1.0, std::ceil(rate))),
       tokens_(burst_),
-      logged_(logged),
       suppressed_(suppressed) {
-  handles()[descriptor.name] = this;
+  VESK_ASSERT(descriptor.name && descriptor.format);
+  VESK_ASSERT(descriptor.severity <= LOG_DEBUG);
+  VESK_ASSERT(minInterval.ns() >= 0 && rate >= 0);
+  handles()[descriptor.name].push_back(this);
 }
 
 LogHandle::~LogHandle() {
   auto it = handles().find(descriptor_.name);
-  if (it != handles().end() && it->second == this) handles().erase(it);
+  std::erase(it->second, this);
+  if (it->second.empty()) handles().erase(it);
 }
 
-LogHandle* LogHandle::find(const Nimbo::String& name) {
-  auto it = handles().find(name);
-  return it == handles().end() ? nullptr : it->second;
+void LogHandle::refill(Nimbo::Time now) noexcept {
+  if (!started_) {
+    started_ = true;  // the bucket starts full at the first message
+  } else if (now > refilled_) {
+    const double intervals = double((now - refilled_).ns()) / double(minInterval_.ns());
+    tokens_ = std::min(burst_, tokens_ + intervals * rate_);
+  } else {
+    return;
+  }
+  refilled_ = now;
 }
 
-bool LogHandle::admit(Nimbo::Time now) {
-  if (!interval_.zero()) {
-    const double elapsed = double((now - refilled_).ns()) / double(interval_.ns());
-    tokens_ = std::min(burst_, tokens_ + std::max(elapsed, 0.0) * burst_);
-    refilled_ = now;
+bool LogHandle::admit(Nimbo::Time now) noexcept {
+  if (!minInterval_.zero()) {
+    refill(now);
     if (tokens_ < 1.0) {
       ++suppressed_;
       return false;
@@ -68,7 +80,12 @@ bool LogHandle::admit(Nimbo::Time now) {
   return true;
 }
 
-std::string formatLogMessage(const char* format, const Nimbo::String& argument) {
+LogHandle* findLogHandle(std::string_view name) {
+  auto it = handles().find(name);
+  return it == handles().end() ? nullptr : it->second.back();
+}
+
+std::string logText(const char* format, std::string_view argument) {
   std::string text;
   bool substituted = false;
   for (const char* p = format; *p; ++p) {
@@ -87,16 +104,29 @@ std::string formatLogMessage(const char* format, const Nimbo::String& argument) 
 }
 
 void log(LogHandle& handle, const Nimbo::String& argument) {
-  if (!handle.admit(nowUtc())) return;
+  if (!handle.admit(monotonicNow())) return;
   const LogMessageDescriptor& d = handle.descriptor();
-  std::string text = formatLogMessage(d.format, argument);
+  std::string text = logText(d.format, argument);
   openSystemLog();
-  syslog(int(d.severity & 7), "%s: %s", d.name, text.c_str());
-  if (LogCapture* capture = currentCapture()) capture->add({d.name, d.severity, std::move(text)});
+  syslog(int(d.severity), "%%%s: %s", d.name, text.c_str());  // the text is data, not a format
+  if (LogCapture* capture = currentCapture()) {
+    capture->records_.push_back({d.name, d.severity, std::move(text), nowUtc()});
+  }
 }
 
 LogCapture::LogCapture() : previous_(currentCapture()) { currentCapture() = this; }
 
 LogCapture::~LogCapture() { currentCapture() = previous_; }
+
+std::vector<std::string> LogCapture::texts() const {
+  std::vector<std::string> out;
+  for (const LogRecord& r : records_) out.push_back(r.text);
+  return out;
+}
+
+bool LogCapture::hasText(std::string_view exactText) const {
+  return std::any_of(records_.begin(), records_.end(),
+                     [&](const LogRecord& r) { return r.text == exactText; });
+}
 
 }  // namespace Kest

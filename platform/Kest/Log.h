@@ -2,40 +2,29 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
+#include "Kest/LogMessage.h"
 #include "Nimbo/Export.h"
 #include "Nimbo/String.h"
 #include "Nimbo/Time.h"
 
 namespace Kest {
 
-// What an operator is told about one kind of event: the message's name, a printf-style
-// format with at most one "%s", an explanation, the recommended action and a syslog
-// severity (0 emergency ... 7 debug). Libraries keep their descriptors in the
-// "vesk_log_messages" data section (VESK_LOG_MESSAGE) so tools can list them from a binary.
-struct LogMessageDescriptor {
-  const char* name;
-  const char* format;
-  const char* explanation;
-  const char* recommendedAction;
-  uint32_t severity;
-  uint32_t reserved;
-};
-
-#define VESK_LOG_MESSAGE(variable, name, format, explanation, action, severity)               \
-  __attribute__((section("vesk_log_messages"), used)) constinit ::Kest::LogMessageDescriptor \
-      variable {                                                                             \
-    name, format, explanation, action, severity, 0                                           \
-  }
-
-// A registered use of a descriptor, with its own rate limit: at most `burst` messages per
-// `interval` (a zero interval means no limit); the rest are counted as suppressed.
-// Registered by name while it lives. Single-threaded.
+// A place in the code that writes one kind of message to the system log, with its own
+// rate limit and counts. The limit is a token bucket: at most `burst` messages back to
+// back, then `rate` messages per `minInterval` (rate 1, burst 1: one message per
+// interval; burst 0: one interval's worth); a zero interval means no limit. The bucket
+// runs on the monotonic clock, so setting the system time neither floods nor silences
+// the log. Messages held back are counted as
+// suppressed; `suppressed` is the count to start from, so that a handle re-made after a
+// restart can go on counting. Registered by its message name while it lives. Usually a
+// static of the class that logs. Single-threaded: the agent's event thread.
 class VESK_EXPORT LogHandle {
  public:
-  LogHandle(const LogMessageDescriptor& descriptor, Nimbo::Duration interval, double burst,
-            uint32_t logged, uint32_t suppressed);
+  LogHandle(const LogMessageDescriptor& descriptor, Nimbo::Duration minInterval, double rate,
+            uint32_t burst, uint32_t suppressed);
   ~LogHandle();
   LogHandle(const LogHandle&) = delete;
   LogHandle& operator=(const LogHandle&) = delete;
@@ -43,38 +32,49 @@ class VESK_EXPORT LogHandle {
   const LogMessageDescriptor& descriptor() const noexcept { return descriptor_; }
   uint32_t logged() const noexcept { return logged_; }
   uint32_t suppressed() const noexcept { return suppressed_; }
-  // Whether a message may go out now; counts it either way.
-  bool admit(Nimbo::Time now);
 
-  // The registered handle of that message name, or null.
-  static LogHandle* find(const Nimbo::String& name);
+  // Whether a message at monotonic time `now` may go out; counts it either way.
+  bool admit(Nimbo::Time now) noexcept;
 
  private:
+  void refill(Nimbo::Time now) noexcept;
+
   const LogMessageDescriptor& descriptor_;
-  Nimbo::Duration interval_;
-  double burst_;
+  const Nimbo::Duration minInterval_;
+  const double rate_;
+  const double burst_;
   double tokens_;
+  bool started_ = false;
   Nimbo::Time refilled_;
-  uint32_t logged_;
+  uint32_t logged_ = 0;
   uint32_t suppressed_;
 };
 
-// One message as the system log and the capture received it.
+// The live handle registered last under that message name, or null.
+VESK_EXPORT LogHandle* findLogHandle(std::string_view name);
+
+// Writes the handle's message, its format applied to `argument`, to the system log at
+// the descriptor's severity as "%NAME: text", and to the current LogCapture, unless the
+// handle's rate limit holds it back. The argument is inserted as is, never read as a
+// format.
+VESK_EXPORT void log(LogHandle& handle, const Nimbo::String& argument);
+
+// `format` with its first "%s" replaced by `argument` and each "%%" by "%"; any other "%"
+// stays as written.
+VESK_EXPORT std::string logText(const char* format, std::string_view argument);
+
+// One message as the system log received it.
 struct LogRecord {
   std::string name;
   uint32_t severity;
   std::string text;
+  Nimbo::Time time;
+  // The line as written to the system log.
+  std::string line() const { return "%" + name + ": " + text; }
 };
 
-// Writes the handle's message, its format applied to `argument`, to the system log
-// (syslog(3), "<name>: <text>") and to the current capture, unless its rate limit holds it
-// back. The argument is never read as a format.
-VESK_EXPORT void log(LogHandle& handle, const Nimbo::String& argument);
-
-// The descriptor's format with its "%s" replaced by `argument` and "%%" by "%".
-VESK_EXPORT std::string formatLogMessage(const char* format, const Nimbo::String& argument);
-
-// While alive, receives every message logged (in addition to the system log).
+// While alive, receives every message written to the system log; the newest capture wins
+// and the previous one resumes when it goes. For tests. Single-threaded.
 class VESK_EXPORT LogCapture {
  public:
   LogCapture();
@@ -83,9 +83,13 @@ class VESK_EXPORT LogCapture {
   LogCapture& operator=(const LogCapture&) = delete;
 
   const std::vector<LogRecord>& records() const noexcept { return records_; }
-  void add(LogRecord record) { records_.push_back(std::move(record)); }
+  std::vector<std::string> texts() const;
+  bool hasText(std::string_view exactText) const;
+  void clear() noexcept { records_.clear(); }
 
  private:
+  friend void log(LogHandle&, const Nimbo::String&);
+
   LogCapture* previous_;
   std::vector<LogRecord> records_;
 };

@@ -19,19 +19,21 @@ struct TraceRecord {
   std::string file;
   std::string function;
   std::string className;
-  uint8_t level;
+  unsigned level;
   std::string text;
   Nimbo::Time time;
 };
 
-// A named trace channel with a level mask: a message at level N is written only when bit N
-// is set. Handles are created on first use by traceHandle(name) and live for the process;
-// their masks come from VESK_TRACE when they are created. Tracing a disabled level costs one
-// load and one branch: the text is formatted only when the bit is set (see VESK_TRACE).
-// Masks may be read from any thread; records are written under a lock.
+// A named trace channel with a 32-bit level mask: a message at level N is written only
+// when bit N is set. Handles are made on first use by traceHandle(name) and live as long
+// as the process, so a class may keep a reference to its handle in a static. A new
+// handle's mask comes from the program's trace setting (traceConfigIs) or, when the
+// program set none, from VESK_TRACE as it is at that moment. A disabled level costs one
+// load and one branch: VESK_TRACE formats only when the bit is set.
+// Masks may be read and set from any thread; records are written under a lock.
 class VESK_EXPORT TraceHandle {
  public:
-  explicit TraceHandle(std::string name, uint32_t mask) : name_(std::move(name)), mask_(mask) {}
+  TraceHandle(std::string name, uint32_t mask) : name_(std::move(name)), mask_(mask) {}
   TraceHandle(const TraceHandle&) = delete;
   TraceHandle& operator=(const TraceHandle&) = delete;
 
@@ -42,37 +44,32 @@ class VESK_EXPORT TraceHandle {
   uint32_t levelMask() const noexcept { return mask_.load(std::memory_order_relaxed); }
   void levelMaskIs(uint32_t mask) noexcept { mask_.store(mask, std::memory_order_relaxed); }
 
-  // Hands a formatted record to the current sink. Callers check enabled() first.
+  // Hands a formatted record to the current sink. VESK_TRACE checks enabled() first.
   void emit(unsigned level, const char* file, const char* function, const char* className,
             std::string text) const;
 
-  template <class... Args>
-  void trace(unsigned level, const char* file, const char* function, const char* className,
-             fmt::format_string<Args...> format, Args&&... args) const {
-    if (enabled(level)) {
-      emit(level, file, function, className, fmt::format(format, std::forward<Args>(args)...));
-    }
-  }
-
  private:
-  std::string name_;
+  const std::string name_;
   std::atomic<uint32_t> mask_;
 };
 
-// The handle of that name, created on first use.
+// The handle of that name, made on first use; the reference stays valid for the process.
 VESK_EXPORT TraceHandle& traceHandle(std::string_view name);
 
-// Applies a trace setting to every existing and future handle, replacing the one from
-// VESK_TRACE: comma-separated items "Name/levels", where levels are N, A-B or N+M+...,
-// and the name "*" stands for every handle. Returns the items it could not read.
-VESK_EXPORT std::vector<std::string> traceConfigIs(std::string_view spec);
+// Makes `setting` (same syntax as VESK_TRACE) the program's trace setting: it replaces
+// the masks of every existing handle and gives new handles theirs, in place of
+// VESK_TRACE. Malformed items are reported on stderr, ignored, and returned.
+VESK_EXPORT std::vector<std::string> traceConfigIs(std::string_view setting);
+// Drops the program's trace setting: handles, existing and new, follow VESK_TRACE again.
+VESK_EXPORT void traceConfigDel();
 
-// Sends records to a file (appending) instead of stderr; an empty path goes back to stderr.
-// Throws Nimbo::SystemException when the file cannot be opened.
+// Sends records to the file at `path` (appending) instead of stderr; an empty path goes
+// back to stderr. Throws Nimbo::SystemException when the file cannot be opened.
 VESK_EXPORT void traceFileIs(const std::string& path);
 
-// While alive, receives every record instead of the stderr or file sink (the newest capture
-// wins). For tests and for programs that want the records themselves.
+// While alive, receives every record in place of the stderr or file sink; the newest
+// capture wins and the previous one resumes when it goes. For tests and for programs that
+// want the records themselves. Create and destroy it on one thread; accessors any thread.
 class VESK_EXPORT TraceCapture {
  public:
   TraceCapture();
@@ -81,24 +78,32 @@ class VESK_EXPORT TraceCapture {
   TraceCapture& operator=(const TraceCapture&) = delete;
 
   std::vector<TraceRecord> records() const;
+  // The texts of the records, of one handle when `handle` is not empty.
   std::vector<std::string> texts(std::string_view handle = {}) const;
-  bool contains(std::string_view text) const;
+  // The texts that contain `fragment`.
+  std::vector<std::string> textsContaining(std::string_view fragment) const;
+  bool hasText(std::string_view exactText) const;
   void clear();
 
+ private:
+  friend class TraceHandle;
   void add(TraceRecord record);
 
- private:
   TraceCapture* previous_;
   std::vector<TraceRecord> records_;
 };
 
 }  // namespace Kest
 
-// VESK_TRACE(handle, level, className, "format {}", args...): formats and writes the
-// record only when the handle enables the level.
-#define VESK_TRACE(handle, level, className, ...)                                        \
-  do {                                                                                   \
-    const ::Kest::TraceHandle& vesk_trace_handle_ = (handle);                            \
-    if (vesk_trace_handle_.enabled(level)) [[unlikely]]                                  \
-      vesk_trace_handle_.emit(level, __FILE__, __func__, className, fmt::format(__VA_ARGS__)); \
+// VESK_TRACE(handle, level, "ClassName", "format {}", args...): writes a record with the
+// source file and function when `handle` enables `level`; only then are the arguments
+// formatted. The format is checked at compile time (wrap a runtime one in fmt::runtime).
+#define VESK_TRACE(handle, level, className, ...)                                    \
+  do {                                                                               \
+    const ::Kest::TraceHandle& vesk_trace_handle_ = (handle);                        \
+    const unsigned vesk_trace_level_ = (level);                                      \
+    if (vesk_trace_handle_.enabled(vesk_trace_level_)) [[unlikely]] {                \
+      vesk_trace_handle_.emit(vesk_trace_level_, __FILE__, __func__, (className),    \
+                              ::fmt::format(__VA_ARGS__));                           \
+    }                                                                                \
   } while (0)

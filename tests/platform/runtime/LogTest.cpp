@@ -1,0 +1,118 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "Kest/Log.h"
+
+VESK_LOG_MESSAGE(kLoadError, "TEST_LOAD_ERROR", "Hardware abstraction error: unable to load item: %s",
+                 "An item could not be read back from the shared-memory entry log.",
+                 "Restart the agent; contact support if it persists.", 3);
+VESK_LOG_MESSAGE(kTableFull, "TEST_TABLE_FULL", "Table %s is 100%% full", "The table has no room.",
+                 "Remove entries.", 4);
+
+// Bounds of the section, made by the linker for sections named like C identifiers.
+extern "C" const Kest::LogMessageDescriptor __start_vesk_log_messages[];
+extern "C" const Kest::LogMessageDescriptor __stop_vesk_log_messages[];
+
+namespace {
+
+using Nimbo::Duration;
+using Nimbo::Time;
+
+// --- Descriptors ---
+
+TEST(LogMessage, DescriptorsLiveInTheirOwnSection) {
+  const Kest::LogMessageDescriptor* begin = __start_vesk_log_messages;
+  const Kest::LogMessageDescriptor* end = __stop_vesk_log_messages;
+  EXPECT_EQ(end - begin, 2) << "the two descriptors of this file, and nothing else";
+  std::vector<std::string> names;
+  for (const auto* d = begin; d != end; ++d) names.emplace_back(d->name);
+  EXPECT_NE(std::find(names.begin(), names.end(), "TEST_LOAD_ERROR"), names.end());
+  EXPECT_NE(std::find(names.begin(), names.end(), "TEST_TABLE_FULL"), names.end());
+}
+
+// --- Message text ---
+
+TEST(Log, TheArgumentFillsTheFormatAndTheCaptureSeesTheLine) {
+  Kest::LogCapture capture;
+  Kest::LogHandle handle(kLoadError, Duration(), 1.0, 1, 0);
+  Kest::log(handle, "entryLog::TapTunnelTerminationTcamEntry");
+  ASSERT_EQ(capture.records().size(), 1u);
+  const Kest::LogRecord& r = capture.records()[0];
+  EXPECT_EQ(r.text,
+            "Hardware abstraction error: unable to load item: entryLog::TapTunnelTerminationTcamEntry");
+  EXPECT_EQ(r.name, "TEST_LOAD_ERROR");
+  EXPECT_EQ(r.severity, 3u);
+  EXPECT_EQ(r.line(),
+            "%TEST_LOAD_ERROR: Hardware abstraction error: unable to load item: "
+            "entryLog::TapTunnelTerminationTcamEntry");
+  EXPECT_EQ(handle.logged(), 1u);
+}
+
+TEST(Log, PercentSignsInTheArgumentAreNeverReadAsAFormat) {
+  Kest::LogCapture capture;
+  Kest::LogHandle full(kTableFull, Duration(), 1.0, 1, 0);
+  Kest::log(full, "%s%n%d%%");
+  EXPECT_EQ(capture.texts(), std::vector<std::string>{"Table %s%n%d%% is 100% full"});
+}
+
+TEST(Log, OnlyTheFirstPercentSIsSubstituted) {
+  EXPECT_EQ(Kest::logText("a %% b %s c %s %d", "X"), "a % b X c %s %d");
+  EXPECT_EQ(Kest::logText("no argument", "X"), "no argument");
+  EXPECT_EQ(Kest::logText("trailing %", "X"), "trailing %");
+}
+
+// --- Rate limiting ---
+
+TEST(Log, AZeroIntervalMeansNoLimit) {
+  Kest::LogCapture capture;
+  Kest::LogHandle handle(kLoadError, Duration(), 0.0, 1, 0);
+  for (int i = 0; i < 50; ++i) Kest::log(handle, std::to_string(i));
+  EXPECT_EQ(capture.records().size(), 50u);
+  EXPECT_EQ(handle.suppressed(), 0u);
+}
+
+TEST(Log, ABurstGoesOutAndTheRestIsCountedAsSuppressed) {
+  Kest::LogCapture capture;
+  Kest::LogHandle handle(kLoadError, Duration::seconds(3600), 1.0, 2, 10);
+  for (int i = 0; i < 5; ++i) Kest::log(handle, std::to_string(i));
+  EXPECT_EQ(capture.texts(), (std::vector<std::string>{
+                                 "Hardware abstraction error: unable to load item: 0",
+                                 "Hardware abstraction error: unable to load item: 1"}));
+  EXPECT_EQ(handle.logged(), 2u);
+  EXPECT_EQ(handle.suppressed(), 13u) << "counting goes on from the count it was given";
+}
+
+TEST(Log, TheBucketRefillsAtTheRatePerInterval) {
+  Kest::LogHandle handle(kLoadError, Duration::seconds(1), 2.0, 3, 0);
+  const Time t0(1000000000);
+  for (int i = 0; i < 3; ++i) EXPECT_TRUE(handle.admit(t0)) << i;
+  EXPECT_FALSE(handle.admit(t0));
+  EXPECT_FALSE(handle.admit(t0 + Duration::milliseconds(400))) << "0.8 of a message regained";
+  EXPECT_TRUE(handle.admit(t0 + Duration::milliseconds(500)));
+  EXPECT_FALSE(handle.admit(t0 - Duration::seconds(5))) << "a clock going back regains nothing";
+  EXPECT_TRUE(handle.admit(t0 + Duration::seconds(60)));
+  EXPECT_TRUE(handle.admit(t0 + Duration::seconds(60)));
+  EXPECT_TRUE(handle.admit(t0 + Duration::seconds(60)));
+  EXPECT_FALSE(handle.admit(t0 + Duration::seconds(60))) << "never more than the burst";
+  EXPECT_EQ(handle.logged(), 7u);
+  EXPECT_EQ(handle.suppressed(), 4u);
+}
+
+// --- Registry ---
+
+TEST(Log, HandlesAreFoundByNameWhileTheyLive) {
+  EXPECT_EQ(Kest::findLogHandle("TEST_TABLE_FULL"), nullptr);
+  {
+    Kest::LogHandle first(kTableFull, Duration(), 1.0, 1, 0);
+    EXPECT_EQ(Kest::findLogHandle("TEST_TABLE_FULL"), &first);
+    {
+      Kest::LogHandle second(kTableFull, Duration(), 1.0, 1, 0);
+      EXPECT_EQ(Kest::findLogHandle("TEST_TABLE_FULL"), &second);
+    }
+    EXPECT_EQ(Kest::findLogHandle("TEST_TABLE_FULL"), &first);
+  }
+  EXPECT_EQ(Kest::findLogHandle("TEST_TABLE_FULL"), nullptr);
+}
+
+}  // namespace

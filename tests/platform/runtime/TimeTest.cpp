@@ -1,0 +1,59 @@
+#include <gtest/gtest.h>
+
+#include <ctime>
+
+#include "Kest/Clock.h"
+#include "Nimbo/Time.h"
+
+namespace {
+
+using Nimbo::Duration;
+using Nimbo::Time;
+
+// --- Formatting ---
+
+TEST(Time, FormatsAsUtcWithNanoseconds) {
+  EXPECT_EQ(fmt::format("{}", Time(1795351501123456789)), "2026-11-22T12:45:01.123456789Z");
+  EXPECT_EQ(fmt::format("{}", Time(0)), "1970-01-01T00:00:00.000000000Z");
+  EXPECT_EQ(fmt::format("{}", Time(-1)), "1969-12-31T23:59:59.999999999Z");
+  EXPECT_EQ(fmt::format("{}", Time(951782400000000007)), "2000-02-29T00:00:00.000000007Z");
+}
+
+TEST(Duration, FormatsAsSecondsWithTheSignInFront) {
+  EXPECT_EQ(fmt::format("{}", Duration::seconds(1) + Duration::milliseconds(500)), "1.500000000s");
+  EXPECT_EQ(fmt::format("{}", Duration::nanoseconds(-250)), "-0.000000250s");
+  EXPECT_EQ(fmt::format("{}", Duration::seconds(-2) - Duration::microseconds(1)), "-2.000001000s");
+}
+
+// --- Arithmetic ---
+
+TEST(Time, DifferencesAndOffsetsAreDurations) {
+  const Time t(1000);
+  EXPECT_EQ((t + Duration::microseconds(2)).ns(), 3000);
+  EXPECT_EQ((t - Duration::nanoseconds(1500)).ns(), -500);
+  EXPECT_EQ(Time(5000) - t, Duration::nanoseconds(4000));
+  EXPECT_LT(Duration::milliseconds(999), Duration::seconds(1));
+  EXPECT_EQ(Duration::milliseconds(3) * 4, Duration::milliseconds(12));
+  EXPECT_TRUE(Duration().zero());
+}
+
+// --- Clocks ---
+
+TEST(Clock, NowUtcIsTheSystemsCalendarTime) {
+  const int64_t before = std::time(nullptr);
+  const int64_t now = Kest::nowUtc().ns() / 1000000000;
+  const int64_t after = std::time(nullptr);
+  EXPECT_GE(now, before);
+  EXPECT_LE(now, after);
+}
+
+TEST(Clock, MonotonicTimeNeverGoesBack) {
+  Time previous = Kest::monotonicNow();
+  for (int i = 0; i < 1000; ++i) {
+    const Time now = Kest::monotonicNow();
+    ASSERT_GE(now, previous);
+    previous = now;
+  }
+}
+
+}  // namespace
