@@ -1,116 +1,97 @@
-// Shows what the shared-memory layer promises: a writer mounts a collection and stores
-// records, goes away, and a second process mounts the same collection and reads every
-// record back, unchanged, without rebuilding anything.
+// Shows what the shared-memory layer promises: a writer mounts a unit's configuration and
+// the change log of the default-forwarding entry table, stores entries, and exits; a second
+// process mounts the same collections read-only and finds every entry, unchanged, without
+// rebuilding anything.
 //
-//   vesktap-shm-demo [records]      (default 1000; VESK_SHM_ROOT picks the root)
+//   vesktap-shm-demo [entries]      (default 1000; VESK_SHM_ROOT picks the root)
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string>
 
 #include <fmt/format.h>
 
-#include "KestShard/Shard.h"
 #include "KestSharedMem/EntityManager.h"
 #include "KestSharedMem/MountGroup.h"
 #include "Nimbo/Exception.h"
+#include "types/TableShards.h"
 
 namespace {
 
-// A TCAM-style entry: priority and a value/mask match on destination MAC and VLAN, with
-// the index of the action it selects.
-struct EntryKey {
-  uint32_t priority;
-  uint16_t vlan;
-  uint16_t vlanMask;
-  uint8_t mac[6];
-  uint8_t macMask[6];
-};
-struct Entry {
-  EntryKey key;
-  uint32_t actionIndex;
-  uint64_t version;
-};
-struct KeyOf {
-  const EntryKey& operator()(const Entry& e) const { return e.key; }
-};
+using Traits = VeskTapAgg::DefaultFwdTcamEntryTraits;
+using ConfigShard = VeskTapAgg::DefaultFwdTcamEntryConfigShard;
+using LogShard = VeskTapAgg::DefaultFwdTcamEntryEntryLogShard;
+const Asic::UnitId kUnit(0);
 
-class DemoShard : public KestShard::Shard {
- public:
-  explicit DemoShard(const KestShard::MountContext& c)
-      : KestShard::Shard(c), entries(mountKeyed<Entry, KeyOf>(c, "swTableEntries")) {}
-  KestShard::KeyedCollection<Entry, KeyOf> entries;
-};
-KestShard::ShardTypeRegistration<DemoShard> registration("Demo::EntryShard");
-
-constexpr const char* kPath = "demo/unit0";
-
-Entry entryOf(uint32_t i) {
-  Entry e{};
-  e.key.priority = i;
-  e.key.vlan = uint16_t(100 + i % 4000);
-  e.key.vlanMask = 0x0fff;
-  for (int b = 0; b < 6; ++b) {
-    e.key.mac[b] = uint8_t(i >> (b * 3));
-    e.key.macMask[b] = 0xff;
-  }
-  e.actionIndex = i % 64;
-  e.version = i + 1;
-  return e;
+// Entry i: priority i, VLAN and destination MAC matched exactly, action i % 64.
+Traits::EntryKey keyOf(uint32_t i) {
+  Traits::EntryKey key{};
+  key.priority = i;
+  key.vlan = {uint16_t(100 + i % 4000), 0x0fff};
+  key.dstMac = {{0x00, 0x1c, 0x73, uint8_t(i >> 16), uint8_t(i >> 8), uint8_t(i)},
+                {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}};
+  key.actionIndex = i % 64;
+  return key;
 }
 
-Nimbo::Ptr<DemoShard> mount(KestShard::KestShardType type) {
-  auto em = KestSharedMem::EntityManager::getEntityManager("demo", true);
+template <class Shard>
+Nimbo::Ptr<Shard> mount(const Nimbo::String& path, KestShard::KestShardType type) {
+  auto em = KestSharedMem::EntityManager::getEntityManager("VeskTapAgg", true);
   KestShard::MountInfo info(type);
   info.collectionInfoIs({"swTableEntries", 65536, false});
+  info.collectionInfoIs({"entryLogConfig", 1000000, false});
   auto group = em->getMountGroup();
-  group->mount(kPath, "Demo::EntryShard", info);
+  group->mount(path, Shard::typeName, info);
   group->doClose();
-  return Nimbo::dynamicPtrCast<DemoShard>(em->getEntity(kPath));
+  return Nimbo::dynamicPtrCast<Shard>(em->getEntity(path));
 }
 
-int writer(uint32_t records) {
-  auto shard = mount(KestShard::KestShardType::writer);
-  for (uint32_t i = 0; i < records; ++i) shard->entries.insertOrReplace(entryOf(i));
-  shard->entries.control()->scratchpadIs(records);
-  fmt::print("writer  (pid {}): stored {} entries, scratchpad {}, wiped {}\n", getpid(),
-             shard->entries.count(), shard->entries.control()->scratchpad(),
-             shard->entries.control()->wiped());
+int writer(uint32_t entries) {
+  auto config = mount<ConfigShard>(Traits::Constants::configShardPath(kUnit), KestShard::KestShardType::writer);
+  auto log = mount<LogShard>(Traits::Constants::tableEntryLogShardPath(), KestShard::KestShardType::writer);
+  for (uint32_t i = 0; i < entries; ++i) {
+    const Asic::LogVersion version(i + 1);
+    config->swTableEntriesIs({{keyOf(i)}, {}, version, false, {}});
+    log->entryLogConfigIs({version, 0, 0, kUnit, keyOf(i)});
+  }
+  log->entryLogConfigColl().control()->scratchpadIs(entries);  // the table version
+  fmt::print("writer (pid {}): {} entries in {}, change log at version {}\n", getpid(),
+             config->swTableEntriesSize(), Traits::Constants::configShardPath(kUnit),
+             log->entryLogConfigColl().control()->scratchpad());
   return 0;
 }
 
-int reader(uint32_t records) {
-  auto shard = mount(KestShard::KestShardType::reader);
+int reader(uint32_t entries) {
+  auto config = mount<ConfigShard>(Traits::Constants::configShardPath(kUnit), KestShard::KestShardType::reader);
+  auto log = mount<LogShard>(Traits::Constants::tableEntryLogShardPath(), KestShard::KestShardType::reader);
   uint32_t same = 0;
-  for (uint32_t i = 0; i < records; ++i) {
-    const Entry written = entryOf(i);
-    auto e = shard->entries.find(written.key);
-    if (e && std::memcmp(&*e, &written, sizeof(Entry)) == 0) ++same;
+  for (uint32_t i = 0; i < entries; ++i) {
+    const auto stored = config->swTableEntries(keyOf(i));
+    if (stored.logEntry.key().isEq(keyOf(i)) && stored.logVersion == Asic::LogVersion(i + 1)) ++same;
   }
-  fmt::print("reader  (pid {}): found {} entries, {} of {} identical to what was written\n",
-             getpid(), shard->entries.count(), same, records);
+  fmt::print("reader (pid {}): {} of {} entries read back unchanged; change log holds {} records, "
+             "table version {}\n",
+             getpid(), same, entries, log->entryLogConfigSize(),
+             log->entryLogConfigColl().control()->scratchpad());
   int shown = 0;
-  for (auto it = shard->entries.begin(); it != shard->entries.end() && shown < 3; ++it, ++shown) {
-    fmt::print("  priority {:5} vlan {:4}/{:#05x} mac {:02x}:{:02x}:{:02x}:{:02x}:{:02x}:{:02x} -> "
-               "action {}\n",
-               it->key.priority, it->key.vlan, it->key.vlanMask, it->key.mac[0], it->key.mac[1],
-               it->key.mac[2], it->key.mac[3], it->key.mac[4], it->key.mac[5], it->actionIndex);
+  for (auto it = config->swTableEntriesColl().begin();
+       it != config->swTableEntriesColl().end() && shown < 3; ++it, ++shown) {
+    fmt::print("  {}\n", *it);
   }
-  return same == records ? 0 : 1;
+  return same == entries ? 0 : 1;
 }
 
-int runChild(int (*body)(uint32_t), uint32_t records) {
+int runChild(int (*body)(uint32_t), uint32_t entries) {
   std::fflush(stdout);
   pid_t pid = fork();
   if (pid < 0) throw Nimbo::SystemException("fork failed", errno);
   if (pid == 0) {
     int rc = 2;
     try {
-      rc = body(records);
+      rc = body(entries);
     } catch (const std::exception& e) {
       fmt::print(stderr, "error: {}\n", e.what());
     }
@@ -125,9 +106,9 @@ int runChild(int (*body)(uint32_t), uint32_t records) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  uint32_t records = argc > 1 ? uint32_t(std::strtoul(argv[1], nullptr, 10)) : 1000;
-  if (records == 0 || records > 65536) {
-    fmt::print(stderr, "usage: {} [records: 1..65536]\n", argv[0]);
+  const uint32_t entries = argc > 1 ? uint32_t(std::strtoul(argv[1], nullptr, 10)) : 1000;
+  if (argc > 2 || entries == 0 || entries > 65536) {
+    fmt::print(stderr, "usage: {} [entries: 1..65536]\n", argv[0]);
     return 2;
   }
   std::string root;
@@ -136,8 +117,8 @@ int main(int argc, char** argv) {
     setenv("VESK_SHM_ROOT", root.c_str(), 1);
   }
   fmt::print("shared memory under {}\n", KestShard::Directory::rootPath());
-  int rc = runChild(writer, records);
-  if (rc == 0) rc = runChild(reader, records);
+  int rc = runChild(writer, entries);
+  if (rc == 0) rc = runChild(reader, entries);
   if (!root.empty()) std::filesystem::remove_all(root);
   fmt::print("{}\n", rc == 0 ? "ok: every entry survived the writer's exit" : "FAILED");
   return rc;

@@ -1,15 +1,23 @@
 #include "types/TableShards.h"
 
 namespace VeskTapAgg {
-namespace {
 
-// Loading the types library makes every table type's shards mountable by type name.
-#define VESK_TAPAGG_REGISTER_SHARDS(Name, ...)                                     \
-  const KestShard::ShardTypeRegistration<Name##ConfigShard> Name##ConfigShardType( \
-      Name##ConfigShard::typeName);                                                \
-  const KestShard::ShardTypeRegistration<Name##EntryLogShard> Name##EntryLogShardType( \
-      Name##EntryLogShard::typeName);
-VESK_TAPAGG_TABLES(VESK_TAPAGG_REGISTER_SHARDS)
+bool registerTableShardTypes() {
+  static const bool registered = [] {
+#define VESK_TAPAGG_REGISTER_SHARDS(Name, ...)                                                  \
+  KestShard::ShardTypeRegistry::typeIs(Name##ConfigShard::typeName,                             \
+                                       [](const KestShard::MountContext& c) -> Nimbo::Ptr<KestShard::Shard> { \
+                                         return Nimbo::make<Name##ConfigShard>(c);              \
+                                       });                                                      \
+  KestShard::ShardTypeRegistry::typeIs(Name##EntryLogShard::typeName,                           \
+                                       [](const KestShard::MountContext& c) -> Nimbo::Ptr<KestShard::Shard> { \
+                                         return Nimbo::make<Name##EntryLogShard>(c);            \
+                                       });
+    VESK_TAPAGG_TABLES(VESK_TAPAGG_REGISTER_SHARDS)
+#undef VESK_TAPAGG_REGISTER_SHARDS
+    return true;
+  }();
+  return registered;
+}
 
-}  // namespace
 }  // namespace VeskTapAgg

@@ -77,4 +77,9 @@ class TableEntryLogShard : public KestShard::Shard {
   };
 VESK_TAPAGG_TABLES(VESK_TAPAGG_DECLARE_SHARDS)
 
+// Makes every table type's shards mountable by type name; idempotent. Every program that
+// includes this header calls it at start-up, which also keeps the types library linked.
+VESK_EXPORT bool registerTableShardTypes();
+inline const bool kTableShardTypesRegistered = registerTableShardTypes();
+
 }  // namespace VeskTapAgg
