@@ -62,10 +62,7 @@ Nimbo::Ptr<Shard> mount(const std::string& path, bool preallocate = false) {
   KestShard::MountInfo info(KestShard::KestShardType::writer);
   info.collectionInfoIs({"swTableEntries", kConfigCapacity, preallocate});
   info.collectionInfoIs({"entryLogConfig", kLogCapacity, preallocate});
-  auto group = em->getMountGroup();
-  group->mount(path, Shard::typeName, info);
-  group->doClose();
-  return Nimbo::dynamicPtrCast<Shard>(em->getEntity(path));
+  return KestSharedMem::mountShard<Shard>(em, path, Shard::typeName, info);
 }
 
 // A full configuration (65,536 records) and a shuffled order to visit it in.

@@ -39,14 +39,11 @@ Traits::EntryKey keyOf(uint32_t i) {
 
 template <class Shard>
 Nimbo::Ptr<Shard> mount(const Nimbo::String& path, KestShard::KestShardType type) {
-  auto em = KestSharedMem::EntityManager::getEntityManager("VeskTapAgg", true);
   KestShard::MountInfo info(type);
   info.collectionInfoIs({"swTableEntries", 65536, false});
   info.collectionInfoIs({"entryLogConfig", 1000000, false});
-  auto group = em->getMountGroup();
-  group->mount(path, Shard::typeName, info);
-  group->doClose();
-  return Nimbo::dynamicPtrCast<Shard>(em->getEntity(path));
+  return KestSharedMem::mountShard<Shard>(
+      KestSharedMem::EntityManager::getEntityManager("VeskTapAgg", true), path, Shard::typeName, info);
 }
 
 int writer(uint32_t entries) {

@@ -38,6 +38,23 @@ struct RecordTraits {
   }
 };
 
+// What both collections' iterators share: the current record, copied out of shared memory,
+// and whether there is one. Compared with std::default_sentinel to test for the end.
+template <class Record>
+class RecordCursor {
+ public:
+  const Record& operator*() const noexcept { return record_; }
+  const Record* operator->() const noexcept { return &record_; }
+  bool valid() const noexcept { return valid_; }
+  friend bool operator==(const RecordCursor& it, std::default_sentinel_t) noexcept {
+    return !it.valid_;
+  }
+
+ protected:
+  Record record_{};
+  bool valid_ = false;
+};
+
 // A keyed collection in shared memory. Owns a reference to its engine; single-threaded.
 // Lookups and iteration throw Nimbo::CorruptionDetectedException for a damaged record;
 // report it with map().doCorruptionDetected() and go on.
@@ -50,12 +67,12 @@ class KeyedCollection {
 
   // Walks the collection in its order. A step that meets a damaged record throws, and the
   // iterator stands on the damaged record so that the next step goes past it.
-  class Iterator {
+  class Iterator : public RecordCursor<Record> {
+    using RecordCursor<Record>::record_;
+    using RecordCursor<Record>::valid_;
+
    public:
     Iterator() = default;
-    const Record& operator*() const noexcept { return record_; }
-    const Record* operator->() const noexcept { return &record_; }
-    bool valid() const noexcept { return valid_; }
     Iterator& operator++() {
       Record next{};
       uint32_t hash = 0;
@@ -67,9 +84,6 @@ class KeyedCollection {
       }
       if (valid_) std::tie(record_, hash_) = std::pair(next, hash);
       return *this;
-    }
-    friend bool operator==(const Iterator& it, std::default_sentinel_t) noexcept {
-      return !it.valid_;
     }
 
    private:
@@ -84,9 +98,7 @@ class KeyedCollection {
       }
     }
     const KeyedStore* store_ = nullptr;
-    Record record_{};
     uint32_t hash_ = 0;
-    bool valid_ = false;
   };
 
   explicit KeyedCollection(Nimbo::Ptr<KeyedStore> store) : store_(std::move(store)) {}
@@ -132,12 +144,12 @@ class VersionCollection {
   using Key = typename Traits::Key;
   static_assert(sizeof(Key) == sizeof(uint64_t), "a version key is 64 bits");
 
-  class Iterator {
+  class Iterator : public RecordCursor<Record> {
+    using RecordCursor<Record>::record_;
+    using RecordCursor<Record>::valid_;
+
    public:
     Iterator() = default;
-    const Record& operator*() const noexcept { return record_; }
-    const Record* operator->() const noexcept { return &record_; }
-    bool valid() const noexcept { return valid_; }
     Iterator& operator++() {
       Record next{};
       try {
@@ -148,9 +160,6 @@ class VersionCollection {
       }
       if (valid_) record_ = next;
       return *this;
-    }
-    friend bool operator==(const Iterator& it, std::default_sentinel_t) noexcept {
-      return !it.valid_;
     }
 
    private:
@@ -165,8 +174,6 @@ class VersionCollection {
       }
     }
     const VersionStore* store_ = nullptr;
-    Record record_{};
-    bool valid_ = false;
   };
 
   explicit VersionCollection(Nimbo::Ptr<VersionStore> store) : store_(std::move(store)) {}

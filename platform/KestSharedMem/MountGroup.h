@@ -45,4 +45,15 @@ class VESK_EXPORT MountGroup : public Nimbo::Node {
   std::vector<Nimbo::Ptr<MountHandle>> pending_;
 };
 
+// Mounts one path as shard type S through a group of its own and returns the shard (null
+// when what is mounted there is not an S). Throws what the mount throws.
+template <class S>
+Nimbo::Ptr<S> mountShard(const Nimbo::Ptr<EntityManager>& manager, const Nimbo::String& path,
+                         const Nimbo::String& typeName, const KestShard::MountInfo& info) {
+  Nimbo::Ptr<MountGroup> group = manager->getMountGroup();
+  group->mount(path, typeName, info);
+  group->doClose();
+  return Nimbo::dynamicPtrCast<S>(manager->getEntity(path));
+}
+
 }  // namespace KestSharedMem

@@ -43,14 +43,11 @@ class TableTypeTest : public ::testing::Test {
 
   template <class Shard>
   Nimbo::Ptr<Shard> mount(const Nimbo::String& path) {
-    auto em = KestSharedMem::EntityManager::getEntityManager("types", true);
     KestShard::MountInfo info(KestShard::KestShardType::writer);
     info.collectionInfoIs({"swTableEntries", 65536, false});
     info.collectionInfoIs({"entryLogConfig", 1000000, false});
-    auto group = em->getMountGroup();
-    group->mount(path, Shard::typeName, info);
-    group->doClose();
-    return Nimbo::dynamicPtrCast<Shard>(em->getEntity(path));
+    return KestSharedMem::mountShard<Shard>(
+        KestSharedMem::EntityManager::getEntityManager("types", true), path, Shard::typeName, info);
   }
 
   VeskTest::TempShmRoot root;

@@ -102,11 +102,9 @@ inline Nimbo::Ptr<TestShard> mountTestShard(const std::string& path, uint32_t re
                                             KestShard::KestShardType type =
                                                 KestShard::KestShardType::writer,
                                             const std::string& manager = "agent") {
-  auto em = KestSharedMem::EntityManager::getEntityManager(manager, true);
-  auto group = em->getMountGroup();
-  group->mount(path, kTestShardType, mountInfo(type, recordCapacity, logCapacity));
-  group->doClose();
-  return Nimbo::dynamicPtrCast<TestShard>(em->getEntity(path));
+  return KestSharedMem::mountShard<TestShard>(
+      KestSharedMem::EntityManager::getEntityManager(manager, true), path, kTestShardType,
+      mountInfo(type, recordCapacity, logCapacity));
 }
 
 inline void unmount(const std::string& path, const std::string& manager = "agent") {
