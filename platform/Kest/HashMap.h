@@ -43,8 +43,9 @@ struct DefaultHasher {
 // process, or one map in two processes, do not share an order.
 //
 // Keys need == and <, and copy without throwing (they are fixed-size records); values
-// move without throwing. Iterators are invalidated by every insert and erase except the
-// one erase(it) returns. Owned by value; single-threaded.
+// move without throwing. Iterators are invalidated by every insert of a new key and every
+// erase, except the ones those calls return: hold a key across changes, not an iterator.
+// Owned by value; single-threaded.
 template <class Key, class Value, class Hasher = DefaultHasher<Key>>
 class HashMap2018 {
   static_assert(std::is_nothrow_copy_constructible_v<Key>, "keys are moved by copying");
@@ -211,14 +212,7 @@ class HashMap2018 {
       slots_.at(slot).item().second = std::move(value);
       return {Iterator(this, slot), false};
     }
-    if (size_ + 1 > maxSize(bits_)) {
-      relayout(std::max(bits_ + 1, kMinBits), 0);
-      slot = probe(hash, key);
-    }
-    slot = makeRoom(hash, key, slot);
-    slots_.construct(slot, hash, key, std::move(value));
-    ++size_;
-    return {Iterator(this, slot), true};
+    return {Iterator(this, insertAt(slot, hash, Key(key), std::move(value))), true};
   }
 
   bool erase(const Key& key) noexcept {
@@ -240,7 +234,7 @@ class HashMap2018 {
   void reserve(size_t count) {
     uint32_t bits = std::max(bits_, kMinBits);
     while (maxSize(bits) < count) ++bits;
-    if (bits != bits_) relayout(bits, 0);
+    if (bits != bits_) relayout(bits);
   }
 
  private:
@@ -296,12 +290,26 @@ class HashMap2018 {
     return nextFull(holds(slot, hash, key) ? slot + 1 : slot);
   }
 
+  // Inserts the new element, which belongs in `slot`; returns where it ended up. Takes
+  // its own copy of the key: the caller's may live in a slot that moves.
+  size_t insertAt(size_t slot, uint32_t hash, Key key, Value value) {
+    if (size_ + 1 > maxSize(bits_)) {
+      relayout(std::max(bits_ + 1, kMinBits));
+      slot = probe(hash, key);
+    }
+    slot = makeRoom(hash, key, slot);
+    slots_.construct(slot, hash, std::move(key), std::move(value));
+    ++size_;
+    return slot;
+  }
+
   // Empties `slot`, where (hash, key) belongs, by shifting the run from there one slot to
-  // the right; lengthens the tail first when the run reaches the end. Returns the slot.
+  // the right; lengthens the tail first when the run reaches the end (a relayout always
+  // leaves a tail behind the last element). Returns the slot.
   size_t makeRoom(uint32_t hash, const Key& key, size_t slot) {
     size_t empty = nextEmpty(slot);
     if (empty == slots_.length()) {
-      relayout(bits_, slots_.length() + tailFor(bits_));
+      relayout(bits_);
       slot = probe(hash, key);
       empty = nextEmpty(slot);
     }
@@ -324,9 +332,9 @@ class HashMap2018 {
 
   // Moves every element to a table of 2^bits homes. Elements keep their order, each at
   // its new home or right after the one before it; the tail is at least what that needs.
-  void relayout(uint32_t bits, size_t minLength) {
-    size_t length = std::max(minLength, (size_t(1) << bits) + tailFor(bits));
-    length = std::max(length, placedLength(bits) + tailFor(bits));
+  void relayout(uint32_t bits) {
+    const size_t length =
+        std::max(size_t(1) << bits, placedLength(bits)) + tailFor(bits);
     Slots fresh(length);
     size_t nextFree = 0;
     for (size_t i = nextFull(0); i < slots_.length(); i = nextFull(i + 1)) {

@@ -12,37 +12,24 @@ struct Entry : Nimbo::Node {
 
 // --- Numbering from a fresh queue ---
 
-TEST(RQueue, AFreshQueueNumbersFromOne) {
+TEST(RQueue, AFreshQueueNumbersFromOneAndKeepsCounting) {
   Nimbo::RQueue<int> q;
-  EXPECT_EQ(q.frontIndex(), 1u);
   EXPECT_EQ(q.backIndex(), 0u) << "nothing handed out yet";
-  EXPECT_FALSE(q.has(0));
-  EXPECT_FALSE(q.has(1));
+  EXPECT_FALSE(q.has(0) || q.has(1));
   EXPECT_EQ(q.enq(10), 1u);
   EXPECT_EQ(q.enq(20), 2u);
   EXPECT_EQ(q.enq(30), 3u);
-  EXPECT_EQ(q.size(), 3u);
   EXPECT_EQ(q.front(), 10);
   EXPECT_EQ(q.back(), 30);
   EXPECT_EQ(q.at(2), 20);
-  EXPECT_TRUE(q.has(1) && q.has(3));
   EXPECT_FALSE(q.has(4));
-}
-
-TEST(RQueue, IndicesKeepCountingThroughDequeuesAndDelAll) {
-  Nimbo::RQueue<int> q;
-  q.enq(10);
-  q.enq(20);
   EXPECT_EQ(q.deq(), 10);
   EXPECT_FALSE(q.has(1));
-  EXPECT_EQ(q.frontIndex(), 2u);
   EXPECT_EQ(q.at(2), 20);
-  EXPECT_EQ(q.enq(30), 3u);
   q.delAll();
   EXPECT_TRUE(q.empty());
   EXPECT_FALSE(q.has(3));
-  EXPECT_EQ(q.frontIndex(), 4u);
-  EXPECT_EQ(q.enq(40), 4u);
+  EXPECT_EQ(q.enq(40), 4u) << "emptying does not restart the numbering";
   EXPECT_EQ(q.front(), 40);
 }
 

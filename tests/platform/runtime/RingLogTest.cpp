@@ -26,29 +26,16 @@ std::string dumped(const Kest::RingLog& ring) {
 
 // --- Keeping the newest records ---
 
-TEST(RingLog, BeforeWrappingEveryRecordIsKeptInOrder) {
-  Kest::RingLog ring(8);
-  const uint32_t event = Kest::RingLog::eventIdFor("ring.partial", "{}");
-  for (uint64_t i = 0; i < 5; ++i) ring.record(event, i);
-  EXPECT_EQ(ring.size(), 5u);
-  EXPECT_EQ(firstArgs(ring), (std::vector<uint64_t>{0, 1, 2, 3, 4}));
-}
-
 TEST(RingLog, WrappingOverwritesTheOldestAndKeepsOrder) {
   Kest::RingLog ring(8);
   const uint32_t event = Kest::RingLog::eventIdFor("ring.wrap", "{}");
-  for (uint64_t i = 0; i < 21; ++i) ring.record(event, i);
-  EXPECT_EQ(ring.capacity(), 8u);
+  for (uint64_t i = 0; i < 5; ++i) ring.record(event, i);
+  EXPECT_EQ(firstArgs(ring), (std::vector<uint64_t>{0, 1, 2, 3, 4}));
+  for (uint64_t i = 5; i < 21; ++i) ring.record(event, i);
   EXPECT_EQ(ring.size(), 8u);
   EXPECT_EQ(ring.recorded(), 21u);
   EXPECT_EQ(firstArgs(ring), (std::vector<uint64_t>{13, 14, 15, 16, 17, 18, 19, 20}));
-  int64_t previous = 0;
-  for (const auto& r : ring) {
-    EXPECT_GE(r.timeNs, previous);
-    previous = r.timeNs;
-  }
   ring.clear();
-  EXPECT_EQ(ring.size(), 0u);
   EXPECT_EQ(ring.begin(), ring.end());
 }
 
@@ -58,15 +45,6 @@ TEST(RingLogDeathTest, CapacityMustBeAPowerOfTwo) {
 }
 
 // --- Reading records as text ---
-
-TEST(RingLog, EventsAndHandlesAreRegisteredOnceByName) {
-  const uint32_t a = Kest::RingLog::eventIdFor("ring.named", "{} entries");
-  EXPECT_EQ(Kest::RingLog::eventIdFor("ring.named", "other format"), a);
-  EXPECT_NE(Kest::RingLog::eventIdFor("ring.named2", "{}"), a);
-  const uint16_t h = Kest::RingLog::handleIdFor("ring.handle");
-  EXPECT_GE(h, 1u) << "0 means no handle";
-  EXPECT_EQ(Kest::RingLog::handleIdFor("ring.handle"), h);
-}
 
 TEST(RingLog, TextFormatsArgumentsWithTheirSignedness) {
   Kest::RingLog ring(4);
@@ -86,7 +64,10 @@ TEST(RingLog, AWrongFormatStillShowsTheArguments) {
 TEST(RingLog, DumpWritesOneLinePerRecordOldestFirst) {
   Kest::RingLog ring(2);
   const uint32_t event = Kest::RingLog::eventIdFor("ring.dump", "unit {}");
+  EXPECT_EQ(Kest::RingLog::eventIdFor("ring.dump", "other format"), event);
   const uint16_t handle = Kest::RingLog::handleIdFor("AclTable");
+  EXPECT_EQ(Kest::RingLog::handleIdFor("AclTable"), handle);
+  EXPECT_GE(handle, 1u) << "0 means no handle";
   ring.record(event, 1);
   ring.recordFor(handle, event, 2);
   ring.record(event, 3);

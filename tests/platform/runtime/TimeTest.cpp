@@ -25,18 +25,6 @@ TEST(Duration, FormatsAsSecondsWithTheSignInFront) {
   EXPECT_EQ(fmt::format("{}", Duration::seconds(-2) - Duration::microseconds(1)), "-2.000001000s");
 }
 
-// --- Arithmetic ---
-
-TEST(Time, DifferencesAndOffsetsAreDurations) {
-  const Time t(1000);
-  EXPECT_EQ((t + Duration::microseconds(2)).ns(), 3000);
-  EXPECT_EQ((t - Duration::nanoseconds(1500)).ns(), -500);
-  EXPECT_EQ(Time(5000) - t, Duration::nanoseconds(4000));
-  EXPECT_LT(Duration::milliseconds(999), Duration::seconds(1));
-  EXPECT_EQ(Duration::milliseconds(3) * 4, Duration::milliseconds(12));
-  EXPECT_TRUE(Duration().zero());
-}
-
 // --- Clocks ---
 
 TEST(Clock, NowUtcIsTheSystemsCalendarTime) {

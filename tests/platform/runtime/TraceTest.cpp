@@ -156,21 +156,6 @@ TEST_F(TraceTest, RecordsKeepTheTextExactlyWithTheirSource) {
   EXPECT_EQ(capture.textsContaining("entryLog").size(), 1u);
 }
 
-TEST_F(TraceTest, TheNewestCaptureWinsAndThePreviousResumes) {
-  Kest::TraceHandle& h = Kest::traceHandle("Nested");
-  h.levelMaskIs(bit(0));
-  Kest::TraceCapture outer;
-  VESK_TRACE(h, 0, "", "one");
-  {
-    Kest::TraceCapture inner;
-    VESK_TRACE(h, 0, "", "two");
-    EXPECT_EQ(inner.texts("Nested"), std::vector<std::string>{"two"});
-    EXPECT_TRUE(inner.texts("Other").empty());
-  }
-  VESK_TRACE(h, 0, "", "three");
-  EXPECT_EQ(outer.texts(), (std::vector<std::string>{"one", "three"}));
-}
-
 // --- Sinks ---
 
 TEST_F(TraceTest, StderrGetsOneLinePerRecord) {
