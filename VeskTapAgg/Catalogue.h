@@ -4,7 +4,7 @@
 #include <optional>
 #include <string_view>
 
-#include "Asic/Ids.h"
+#include "Asic/SwTableId.h"
 #include "Nimbo/Export.h"
 #include "types/Catalogue.h"
 
@@ -16,7 +16,8 @@ struct CatalogueRow {
   Asic::SwTableId tableId;
 };
 
-#define VESK_TAPAGG_CATALOGUE_ROW(Name, lower, role, id, ...) CatalogueRow{#Name, Asic::SwTableId(id)},
+#define VESK_TAPAGG_CATALOGUE_ROW(Name, lower, role, id, ...) \
+  CatalogueRow{#Name, Asic::SwTableId(id)},
 inline constexpr std::array kCatalogue{VESK_TAPAGG_TABLES(VESK_TAPAGG_CATALOGUE_ROW)};
 #undef VESK_TAPAGG_CATALOGUE_ROW
 

@@ -16,7 +16,7 @@ namespace VeskTapAgg {
 
 // Default forwarding: what tapped traffic does when no service policy claims it.
 struct VESK_EXPORT DefaultFwdTcamEntryEntryKey {
-  uint32_t priority;
+  uint32_t priority = 0;
   U32Match ingressPort;
   U16Match vlan;
   U16Match etherType;
@@ -27,27 +27,27 @@ struct VESK_EXPORT DefaultFwdTcamEntryEntryKey {
   U8Match ipProtocol;
   U8Match tcpFlags;
   U16Match l4DstPort;
-  uint32_t actionIndex;
+  uint32_t actionIndex = 0;
   VESK_RECORD_OPS(DefaultFwdTcamEntryEntryKey);
   fmt::format_context::iterator formatTo(fmt::format_context::iterator out) const;
 };
 
 // Service policy on layer-2 headers.
 struct VESK_EXPORT ServicePolicyMacTcamEntryEntryKey {
-  uint32_t priority;
+  uint32_t priority = 0;
   U32Match ingressPort;
   U16Match vlan;
   U16Match etherType;
   MacMatch dstMac;
   MacMatch srcMac;
-  uint32_t actionIndex;
+  uint32_t actionIndex = 0;
   VESK_RECORD_OPS(ServicePolicyMacTcamEntryEntryKey);
   fmt::format_context::iterator formatTo(fmt::format_context::iterator out) const;
 };
 
 // Service policy on IPv4 headers.
 struct VESK_EXPORT ServicePolicyV4TcamEntryEntryKey {
-  uint32_t priority;
+  uint32_t priority = 0;
   U32Match ingressPort;
   U16Match vlan;
   U16Match l4SrcPort;
@@ -57,15 +57,15 @@ struct VESK_EXPORT ServicePolicyV4TcamEntryEntryKey {
   U8Match ipProtocol;
   U8Match dscp;
   U8Match tcpFlags;
-  uint16_t reserved;
-  uint32_t actionIndex;
+  uint16_t reserved = 0;
+  uint32_t actionIndex = 0;
   VESK_RECORD_OPS(ServicePolicyV4TcamEntryEntryKey);
   fmt::format_context::iterator formatTo(fmt::format_context::iterator out) const;
 };
 
 // Service policy on IPv6 headers.
 struct VESK_EXPORT ServicePolicyV6TcamEntryEntryKey {
-  uint32_t priority;
+  uint32_t priority = 0;
   U32Match ingressPort;
   U16Match vlan;
   U16Match l4SrcPort;
@@ -74,7 +74,7 @@ struct VESK_EXPORT ServicePolicyV6TcamEntryEntryKey {
   U16Match l4DstPort;
   U8Match nextHeader;
   U8Match trafficClass;
-  uint32_t actionIndex;
+  uint32_t actionIndex = 0;
   VESK_RECORD_OPS(ServicePolicyV6TcamEntryEntryKey);
   fmt::format_context::iterator formatTo(fmt::format_context::iterator out) const;
 };
@@ -83,14 +83,14 @@ struct VESK_EXPORT ServicePolicyV6TcamEntryEntryKey {
 enum class TunnelType : uint8_t { none = 0, gre = 1, vxlan = 2, ipInIp = 3 };
 
 struct VESK_EXPORT TapTunnelTerminationTcamEntryEntryKey {
-  uint32_t priority;
+  uint32_t priority = 0;
   U32Match ingressPort;
   U8Match tunnelType;
-  uint16_t reserved;
+  uint16_t reserved = 0;
   Ip4Match outerSrcIp;
   Ip4Match outerDstIp;
   U32Match tunnelKey;  // VXLAN VNI or GRE key
-  uint32_t actionIndex;
+  uint32_t actionIndex = 0;
   VESK_RECORD_OPS(TapTunnelTerminationTcamEntryEntryKey);
   fmt::format_context::iterator formatTo(fmt::format_context::iterator out) const;
 };

@@ -2,7 +2,9 @@
 
 #include <cstdint>
 
-#include "Asic/Ids.h"
+#include "Asic/LogVersion.h"
+#include "Asic/UnitId.h"
+#include "Nimbo/Export.h"
 #include "types/RecordFormat.h"
 
 namespace VeskTapAgg {
@@ -10,33 +12,41 @@ namespace VeskTapAgg {
 // What an action-table line does with a packet that hit its entry.
 enum class ActionKind : uint8_t { forward = 0, redirect = 1, drop = 2, trap = 3 };
 
-struct TcamAction {
-  enum Flag : uint8_t { count = 1, mirror = 2, truncate = 4, vlanPush = 8, vlanRewrite = 16 };
+// The action of one action-table line. Kind and flags are stored as bytes, not enums, so
+// that every byte pattern read from shared memory is a value; the fields a flag does not
+// enable stay zero.
+struct VESK_EXPORT TcamAction {
+  enum Flag : uint8_t {
+    count = 1,         // counterId counts the hits
+    mirror = 2,        // a copy goes to mirrorSession
+    truncate = 4,      // cut to truncateLength bytes
+    vlanPush = 8,      // push a tag with vlanId
+    vlanRewrite = 16,  // rewrite the outer tag to vlanId
+    lag = 32,          // redirectPort is a LAG id, not a port
+  };
 
-  uint8_t kind;            // ActionKind
-  uint8_t flags;           // Flag bits
-  uint16_t vlanId;         // pushed or rewritten VLAN
-  uint32_t redirectPort;   // port or LAG id for redirect
-  uint16_t truncateLength;
-  uint16_t reserved;
-  uint32_t counterId;
-  uint32_t mirrorSession;
-  uint32_t reserved2;
+  uint8_t kind = 0;   // ActionKind
+  uint8_t flags = 0;  // Flag bits
+  uint16_t vlanId = 0;
+  uint32_t redirectPort = 0;  // port or LAG id for redirect
+  uint16_t truncateLength = 0;
+  uint16_t reserved = 0;
+  uint32_t counterId = 0;
+  uint32_t mirrorSession = 0;
+  uint32_t reserved2 = 0;
   VESK_RECORD_OPS(TcamAction);
-  fmt::format_context::iterator formatTo(fmt::format_context::iterator out) const {
-    return fmt::format_to(out, "kind={} flags={:#x} vlan={} port={} truncate={} counter={} mirror={}",
-                          kind, flags, vlanId, redirectPort, truncateLength, counterId,
-                          mirrorSession);
-  }
+  bool flagHas(Flag flag) const noexcept { return (flags & flag) != 0; }
+  // "redirect lag=3 vlanPush=100 count=7": the kind, then only what it and the flags use.
+  fmt::format_context::iterator formatTo(fmt::format_context::iterator out) const;
 };
 
 // The key of an action table: the line's index. Tag makes each table's key its own type.
 template <class Tag>
 struct ActionKey {
-  uint32_t index;
+  uint32_t index = 0;
   VESK_RECORD_OPS(ActionKey);
   fmt::format_context::iterator formatTo(fmt::format_context::iterator out) const {
-    return fmt::format_to(out, "{}Key(index={})", Tag::name, index);
+    return fmt::format_to(out, "{}EntryKey(index={})", Tag::name, index);
   }
 };
 
@@ -86,15 +96,16 @@ struct MatchLogEntry {
 // Keys of resources (other tables' entries) an entry holds. No table here holds any.
 template <class Key>
 struct NoResourceKeys {
-  uint32_t reserved;
+  uint32_t reserved = 0;
   VESK_RECORD_OPS(NoResourceKeys);
   fmt::format_context::iterator formatTo(fmt::format_context::iterator out) const {
     return fmt::format_to(out, "{{}}");
   }
 };
 
-// What a delete in the change log removed.
-enum class DeleteKind : uint8_t { write = 0, entry = 1, unit = 2 };
+// What a change-log record did: wrote its key, deleted its key, or deleted every entry of
+// its unit (its key then left at the default).
+enum class DeleteKind : uint8_t { write = 0, entryDelete = 1, unitDelete = 2 };
 
 // Records of the shared-memory collections. 64-bit fields are 4-byte aligned so that the
 // records stay as small as their fields.
@@ -107,8 +118,8 @@ struct ConfigShardEntryOf {
   LogEntry logEntry;
   ResourceKeys rsrcKeys;
   Asic::LogVersion logVersion;
-  bool isDeleted;
-  uint8_t reserved[3];
+  bool isDeleted = false;
+  uint8_t reserved[3] = {};
   bool isEq(const ConfigShardEntryOf& o) const noexcept {
     return logEntry.isEq(o.logEntry) && rsrcKeys.isEq(o.rsrcKeys) && logVersion == o.logVersion &&
            isDeleted == o.isDeleted;
@@ -125,8 +136,8 @@ struct ConfigShardEntryOf {
 template <class Key>
 struct LogShardEntryOf {
   Asic::LogVersion logVersion;
-  uint8_t deleteKind;  // DeleteKind
-  uint8_t reserved;
+  uint8_t deleteKind = 0;  // DeleteKind
+  uint8_t reserved = 0;
   Asic::UnitId unitId;
   Key key;
   bool isEq(const LogShardEntryOf& o) const noexcept {
@@ -135,10 +146,45 @@ struct LogShardEntryOf {
   }
   friend bool operator==(const LogShardEntryOf& a, const LogShardEntryOf& b) { return a.isEq(b); }
   fmt::format_context::iterator formatTo(fmt::format_context::iterator out) const {
-    return fmt::format_to(out, "v{} kind={} unit={} {}", logVersion, deleteKind, unitId, key);
+    return fmt::format_to(out, "v{} {} unit={} {}", logVersion, DeleteKind(deleteKind), unitId,
+                          key);
   }
 };
 
 #pragma pack(pop)
 
 }  // namespace VeskTapAgg
+
+template <>
+struct fmt::formatter<VeskTapAgg::ActionKind> {
+  constexpr auto parse(fmt::format_parse_context& ctx) { return ctx.begin(); }
+  auto format(VeskTapAgg::ActionKind kind, fmt::format_context& ctx) const {
+    switch (kind) {
+      case VeskTapAgg::ActionKind::forward:
+        return fmt::format_to(ctx.out(), "forward");
+      case VeskTapAgg::ActionKind::redirect:
+        return fmt::format_to(ctx.out(), "redirect");
+      case VeskTapAgg::ActionKind::drop:
+        return fmt::format_to(ctx.out(), "drop");
+      case VeskTapAgg::ActionKind::trap:
+        return fmt::format_to(ctx.out(), "trap");
+    }
+    return fmt::format_to(ctx.out(), "kind{}", uint8_t(kind));
+  }
+};
+
+template <>
+struct fmt::formatter<VeskTapAgg::DeleteKind> {
+  constexpr auto parse(fmt::format_parse_context& ctx) { return ctx.begin(); }
+  auto format(VeskTapAgg::DeleteKind kind, fmt::format_context& ctx) const {
+    switch (kind) {
+      case VeskTapAgg::DeleteKind::write:
+        return fmt::format_to(ctx.out(), "write");
+      case VeskTapAgg::DeleteKind::entryDelete:
+        return fmt::format_to(ctx.out(), "delete");
+      case VeskTapAgg::DeleteKind::unitDelete:
+        return fmt::format_to(ctx.out(), "deleteAll");
+    }
+    return fmt::format_to(ctx.out(), "kind{}", uint8_t(kind));
+  }
+};

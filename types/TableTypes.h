@@ -3,10 +3,11 @@
 #include <cstdint>
 
 #include "Asic/Constants.h"
-#include "Asic/Ids.h"
+#include "Asic/SwTableId.h"
 #include "types/Catalogue.h"
 #include "types/EntryKeys.h"
 #include "types/TableRecords.h"
+#include "types/TableTraits.h"
 
 namespace VeskTapAgg {
 
@@ -15,69 +16,72 @@ inline constexpr const char* kGroupName = "VeskTapAggGroup";
 inline constexpr const char* kTableNamespace = "VeskTapAgg";
 
 // Where a table type's collections live in shared memory: one configuration per unit and
-// one change log per table type, under the agent's group.
+// one change log per table type, under the agent's group (see Asic::Constants). Stateless;
+// any thread.
 template <class Traits>
 struct TableConstants {
   static Nimbo::String configShardPath(Asic::UnitId unitId) {
     return Asic::Constants::configShardPath(configShardPathBase(), unitId);
   }
-  static Nimbo::String configShardPathBase() {
-    return Asic::Constants::canonicalGroupTableConfigShardPathBase(
-        Asic::Constants::canonicalizeGroupName(kAgentName, kGroupName), kTableNamespace,
-        Traits::tableName);
+  static const Nimbo::String& configShardPathBase() {
+    static const Nimbo::String base = Asic::Constants::canonicalGroupTableConfigShardPathBase(
+        canonicalGroupName(), kTableNamespace, Traits::tableName);
+    return base;
   }
   static Nimbo::String tableEntryLogShardPath() {
-    return Asic::Constants::tableEntryLogShardPath(
-        Asic::Constants::canonicalizeGroupName(kAgentName, kGroupName), kTableNamespace,
-        Traits::tableName);
+    return Asic::Constants::tableEntryLogShardPath(canonicalGroupName(), kTableNamespace,
+                                                   Traits::tableName);
+  }
+  static Nimbo::String canonicalGroupName() {
+    return Asic::Constants::canonicalizeGroupName(kAgentName, kGroupName);
   }
 };
 
 // The records of one table type, by role.
-#define VESK_TAPAGG_RECORDS_Action(Name)                         \
-  struct Name##Tag {                                             \
-    static constexpr const char* name = #Name;                   \
-  };                                                             \
-  using Name##EntryKey = ActionKey<Name##Tag>;                   \
-  using Name##Entry = ActionEntry<Name##EntryKey>;               \
+#define VESK_TAPAGG_RECORDS_Action(Name)           \
+  struct Name##Tag {                               \
+    static constexpr const char* name = #Name;     \
+  };                                               \
+  using Name##EntryKey = ActionKey<Name##Tag>;     \
+  using Name##Entry = ActionEntry<Name##EntryKey>; \
   using Name##LogEntry = ActionLogEntry<Name##EntryKey>;
-#define VESK_TAPAGG_RECORDS_Entry(Name)               \
-  using Name##Entry = MatchEntry<Name##EntryKey>;     \
+#define VESK_TAPAGG_RECORDS_Entry(Name)           \
+  using Name##Entry = MatchEntry<Name##EntryKey>; \
   using Name##LogEntry = MatchLogEntry<Name##EntryKey>;
 
-// A table type's traits: the concept every generic algorithm is written against.
-//   EntryKey, Entry, LogEntry, ResourceKeys     the values clients and the log exchange
-//   ConfigShardEntry, LogShardEntry             the shared-memory records
-//   ConfigShard, EntryLogShard                  the shard types (types/TableShards.h)
-//   Constants                                   shared-memory paths
-//   tableName, tableId, the four hash salts     the type's constants
-#define VESK_TAPAGG_DECLARE_TYPES(Name, lower, role, id, saltAdd, saltRemove, saltVersion,       \
-                                  saltEntries)                                                  \
-  VESK_TAPAGG_RECORDS_##role(Name) using Name##ResourceKeys = NoResourceKeys<Name##EntryKey>;   \
-  using Name##ConfigShardEntry = ConfigShardEntryOf<Name##LogEntry, Name##ResourceKeys>;        \
-  using Name##LogShardEntry = LogShardEntryOf<Name##EntryKey>;                                  \
-  class Name##ConfigShard;                                                                      \
-  class Name##EntryLogShard;                                                                    \
-  struct Name##Traits {                                                                         \
-    using EntryKey = Name##EntryKey;                                                            \
-    using Entry = Name##Entry;                                                                  \
-    using LogEntry = Name##LogEntry;                                                            \
-    using ResourceKeys = Name##ResourceKeys;                                                    \
-    using ConfigShardEntry = Name##ConfigShardEntry;                                            \
-    using LogShardEntry = Name##LogShardEntry;                                                  \
-    using ConfigShard = Name##ConfigShard;                                                      \
-    using EntryLogShard = Name##EntryLogShard;                                                  \
-    using Constants = TableConstants<Name##Traits>;                                             \
-    static constexpr const char* tableName = #Name;                                             \
-    static constexpr Asic::SwTableId tableId{id};                                               \
-    static constexpr uint32_t transientAddEntrySalt = saltAdd;                                  \
-    static constexpr uint32_t transientRemoveEntrySalt = saltRemove;                            \
-    static constexpr uint32_t transientVersionForKeySalt = saltVersion;                         \
-    static constexpr uint32_t tableEntriesSalt = saltEntries;                                   \
-  };                                                                                            \
+// Per table type: its records, its constants and <T>Traits, which satisfies the
+// TableTraits concept (types/TableTraits.h) that every generic algorithm is written against.
+#define VESK_TAPAGG_DECLARE_TYPES(Name, lower, role, id, saltAdd, saltRemove, saltVersion,    \
+                                  saltEntries)                                                \
+  VESK_TAPAGG_RECORDS_##role(Name) using Name##ResourceKeys = NoResourceKeys<Name##EntryKey>; \
+  using Name##ConfigShardEntry = ConfigShardEntryOf<Name##LogEntry, Name##ResourceKeys>;      \
+  using Name##LogShardEntry = LogShardEntryOf<Name##EntryKey>;                                \
+  class Name##ConfigShard;                                                                    \
+  class Name##EntryLogShard;                                                                  \
+  struct Name##Traits {                                                                       \
+    using EntryKey = Name##EntryKey;                                                          \
+    using Entry = Name##Entry;                                                                \
+    using LogEntry = Name##LogEntry;                                                          \
+    using ResourceKeys = Name##ResourceKeys;                                                  \
+    using ConfigShardEntry = Name##ConfigShardEntry;                                          \
+    using LogShardEntry = Name##LogShardEntry;                                                \
+    using ConfigShard = Name##ConfigShard;                                                    \
+    using EntryLogShard = Name##EntryLogShard;                                                \
+    using Constants = TableConstants<Name##Traits>;                                           \
+    static constexpr const char* tableName = #Name;                                           \
+    static constexpr Asic::SwTableId tableId{id};                                             \
+    static constexpr uint32_t transientAddEntrySalt = saltAdd;                                \
+    static constexpr uint32_t transientRemoveEntrySalt = saltRemove;                          \
+    static constexpr uint32_t transientVersionForKeySalt = saltVersion;                       \
+    static constexpr uint32_t tableEntriesSalt = saltEntries;                                 \
+  };                                                                                          \
   using Name##Constants = Name##Traits::Constants;
 
 VESK_TAPAGG_TABLES(VESK_TAPAGG_DECLARE_TYPES)
+
+#define VESK_TAPAGG_CHECK_TRAITS(Name, ...) static_assert(TableTraits<Name##Traits>);
+VESK_TAPAGG_TABLES(VESK_TAPAGG_CHECK_TRAITS)
+#undef VESK_TAPAGG_CHECK_TRAITS
 
 // The reference table type's layouts are fixed: shared memory written by one build is read
 // by the next.

@@ -2,15 +2,20 @@
 
 #include <cstdint>
 
+#include <fmt/format.h>
+
 #include "Nimbo/Ptr.h"
 #include "Nimbo/String.h"
 
 namespace Asic {
 
 // The full name of a software table: its kind (0 for an ordered table), group, namespace
-// and table name. Immutable; shared by reference count.
+// and table name. Immutable after construction; shared by reference count; any thread
+// may read it.
 class CanonicalTableName : public Nimbo::Node {
  public:
+  static constexpr uint8_t orderedTable = 0;
+
   CanonicalTableName(uint8_t type, Nimbo::String groupName, Nimbo::String tableNamespace,
                      Nimbo::String tableName)
       : type_(type),
@@ -38,3 +43,15 @@ class CanonicalTableName : public Nimbo::Node {
 };
 
 }  // namespace Asic
+
+// The name, with the kind appended when it is not an ordered table: "g/ns/t", "g/ns/t#2".
+template <>
+struct fmt::formatter<Asic::CanonicalTableName> {
+  constexpr auto parse(fmt::format_parse_context& ctx) { return ctx.begin(); }
+  auto format(const Asic::CanonicalTableName& n, fmt::format_context& ctx) const {
+    if (n.type() == Asic::CanonicalTableName::orderedTable) {
+      return fmt::format_to(ctx.out(), "{}", n.name());
+    }
+    return fmt::format_to(ctx.out(), "{}#{}", n.name(), n.type());
+  }
+};

@@ -1,44 +1,50 @@
+// The conformance suite every table type passes: written once, run for all ten.
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <set>
+#include <new>
+#include <vector>
 
 #include "KestShard/Directory.h"
 #include "KestSharedMem/EntityManager.h"
 #include "KestSharedMem/MountGroup.h"
+#include "TableTestSupport.h"
 #include "support/TempShmRoot.h"
 #include "types/TableShards.h"
 
 namespace {
 
-template <class First, class... Rest>
-struct DropFirst {
-  using type = ::testing::Types<Rest...>;
-};
-#define VESK_TEST_TRAITS(Name, ...) , VeskTapAgg::Name##Traits
-using AllTables = DropFirst<void VESK_TAPAGG_TABLES(VESK_TEST_TRAITS)>::type;
-#undef VESK_TEST_TRAITS
-
-// A key whose every byte differs from its neighbours', made from a seed.
-template <class Key>
-Key patternedKey(uint8_t seed) {
-  Key key{};
-  auto* bytes = reinterpret_cast<unsigned char*>(&key);
-  for (size_t i = 0; i < sizeof key; ++i) bytes[i] = uint8_t(seed + i * 7 + 1);
-  return key;
-}
+using VeskTest::patternedKey;
 
 template <class Traits>
 class TableTypeTest : public ::testing::Test {
  protected:
   using Key = typename Traits::EntryKey;
 
-  typename Traits::ConfigShardEntry configOf(uint8_t seed, uint64_t version, bool deleted = false) {
+  static typename Traits::ConfigShardEntry configOf(uint8_t seed, uint64_t version,
+                                                    bool deleted = false) {
     typename Traits::ConfigShardEntry r{};
     r.logEntry.entryKey = patternedKey<Key>(seed);
     r.logVersion = Asic::LogVersion(version);
     r.isDeleted = deleted;
     return r;
+  }
+
+  // A record default-constructed over storage full of garbage.
+  template <class Record>
+  static Record defaultOverGarbage() {
+    alignas(Record) unsigned char storage[sizeof(Record)];
+    std::memset(storage, 0xa5, sizeof storage);
+    Record* r = new (storage) Record;
+    return *r;
+  }
+
+  template <class Record>
+  static void expectDefaultIsZero() {
+    const Record r = defaultOverGarbage<Record>();
+    EXPECT_TRUE(VeskTest::allBytesZero(r)) << typeid(Record).name();
+    EXPECT_TRUE(r.isEq(Record{}));
+    EXPECT_TRUE(r == Record());
   }
 
   template <class Shard>
@@ -52,63 +58,122 @@ class TableTypeTest : public ::testing::Test {
 
   VeskTest::TempShmRoot root;
 };
-TYPED_TEST_SUITE(TableTypeTest, AllTables);
+TYPED_TEST_SUITE(TableTypeTest, VeskTest::AllTables);
+
+TYPED_TEST(TableTypeTest, DefaultRecordsAreAllZeroAndEqualToValueInitializedOnes) {
+  this->template expectDefaultIsZero<typename TypeParam::EntryKey>();
+  this->template expectDefaultIsZero<typename TypeParam::Entry>();
+  this->template expectDefaultIsZero<typename TypeParam::LogEntry>();
+  this->template expectDefaultIsZero<typename TypeParam::ResourceKeys>();
+  this->template expectDefaultIsZero<typename TypeParam::ConfigShardEntry>();
+  this->template expectDefaultIsZero<typename TypeParam::LogShardEntry>();
+}
 
 TYPED_TEST(TableTypeTest, KeyHashDependsOnEveryByteAndOnTheSeed) {
   using Key = typename TypeParam::EntryKey;
   const Key key = patternedKey<Key>(3);
   const uint32_t base = key.hash(0x1234);
+  EXPECT_EQ(key.hash(0x1234), base) << "the hash is a function of key and seed";
   EXPECT_NE(base, key.hash(0x1235));
+  EXPECT_NE(Key{}.hash(0), Key{}.hash(1));
   for (size_t i = 0; i < sizeof(Key); ++i) {
     Key changed = key;
     reinterpret_cast<unsigned char*>(&changed)[i] ^= 0x40;
     EXPECT_NE(changed.hash(0x1234), base) << "byte " << i << " does not reach the hash";
-    EXPECT_FALSE(changed.isEq(key));
   }
 }
 
-TYPED_TEST(TableTypeTest, OrderingAgreesWithEquality) {
+TYPED_TEST(TableTypeTest, KeyOrderingAgreesWithEqualityForKeysOneByteApart) {
   using Key = typename TypeParam::EntryKey;
-  for (uint8_t a = 0; a < 20; ++a) {
-    for (uint8_t b = 0; b < 20; ++b) {
-      Key ka = patternedKey<Key>(a), kb = patternedKey<Key>(b);
-      EXPECT_EQ(ka.isEq(kb), (ka <=> kb) == 0);
-      EXPECT_EQ((ka <=> kb) < 0, (kb <=> ka) > 0);
+  const Key key = patternedKey<Key>(11);
+  const Key copy = key;
+  EXPECT_TRUE(copy.isEq(key));
+  EXPECT_TRUE((copy <=> key) == 0);
+  for (size_t i = 0; i < sizeof(Key); ++i) {
+    Key changed = key;
+    reinterpret_cast<unsigned char*>(&changed)[i] += 1;
+    EXPECT_FALSE(changed.isEq(key)) << "byte " << i;
+    EXPECT_FALSE(changed == key) << "byte " << i;
+    EXPECT_TRUE((changed <=> key) != 0) << "byte " << i;
+    EXPECT_EQ((changed <=> key) < 0, (key <=> changed) > 0) << "byte " << i;
+  }
+  std::vector<Key> keys;
+  for (uint8_t s = 0; s < 16; ++s) keys.push_back(patternedKey<Key>(uint8_t(s * 37)));
+  for (const Key& a : keys) {
+    for (const Key& b : keys) {
+      EXPECT_EQ(a.isEq(b), (a <=> b) == 0);
+      for (const Key& c : keys) {
+        if (a < b && b < c) {
+          EXPECT_LT(a, c) << "ordering is transitive";
+        }
+      }
     }
   }
-  EXPECT_TRUE(typename TypeParam::Entry{}.isEq(typename TypeParam::Entry()));
-  EXPECT_TRUE(typename TypeParam::ConfigShardEntry{}.isEq(typename TypeParam::ConfigShardEntry()));
 }
 
-TYPED_TEST(TableTypeTest, PathsAreUniquePerUnitAndValidSharedMemoryPaths) {
-  using Constants = typename TypeParam::Constants;
-  std::set<Nimbo::String> paths{Constants::tableEntryLogShardPath()};
-  for (uint16_t unit : {0, 1, 2, 65535}) {
-    Nimbo::String path = Constants::configShardPath(Asic::UnitId(unit));
-    EXPECT_NO_THROW(KestShard::Directory::components(path)) << path;
-    EXPECT_EQ(Asic::Constants::getUnitIdFromConfigPath(path), Asic::UnitId(unit));
-    EXPECT_NE(path.find(TypeParam::tableName), Nimbo::String::npos);
-    paths.insert(path);
-  }
-  EXPECT_EQ(paths.size(), 5u);
+TYPED_TEST(TableTypeTest, EntriesAndLogEntriesHoldTheirKey) {
+  using Key = typename TypeParam::EntryKey;
+  typename TypeParam::Entry entry{};
+  typename TypeParam::LogEntry logEntry{};
+  entry.entryKey = patternedKey<Key>(5);
+  logEntry.entryKey = patternedKey<Key>(5);
+  EXPECT_TRUE(entry.key().isEq(patternedKey<Key>(5)));
+  EXPECT_TRUE(logEntry.key().isEq(entry.key()));
+  EXPECT_FALSE(entry.isEq(typename TypeParam::Entry{}));
+  typename TypeParam::Entry other = entry;
+  other.entryKey = patternedKey<Key>(6);
+  EXPECT_FALSE(other.isEq(entry));
+}
+
+TYPED_TEST(TableTypeTest, ConfigAndChangeRecordsCompareFieldByField) {
+  using Config = typename TypeParam::ConfigShardEntry;
+  const Config base = this->configOf(1, 10);
+  EXPECT_TRUE(base.isEq(this->configOf(1, 10)));
+  EXPECT_FALSE(base.isEq(this->configOf(2, 10)));
+  EXPECT_FALSE(base.isEq(this->configOf(1, 11)));
+  EXPECT_FALSE(base.isEq(this->configOf(1, 10, true)));
+  Config other = base;
+  other.rsrcKeys.reserved = 1;
+  EXPECT_FALSE(base == other);
+
+  typename TypeParam::LogShardEntry change{};
+  change.logVersion = Asic::LogVersion(4);
+  auto differs = [&](auto edit) {
+    auto copy = change;
+    edit(copy);
+    return !copy.isEq(change) && !(copy == change);
+  };
+  EXPECT_TRUE(differs([](auto& c) { c.logVersion = Asic::LogVersion(5); }));
+  EXPECT_TRUE(differs([](auto& c) { c.deleteKind = 1; }));
+  EXPECT_TRUE(differs([](auto& c) { c.unitId = Asic::UnitId(1); }));
+  EXPECT_TRUE(differs([](auto& c) { c.key = patternedKey<typename TypeParam::EntryKey>(1); }));
+}
+
+TYPED_TEST(TableTypeTest, KeysPrintUnderTheirTypeName) {
+  using Key = typename TypeParam::EntryKey;
+  const std::string empty = fmt::format("{}", Key{});
+  EXPECT_EQ(empty.rfind(std::string(TypeParam::tableName) + "EntryKey(", 0), 0u) << empty;
+  EXPECT_NE(fmt::format("{}", patternedKey<Key>(1)), empty);
+  EXPECT_NE(fmt::format("{}", patternedKey<Key>(1)), fmt::format("{}", patternedKey<Key>(2)));
 }
 
 TYPED_TEST(TableTypeTest, ConfigurationAndChangeLogRoundTripThroughSharedMemory) {
   using Traits = TypeParam;
+  using Key = typename Traits::EntryKey;
   auto config = this->template mount<typename Traits::ConfigShard>(
       Traits::Constants::configShardPath(Asic::UnitId(1)));
   ASSERT_TRUE(config);
   for (uint8_t s = 0; s < 10; ++s) config->swTableEntriesIs(this->configOf(s, s + 1, s % 3 == 0));
   EXPECT_EQ(config->swTableEntriesSize(), 10u);
   for (uint8_t s = 0; s < 10; ++s) {
-    auto stored = config->swTableEntries(patternedKey<typename Traits::EntryKey>(s));
-    EXPECT_TRUE(stored.isEq(this->configOf(s, s + 1, s % 3 == 0)));
+    EXPECT_TRUE(
+        config->swTableEntries(patternedKey<Key>(s)).isEq(this->configOf(s, s + 1, s % 3 == 0)));
   }
-  EXPECT_TRUE(config->swTableEntries(patternedKey<typename Traits::EntryKey>(99))
-                  .isEq(typename Traits::ConfigShardEntry{}))
+  EXPECT_TRUE(
+      config->swTableEntries(patternedKey<Key>(99)).isEq(typename Traits::ConfigShardEntry{}))
       << "an absent key reads as a default record";
-  EXPECT_TRUE(config->swTableEntriesDel(patternedKey<typename Traits::EntryKey>(4)));
-  EXPECT_FALSE(config->swTableEntriesHas(patternedKey<typename Traits::EntryKey>(4)));
+  EXPECT_TRUE(config->swTableEntriesDel(patternedKey<Key>(4)));
+  EXPECT_FALSE(config->swTableEntriesHas(patternedKey<Key>(4)));
 
   auto log = this->template mount<typename Traits::EntryLogShard>(
       Traits::Constants::tableEntryLogShardPath());
@@ -118,7 +183,7 @@ TYPED_TEST(TableTypeTest, ConfigurationAndChangeLogRoundTripThroughSharedMemory)
     r.logVersion = Asic::LogVersion(v);
     r.deleteKind = uint8_t(v % 3);
     r.unitId = Asic::UnitId(uint16_t(v));
-    r.key = patternedKey<typename Traits::EntryKey>(uint8_t(v));
+    r.key = patternedKey<Key>(uint8_t(v));
     log->entryLogConfigIs(r);
   }
   EXPECT_TRUE(log->entryLogConfigDel(Asic::LogVersion(1)));
@@ -126,41 +191,9 @@ TYPED_TEST(TableTypeTest, ConfigurationAndChangeLogRoundTripThroughSharedMemory)
   for (auto it = log->entryLogConfigColl().begin(); it != log->entryLogConfigColl().end(); ++it) {
     versions.push_back(it->logVersion.value());
     EXPECT_EQ(it->unitId, Asic::UnitId(uint16_t(it->logVersion.value())));
+    EXPECT_TRUE(it->key.isEq(patternedKey<Key>(uint8_t(it->logVersion.value()))));
   }
   EXPECT_EQ(versions, (std::vector<uint64_t>{2, 3, 4, 5}));
-}
-
-TEST(Catalogue, HashSaltsAreDistinctAcrossEveryCollectionOfEveryType) {
-  std::set<uint32_t> salts;
-#define VESK_TEST_SALTS(Name, lower, role, id, a, b, c, d) salts.insert({a, b, c, d});
-  VESK_TAPAGG_TABLES(VESK_TEST_SALTS)
-#undef VESK_TEST_SALTS
-  EXPECT_EQ(salts.size(), 40u);
-  EXPECT_EQ(VeskTapAgg::DefaultFwdTcamEntryTraits::tableEntriesSalt, 0x2cbc41fdu);
-}
-
-TEST(Catalogue, ShardTypesAreRegisteredUnderTheirNames) {
-  std::vector<std::string> names;
-#define VESK_TEST_SHARD_NAMES(Name, ...) \
-  names.insert(names.end(), {"VeskTapAgg::" #Name "ConfigShard", "VeskTapAgg::" #Name "EntryLogShard"});
-  VESK_TAPAGG_TABLES(VESK_TEST_SHARD_NAMES)
-#undef VESK_TEST_SHARD_NAMES
-  ASSERT_EQ(names.size(), 20u);
-  for (const auto& name : names) EXPECT_NO_THROW(KestShard::ShardTypeRegistry::factory(name)) << name;
-}
-
-TEST(RecordFormat, ReferenceKeyPrintsTheFieldsThatTakePartInTheMatch) {
-  VeskTapAgg::DefaultFwdTcamEntryEntryKey key{};
-  key.priority = 10;
-  key.vlan = {100, 0xfff};
-  key.dstIp = {0x0a000001, 0xffffff00};
-  key.dstMac = {{0, 0x1c, 0x73, 1, 2, 3}, {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}};
-  key.actionIndex = 7;
-  EXPECT_EQ(fmt::format("{}", key),
-            "DefaultFwdTcamEntryEntryKey(prio=10, vlan=100/0xfff, "
-            "dstMac=00:1c:73:01:02:03/ff:ff:ff:ff:ff:ff, dstIp=10.0.0.1/255.255.255.0, action=7)");
-  VeskTapAgg::DefaultFwdTcamActionEntryKey action{5};
-  EXPECT_EQ(fmt::format("{}", action), "DefaultFwdTcamActionKey(index=5)");
 }
 
 }  // namespace

@@ -1,0 +1,79 @@
+#include <gtest/gtest.h>
+
+#include <set>
+#include <vector>
+
+#include "Nimbo/Exception.h"
+#include "VeskTapAgg/Catalogue.h"
+#include "types/TableShards.h"
+
+namespace {
+
+TEST(Catalogue, TenTypesNumbered1To11WithoutThreeInNameOrder) {
+  ASSERT_EQ(VeskTapAgg::kCatalogue.size(), 10u);
+  std::set<uint32_t> ids;
+  std::vector<unsigned> numbers;
+  std::string_view previous;
+  for (const auto& row : VeskTapAgg::kCatalogue) {
+    ids.insert(row.tableId.value());
+    numbers.push_back(row.tableId.tblId() & 0xff);
+    EXPECT_EQ(row.tableId.agentAndGroupId(), 0x1c08) << row.name;
+    EXPECT_EQ(row.tableId.tblId() >> 8, 0x04) << row.name;
+    EXPECT_LT(previous, row.name) << "numbers follow the names' alphabetical order";
+    previous = row.name;
+  }
+  EXPECT_EQ(ids.size(), 10u) << "no two types share an id";
+  EXPECT_EQ(numbers, (std::vector<unsigned>{1, 2, 4, 5, 6, 7, 8, 9, 10, 11}));
+  EXPECT_EQ(fmt::format("{}", *VeskTapAgg::tableIdOf("DefaultFwdTcamEntry")), "1c:08:0402");
+}
+
+TEST(Catalogue, LooksUpEveryRowByNameAndById) {
+  for (const auto& row : VeskTapAgg::kCatalogue) {
+    EXPECT_EQ(VeskTapAgg::tableIdOf(row.name), row.tableId) << row.name;
+    EXPECT_EQ(VeskTapAgg::tableNameOf(row.tableId), row.name) << row.name;
+  }
+  EXPECT_EQ(VeskTapAgg::tableNameOf(Asic::SwTableId(0x1c08040b)), "TapTunnelTerminationTcamEntry");
+  EXPECT_FALSE(VeskTapAgg::tableIdOf("NoSuchTable"));
+  EXPECT_FALSE(VeskTapAgg::tableIdOf("defaultFwdTcamEntry")) << "names are case-sensitive";
+  EXPECT_FALSE(VeskTapAgg::tableNameOf(Asic::SwTableId(0x1c080403)));
+}
+
+TEST(Catalogue, TraitsAgreeWithTheCatalogue) {
+  size_t checked = 0;
+#define VESK_TEST_TRAITS_ROW(Name, ...)                                                \
+  EXPECT_STREQ(VeskTapAgg::Name##Traits::tableName, #Name);                            \
+  EXPECT_EQ(VeskTapAgg::tableIdOf(#Name), VeskTapAgg::Name##Traits::tableId) << #Name; \
+  ++checked;
+  VESK_TAPAGG_TABLES(VESK_TEST_TRAITS_ROW)
+#undef VESK_TEST_TRAITS_ROW
+  EXPECT_EQ(checked, VeskTapAgg::kCatalogue.size());
+}
+
+TEST(Catalogue, HashSaltsAreDistinctAcrossEveryCollectionOfEveryType) {
+  std::set<uint32_t> salts;
+#define VESK_TEST_SALTS(Name, ...)                                    \
+  salts.insert({VeskTapAgg::Name##Traits::transientAddEntrySalt,      \
+                VeskTapAgg::Name##Traits::transientRemoveEntrySalt,   \
+                VeskTapAgg::Name##Traits::transientVersionForKeySalt, \
+                VeskTapAgg::Name##Traits::tableEntriesSalt});
+  VESK_TAPAGG_TABLES(VESK_TEST_SALTS)
+#undef VESK_TEST_SALTS
+  EXPECT_EQ(salts.size(), 40u);
+  EXPECT_EQ(VeskTapAgg::DefaultFwdTcamEntryTraits::tableEntriesSalt, 0x2cbc41fdu);
+}
+
+TEST(Catalogue, ShardTypesAreRegisteredUnderTheirNames) {
+  std::vector<std::string> names;
+#define VESK_TEST_SHARD_NAMES(Name, ...) \
+  names.insert(names.end(),              \
+               {"VeskTapAgg::" #Name "ConfigShard", "VeskTapAgg::" #Name "EntryLogShard"});
+  VESK_TAPAGG_TABLES(VESK_TEST_SHARD_NAMES)
+#undef VESK_TEST_SHARD_NAMES
+  ASSERT_EQ(names.size(), 20u);
+  for (const auto& name : names)
+    EXPECT_NO_THROW(KestShard::ShardTypeRegistry::factory(name)) << name;
+  EXPECT_THROW(KestShard::ShardTypeRegistry::factory("VeskTapAgg::NoSuchTableConfigShard"),
+               Nimbo::InvalidArgumentException);
+}
+
+}  // namespace
