@@ -11,7 +11,8 @@
 
 // The operations every record of the table types offers: equality (isEq, ==), ordering
 // (<=>), a 32-bit hash of its bytes under a seed, and printing through {fmt} via the
-// record's formatTo(). Records that are hashed must have no padding bytes.
+// record's formatTo(). Records that are hashed must have no padding bytes. Every field of a
+// record has a zero default, so a default record is all zero bytes and stands for "none".
 #define VESK_RECORD_OPS(Type)                                                        \
   bool isEq(const Type& other) const noexcept { return *this == other; }             \
   uint32_t hash(uint32_t seed) const noexcept {                                      \

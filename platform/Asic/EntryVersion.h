@@ -3,6 +3,7 @@
 #include <compare>
 #include <cstdint>
 #include <limits>
+#include <type_traits>
 
 #include <fmt/format.h>
 
@@ -41,6 +42,7 @@ class EntryVersion {
   uint16_t reserved0_ = 0;
   uint32_t reserved1_ = 0;
 };
+static_assert(sizeof(EntryVersion) == 16 && std::has_unique_object_representations_v<EntryVersion>);
 
 }  // namespace Asic
 

@@ -34,6 +34,7 @@ class __attribute__((packed, aligned(4))) LogVersion {
  private:
   uint64_t value_ = 0;
 };
+static_assert(sizeof(LogVersion) == 8 && alignof(LogVersion) == 4);
 
 }  // namespace Asic
 
