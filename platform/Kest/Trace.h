@@ -98,12 +98,17 @@ class VESK_EXPORT TraceCapture {
 // VESK_TRACE(handle, level, "ClassName", "format {}", args...): writes a record with the
 // source file and function when `handle` enables `level`; only then are the arguments
 // formatted. The format is checked at compile time (wrap a runtime one in fmt::runtime).
-#define VESK_TRACE(handle, level, className, ...)                                    \
+#define VESK_TRACE(handle, level, className, ...) \
+  VESK_TRACE_FROM(handle, level, __FILE__, className, __VA_ARGS__)
+
+// The same with the source named by the caller: generic code traces under the name of the
+// table type it runs for ("VeskTapAgg/DefaultFwdTcamEntryEntryLog").
+#define VESK_TRACE_FROM(handle, level, source, className, ...)                       \
   do {                                                                               \
     const ::Kest::TraceHandle& vesk_trace_handle_ = (handle);                        \
     const unsigned vesk_trace_level_ = (level);                                      \
     if (vesk_trace_handle_.enabled(vesk_trace_level_)) [[unlikely]] {                \
-      vesk_trace_handle_.emit(vesk_trace_level_, __FILE__, __func__, (className),    \
+      vesk_trace_handle_.emit(vesk_trace_level_, (source), __func__, (className),    \
                               ::fmt::format(__VA_ARGS__));                           \
     }                                                                                \
   } while (0)

@@ -55,6 +55,30 @@ class RecordCursor {
   bool valid_ = false;
 };
 
+// Runs `step` (which moves `it`); a damaged record it meets is reported to `map` and
+// false returned, `it` standing on the damaged record.
+template <class Step>
+bool stepReporting(Shard::ShardMapBase& map, Step&& step) {
+  try {
+    step();
+    return true;
+  } catch (const Nimbo::CorruptionDetectedException& e) {
+    map.doCorruptionDetected(e.what());
+    return false;
+  }
+}
+
+// The walk of forEach: positions `it` with `start`, then visits whole records and steps
+// past damaged ones to the end.
+template <class Iterator, class Start, class Visit>
+void walkReporting(Shard::ShardMapBase& map, Iterator& it, Start&& start, Visit& visit) {
+  bool whole = stepReporting(map, start);
+  while (it.valid()) {
+    if (whole) visit(*it);
+    whole = stepReporting(map, [&] { ++it; });
+  }
+}
+
 // A keyed collection in shared memory. Owns a reference to its engine; single-threaded.
 // Lookups and iteration throw Nimbo::CorruptionDetectedException for a damaged record;
 // report it with map().doCorruptionDetected() and go on.
@@ -88,8 +112,9 @@ class KeyedCollection {
 
    private:
     friend class KeyedCollection;
+    explicit Iterator(const KeyedStore* store) : store_(store) {}
     template <class Step>
-    Iterator(const KeyedStore* store, Step&& step) : store_(store) {
+    void position(Step&& step) {
       try {
         valid_ = step(Traits::bytes(record_), hash_);
       } catch (const Nimbo::CorruptionDetectedException&) {
@@ -116,21 +141,38 @@ class KeyedCollection {
   uint32_t count() const noexcept { return store_->count(); }
 
   Iterator begin() const {
-    return Iterator(store_.ptr(), [&](unsigned char* out, uint32_t& h) { return store_->first(out, h); });
+    Iterator it(store_.ptr());
+    it.position(firstStep());
+    return it;
   }
   // Positioned at `key`, or at the record that follows where it would be.
   Iterator at(const Key& key) const {
-    return Iterator(store_.ptr(), [&](unsigned char* out, uint32_t& h) {
+    Iterator it(store_.ptr());
+    it.position([&](unsigned char* out, uint32_t& h) {
       return store_->atOrAfter(Traits::bytes(key), out, h);
     });
+    return it;
   }
   std::default_sentinel_t end() const noexcept { return {}; }
+
+  // Visits every record in collection order. `visit` may change the collection: the walk
+  // holds its place by key. A damaged record is reported to doCorruptionDetected and
+  // skipped.
+  template <class Visit>
+  void forEach(Visit&& visit) const {
+    Iterator it(store_.ptr());
+    walkReporting(*store_, it, [&] { it.position(firstStep()); }, visit);
+  }
 
   Shard::ShardMapBase& map() const noexcept { return *store_; }
   const Nimbo::Ptr<CollectionControl>& control() const noexcept { return store_->control(); }
   KeyedStore& store() const noexcept { return *store_; }
 
  private:
+  auto firstStep() const {
+    return [this](unsigned char* out, uint32_t& h) { return store_->first(out, h); };
+  }
+
   Nimbo::Ptr<KeyedStore> store_;
 };
 
@@ -164,8 +206,9 @@ class VersionCollection {
 
    private:
     friend class VersionCollection;
+    explicit Iterator(const VersionStore* store) : store_(store) {}
     template <class Step>
-    Iterator(const VersionStore* store, Step&& step) : store_(store) {
+    void position(Step&& step) {
       try {
         valid_ = step(Traits::bytes(record_));
       } catch (const Nimbo::CorruptionDetectedException&) {
@@ -195,20 +238,38 @@ class VersionCollection {
   void insertOrReplace(const Record& record) { store_->insertOrReplace(Traits::bytes(record)); }
   bool erase(const Key& key) { return store_->erase(version(key)); }
   uint32_t count() const noexcept { return store_->count(); }
+  // The newest version appended and not yet passed by the oldest; 0 when none.
+  uint64_t newestVersion() const { return store_->newestVersion(); }
 
   Iterator begin() const {
-    return Iterator(store_.ptr(), [&](unsigned char* out) { return store_->first(out); });
+    Iterator it(store_.ptr());
+    it.position(firstStep());
+    return it;
   }
   Iterator at(const Key& key) const {
-    return Iterator(store_.ptr(), [&](unsigned char* out) { return store_->atOrAfter(version(key), out); });
+    Iterator it(store_.ptr());
+    it.position([&](unsigned char* out) { return store_->atOrAfter(version(key), out); });
+    return it;
   }
   std::default_sentinel_t end() const noexcept { return {}; }
+
+  // Visits every record in version order; `visit` may delete records. A damaged record is
+  // reported to doCorruptionDetected and skipped.
+  template <class Visit>
+  void forEach(Visit&& visit) const {
+    Iterator it(store_.ptr());
+    walkReporting(*store_, it, [&] { it.position(firstStep()); }, visit);
+  }
 
   Shard::ShardMapBase& map() const noexcept { return *store_; }
   const Nimbo::Ptr<CollectionControl>& control() const noexcept { return store_->control(); }
   VersionStore& store() const noexcept { return *store_; }
 
  private:
+  auto firstStep() const {
+    return [this](unsigned char* out) { return store_->first(out); };
+  }
+
   Nimbo::Ptr<VersionStore> store_;
 };
 

@@ -117,6 +117,31 @@ bool VersionStore::seek(uint64_t key, bool strictlyAfter, bool exact, unsigned c
 
 bool VersionStore::find(uint64_t key, unsigned char* out) const { return seek(key, false, true, out); }
 
+uint64_t VersionStore::newestVersion() const {
+  segment()->checkHeader();
+  uint64_t newest = 0;
+  stable([&](Nimbo::String& why) {
+    const uint64_t head = loadAcquire(header().head);
+    const uint64_t tail = loadAcquire(header().tail);
+    if (tail < head || tail - head > geometry().capacity) {
+      why = fmt::format("head {} and tail {} do not describe a span of at most {} records", head,
+                        tail, geometry().capacity);
+      return Outcome::inconsistent;
+    }
+    if (head == tail) return Outcome::found;
+    const Slot& s = slot(tail - 1);
+    const uint32_t sequence = loadAcquire(s.sequence);
+    newest = keyAt(tail - 1);
+    fenceAcquire();
+    if ((sequence & 1) || loadRelaxed(s.sequence) != sequence) {
+      why = fmt::format("slot of position {} changed while read", tail - 1);
+      return Outcome::inconsistent;
+    }
+    return Outcome::found;
+  });
+  return newest;
+}
+
 bool VersionStore::first(unsigned char* out) const { return seek(0, false, false, out); }
 
 bool VersionStore::after(uint64_t key, unsigned char* out) const {

@@ -26,6 +26,9 @@ class VESK_EXPORT VersionStore : public Store {
   void insertOrReplace(const unsigned char* record);
   bool erase(uint64_t key);
   uint32_t count() const noexcept;
+  // The version of the newest record appended and still within the log's span, deleted or
+  // not; 0 when the span is empty.
+  uint64_t newestVersion() const;
 
   // Iteration in version order.
   bool first(unsigned char* out) const;

@@ -1,0 +1,373 @@
+#pragma once
+
+// The bodies of TableEntryLog, included by the one file that instantiates it for every
+// table type (EntryLog.cpp).
+
+#include <algorithm>
+
+#include "KestShard/CollectionControl.h"
+#include "Nimbo/Assert.h"
+#include "Nimbo/Exception.h"
+#include "VeskTapAgg/EntryLogMessages.h"
+#include "VeskTapAgg/TableEntryLog.h"
+#include "VeskTapAgg/WriterMount.h"
+
+namespace VeskTapAgg {
+
+namespace entry_log_detail {
+
+// The per-type log handles, made when the library loads.
+template <class Traits>
+EntryLogMessageHandles messageHandles;
+
+// "{}" for no needs at all, as for an empty set.
+inline std::string neededText(const Nimbo::Ptr<const Asic::NeededEntry>& needed) {
+  return needed ? fmt::format("{}", *needed) : std::string("{}");
+}
+
+}  // namespace entry_log_detail
+
+#define VESK_ENTRY_LOG_TRACE(level, ...) \
+  VESK_TRACE_FROM(traceHandle(), level, sourceName().c_str(), className().c_str(), __VA_ARGS__)
+
+template <TableTraits Traits>
+const Nimbo::String& TableEntryLog<Traits>::className() {
+  static const Nimbo::String name = Nimbo::String(Traits::tableName) + "EntryLog";
+  return name;
+}
+
+template <TableTraits Traits>
+const Nimbo::String& TableEntryLog<Traits>::sourceName() {
+  static const Nimbo::String name = "VeskTapAgg/" + className();
+  return name;
+}
+
+template <TableTraits Traits>
+Kest::TraceHandle& TableEntryLog<Traits>::traceHandle() {
+  static Kest::TraceHandle& handle = Kest::traceHandle(className());
+  return handle;
+}
+
+template <TableTraits Traits>
+TableEntryLog<Traits>::TableEntryLog(Asic::SwTableId tableId, Nimbo::Ptr<Cairn::EntityManager> em,
+                                     Nimbo::Ptr<Asic::GroupInterface> groupInterface,
+                                     Nimbo::String agentName)
+    : Asic::EntryLogBase(tableId, std::move(em), std::move(groupInterface), std::move(agentName)),
+      tableConfigShard_(Traits::tableEntriesSalt) {
+  handleInitialized();
+}
+
+template <TableTraits Traits>
+TableEntryLog<Traits>::~TableEntryLog() = default;
+
+template <TableTraits Traits>
+void TableEntryLog<Traits>::handleInitialized() {
+  VESK_ENTRY_LOG_TRACE(8, "");
+  mountShardChangeLog();
+}
+
+template <TableTraits Traits>
+void TableEntryLog<Traits>::mountShardChangeLog() {
+  VESK_ENTRY_LOG_TRACE(8, "");
+  const Nimbo::String path = Traits::Constants::tableEntryLogShardPath();
+  tableEntryLog_ = checkAndwriteMountShard<EntryLogShard>(
+      entityManager(), EntryLogShard::typeName, path, agentName(),
+      [](KestShard::MountInfo& info) {
+        info.collectionInfoIs({"entryLogConfig", kChangeLogCapacity, false});
+      },
+      [](EntryLogShard* shard) -> Nimbo::Ptr<KestShard::CollectionControl> {
+        return shard ? shard->entryLogConfigColl().control() : nullptr;
+      },
+      [] {
+        Kest::log(entry_log_detail::messageHandles<Traits>.error,
+                  fmt::format("{}::{}", "entryLog", Traits::tableName));
+      });
+  VESK_ASSERT(tableEntryLog_);
+  const auto& changes = tableEntryLog_->entryLogConfigColl();
+  // A writer stopped after appending a change but before storing its version leaves the
+  // scratchpad one behind the log: the log's newest version is the one given out.
+  const uint64_t stored = changes.control()->scratchpad();
+  const uint64_t newest = changes.newestVersion();
+  if (newest > stored) changes.control()->scratchpadIs(newest);
+  tableVersionIs(Asic::LogVersion(std::max(stored, newest)));
+  VESK_ENTRY_LOG_TRACE(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
+}
+
+template <TableTraits Traits>
+void TableEntryLog<Traits>::mountShardConfig(Asic::UnitId unitId, Asic::LogVersion logVersion) {
+  VESK_ENTRY_LOG_TRACE(8, " unitId:{}, logVersion: {}", unitId, logVersion);
+  const Nimbo::String path = Traits::Constants::configShardPath(unitId);
+  Nimbo::Ptr<ConfigShard> cfgShard = checkAndwriteMountShard<ConfigShard>(
+      entityManager(), ConfigShard::typeName, path, agentName(),
+      [](KestShard::MountInfo& info) {
+        info.collectionInfoIs({"swTableEntries", kConfigCapacity, false});
+      },
+      [](ConfigShard* shard) -> Nimbo::Ptr<KestShard::CollectionControl> {
+        return shard ? shard->swTableEntriesColl().control() : nullptr;
+      },
+      [] {
+        Kest::log(entry_log_detail::messageHandles<Traits>.error,
+                  fmt::format("{}::{}", "entryCfg", Traits::tableName));
+      });
+  VESK_ASSERT(cfgShard);
+  tableConfigShardIs(unitId, cfgShard);
+  VESK_ENTRY_LOG_TRACE(2, " Mounted config for unitId: {} at {}", unitId, path);
+  if (!logVersion.valid()) return;
+  cfgShard->swTableEntriesColl().forEach([&](const ConfigShardEntry& record) {
+    if (record.isDeleted && record.logVersion <= logVersion) {
+      cfgShard->swTableEntriesDel(record.logEntry.key());
+    }
+  });
+}
+
+template <TableTraits Traits>
+Nimbo::Ptr<typename Traits::ConfigShard> TableEntryLog<Traits>::tableConfigShard(
+    Asic::UnitId unitId) const {
+  auto it = tableConfigShard_.find(unitId);
+  return it == tableConfigShard_.end() ? nullptr : it->second;
+}
+
+template <TableTraits Traits>
+void TableEntryLog<Traits>::tableConfigShardIs(Asic::UnitId unitId, Nimbo::Ptr<ConfigShard> shard) {
+  tableConfigShard_.insertOrReplace(unitId, std::move(shard));
+}
+
+template <TableTraits Traits>
+Nimbo::Ptr<typename Traits::ConfigShard> TableEntryLog<Traits>::tableConfigShardDel(
+    Asic::UnitId unitId) {
+  auto it = tableConfigShard_.find(unitId);
+  if (it == tableConfigShard_.end()) return nullptr;
+  Nimbo::Ptr<ConfigShard> shard = std::move(it->second);
+  tableConfigShard_.erase(unitId);
+  return shard;
+}
+
+template <TableTraits Traits>
+typename Traits::ConfigShard& TableEntryLog<Traits>::mountedConfig(Asic::UnitId unitId) const {
+  auto it = tableConfigShard_.find(unitId);
+  VESK_ASSERT_MSG(it != tableConfigShard_.end(),
+                  "Config shard for unitId:" << unitId.value() << " is not mounted");
+  return *it->second;
+}
+
+template <TableTraits Traits>
+typename Traits::ConfigShardEntry TableEntryLog<Traits>::configRecord(const ConfigShard& shard,
+                                                                      const EntryKey& key) const {
+  try {
+    return shard.swTableEntries(key);
+  } catch (const Nimbo::CorruptionDetectedException& e) {
+    shard.swTableEntriesColl().map().doCorruptionDetected(e.what());
+    return ConfigShardEntry{};
+  }
+}
+
+template <TableTraits Traits>
+Asic::LogVersion TableEntryLog<Traits>::appendChange(
+    Asic::LogVersion version, DeleteKind kind, Asic::UnitId unitId, const EntryKey& key,
+    const Nimbo::Ptr<const Asic::NeededEntry>& neededEntry) {
+  LogShardEntry change{};
+  change.logVersion = version;
+  change.deleteKind = uint8_t(kind);
+  change.unitId = unitId;
+  change.key = key;
+  tableEntryLog_->entryLogConfigIs(change);
+  tableEntryLog_->entryLogConfigColl().control()->scratchpadIs(version.value());
+  groupInterface()->addLogEntry(tableId(), version, neededEntry);
+  return version;
+}
+
+template <TableTraits Traits>
+Asic::LogVersion TableEntryLog<Traits>::entryIs(
+    const LogEntry& logEntry, const ResourceKeys&,
+    const Nimbo::Ptr<const Asic::NeededEntry>& neededEntry, Asic::UnitId unitId,
+    const Nimbo::Ptr<Asic::SwTableStats>& stats, bool suppressIdenticalWrites) {
+  VESK_ASSERT_MSG(tableConfigShardHas( unitId ),
+                  "Config shard for unitId:" << unitId.value() << " is not created yet!");
+  ConfigShard& shard = *tableConfigShard_.find(unitId)->second;
+  const EntryKey& key = logEntry.key();
+  if (suppressIdenticalWrites) {
+    const ConfigShardEntry stored = configRecord(shard, key);
+    if (!(stored == ConfigShardEntry{}) && !stored.isDeleted) {
+      if (stored.logEntry.isEq(logEntry)) {
+        if (stats) stats->suppressedWriteCntInc(1);
+        VESK_ENTRY_LOG_TRACE(3, "Suppressing identical write for key: {}", key);
+        if (stored.logVersion.valid()) return stored.logVersion;
+      } else {
+        VESK_ENTRY_LOG_TRACE(
+            3, "Not Suppressing write because entry or resource key is different  for key: {}", key);
+        if (stats) stats->suppressCheckDiffCntInc(1);
+      }
+    }
+  }
+  const Asic::LogVersion version = tableVersionInc(1);
+  VESK_ENTRY_LOG_TRACE(
+      8, " logEntry: {} neededEntry: {} version: {} unitId: {} suppressIdenticalWrites: {}",
+      logEntry, entry_log_detail::neededText(neededEntry), version, unitId,
+      suppressIdenticalWrites);
+  ConfigShardEntry record{};
+  record.logEntry = logEntry;
+  record.logVersion = version;
+  try {
+    shard.swTableEntriesIs(record);
+  } catch (...) {
+    // Nothing was written (a full configuration, say): the version was not used.
+    tableVersionIs(Asic::LogVersion(version.value() - 1));
+    throw;
+  }
+  return appendChange(version, DeleteKind::write, unitId, key, neededEntry);
+}
+
+template <TableTraits Traits>
+Asic::LogVersion TableEntryLog<Traits>::entryDel(
+    const EntryKey& key, const Nimbo::Ptr<const Asic::NeededEntry>& neededEntry,
+    Asic::UnitId unitId) {
+  VESK_ENTRY_LOG_TRACE(8, " key:{} neededEntry: {} unitId: {}", key,
+                       entry_log_detail::neededText(neededEntry), unitId);
+  ConfigShard& shard = mountedConfig(unitId);
+  std::optional<ConfigShardEntry> stored;
+  try {
+    stored = shard.swTableEntriesColl().find(key);
+  } catch (const Nimbo::CorruptionDetectedException& e) {
+    // The key is there but its record is damaged: delete it all the same, from a clean
+    // record of the key.
+    shard.swTableEntriesColl().map().doCorruptionDetected(e.what());
+    stored = ConfigShardEntry{};
+    stored->logEntry.entryKey = key;
+  }
+  if (!stored) {
+    VESK_ENTRY_LOG_TRACE(3, " key: {} entry does not exist. So ignoring delete", key);
+    return Asic::LogVersion();
+  }
+  const Asic::LogVersion version = tableVersionInc(1);
+  stored->isDeleted = true;
+  stored->logVersion = version;
+  shard.swTableEntriesIs(*stored);
+  return appendChange(version, DeleteKind::entryDelete, unitId, key, neededEntry);
+}
+
+template <TableTraits Traits>
+Asic::LogVersion TableEntryLog<Traits>::tableDel(
+    const Nimbo::Ptr<const Asic::NeededEntry>& neededEntry, Asic::UnitId unitId) {
+  VESK_ENTRY_LOG_TRACE(8, " neededEntry:{}, unitId: {}", entry_log_detail::neededText(neededEntry),
+                       unitId);
+  const Asic::LogVersion version = tableVersionInc(1);
+  ConfigShard& shard = mountedConfig(unitId);
+  shard.swTableEntriesColl().forEach([&](const ConfigShardEntry& record) {
+    if (record.isDeleted) return;
+    ConfigShardEntry tombstone = record;
+    tombstone.isDeleted = true;
+    tombstone.logVersion = version;
+    shard.swTableEntriesIs(tombstone);
+  });
+  return appendChange(version, DeleteKind::unitDelete, unitId, EntryKey{}, neededEntry);
+}
+
+template <TableTraits Traits>
+void TableEntryLog<Traits>::retire(const LogShardEntry& change) {
+  auto it = tableConfigShard_.find(change.unitId);
+  if (it == tableConfigShard_.end()) {
+    VESK_ENTRY_LOG_TRACE(3, " configShard not found for unitId: {}", change.unitId);
+    return;
+  }
+  ConfigShard& shard = *it->second;
+  if (change.deleteKind & uint8_t(DeleteKind::entryDelete)) {
+    if (configRecord(shard, change.key).logVersion == change.logVersion) {
+      shard.swTableEntriesDel(change.key);
+    }
+  }
+  if (change.deleteKind & uint8_t(DeleteKind::unitDelete)) {
+    VESK_ENTRY_LOG_TRACE(3, " deleteing all entries for unitId: {}", change.unitId);
+    shard.swTableEntriesColl().forEach([&](const ConfigShardEntry& record) {
+      if (record.logVersion == change.logVersion) shard.swTableEntriesDel(record.logEntry.key());
+    });
+  }
+}
+
+template <TableTraits Traits>
+void TableEntryLog<Traits>::cleanupEntryLog(Asic::LogVersion version) {
+  VESK_ENTRY_LOG_TRACE(8, " version {}", version);
+  const Asic::LogVersion mark = cleanupMark();
+  if (!mark.valid()) {
+    cleanupAll(version);
+  } else if (version >= mark) {
+    cleanupFromMark(mark, version);
+  }
+  cleanupMarkIs(version);
+}
+
+// Versions above the newest in the log have no record: the walk stops there.
+template <TableTraits Traits>
+void TableEntryLog<Traits>::cleanupFromMark(Asic::LogVersion mark, Asic::LogVersion version) {
+  const auto& changes = tableEntryLog_->entryLogConfigColl();
+  const Asic::LogVersion last(std::min(version.value(), changes.newestVersion()));
+  for (Asic::LogVersion k = mark; k <= last; ++k) {
+    std::optional<LogShardEntry> change;
+    try {
+      change = changes.find(k);
+    } catch (const Nimbo::CorruptionDetectedException& e) {
+      changes.map().doCorruptionDetected(e.what());
+      tableEntryLog_->entryLogConfigDel(k);
+      continue;
+    }
+    if (!change) continue;
+    tableEntryLog_->entryLogConfigDel(k);
+    retire(*change);
+  }
+}
+
+template <TableTraits Traits>
+void TableEntryLog<Traits>::cleanupAll(Asic::LogVersion version) {
+  tableEntryLog_->entryLogConfigColl().forEach([&](const LogShardEntry& change) {
+    if (change.logVersion > version) return;
+    tableEntryLog_->entryLogConfigDel(change.logVersion);
+    retire(change);
+  });
+}
+
+template <TableTraits Traits>
+typename Traits::LogEntry TableEntryLog<Traits>::entry(const EntryKey& key,
+                                                       Asic::UnitId unitId) const {
+  VESK_ENTRY_LOG_TRACE(8, " key: {} unitId:{}", key, unitId);
+  const ConfigShardEntry record = configRecord(mountedConfig(unitId), key);
+  return record.isDeleted ? LogEntry{} : record.logEntry;
+}
+
+template <TableTraits Traits>
+bool TableEntryLog<Traits>::entryHas(const EntryKey& key, Asic::UnitId unitId) const {
+  VESK_ENTRY_LOG_TRACE(8, " key: {} unitId:{}", key, unitId);
+  const ConfigShardEntry record = configRecord(mountedConfig(unitId), key);
+  return !(record == ConfigShardEntry{}) && !record.isDeleted;
+}
+
+template <TableTraits Traits>
+typename Traits::ResourceKeys TableEntryLog<Traits>::entryRsrcKeys(const EntryKey& key,
+                                                                   Asic::UnitId unitId) const {
+  VESK_ENTRY_LOG_TRACE(8, " key: {} unitId:{}", key, unitId);
+  return configRecord(mountedConfig(unitId), key).rsrcKeys;
+}
+
+template <TableTraits Traits>
+Asic::LogVersion TableEntryLog<Traits>::entryLogVersion(const EntryKey& key,
+                                                        Asic::UnitId unitId) const {
+  VESK_ENTRY_LOG_TRACE(8, " key: {} unitId:{}", key, unitId);
+  return configRecord(mountedConfig(unitId), key).logVersion;
+}
+
+template <TableTraits Traits>
+uint32_t TableEntryLog<Traits>::entrysInDeletion(Asic::UnitId unitId) const {
+  VESK_ENTRY_LOG_TRACE(8, " unitId:{}", unitId);
+  uint32_t tombstones = 0;
+  mountedConfig(unitId).swTableEntriesColl().forEach(
+      [&](const ConfigShardEntry& record) { tombstones += record.isDeleted ? 1 : 0; });
+  return tombstones;
+}
+
+template <TableTraits Traits>
+uint32_t TableEntryLog<Traits>::entrys(Asic::UnitId unitId) const {
+  VESK_ENTRY_LOG_TRACE(8, " unitId:{}", unitId);
+  return mountedConfig(unitId).swTableEntriesSize() - entrysInDeletion(unitId);
+}
+
+#undef VESK_ENTRY_LOG_TRACE
+
+}  // namespace VeskTapAgg

@@ -1,0 +1,118 @@
+#pragma once
+
+#include <cstdint>
+
+#include "Asic/EntryLogBase.h"
+#include "Asic/NeededEntry.h"
+#include "Asic/SwTableStats.h"
+#include "Asic/UnitId.h"
+#include "Kest/HashMap.h"
+#include "Kest/Trace.h"
+#include "types/TableShards.h"
+#include "types/TableTraits.h"
+
+namespace VeskTapAgg {
+
+// The entry log of one table type: what a restarted agent finds again. Per unit, the
+// configuration "swTableEntries" (the last written value of every entry, deleted ones as
+// tombstones until the hardware side has taken their delete); per table type, the change
+// log "entryLogConfig" (one record per write, entry delete or unit delete, keyed by the
+// table version it was given) and, in the change log's scratchpad, the table version.
+//
+// Each writer takes the next table version and then, in this order, writes the unit's
+// configuration, appends the change, stores the version and tells the group interface, so
+// that a writer stopped between two steps leaves what a remount understands: the table
+// version reloaded from the scratchpad is never above the newest change it names, and a
+// configuration record may name a version the change log has not got yet (it is then
+// rewritten with the next version, which is larger).
+//
+// Written once for every table type over its traits; <T>EntryLog (EntryLog.h) names each.
+// Owned by the table type's interface by reference count; single-threaded: the agent's
+// event thread.
+template <TableTraits Traits>
+class TableEntryLog : public Asic::EntryLogBase {
+ public:
+  using EntryKey = typename Traits::EntryKey;
+  using LogEntry = typename Traits::LogEntry;
+  using ResourceKeys = typename Traits::ResourceKeys;
+  using ConfigShardEntry = typename Traits::ConfigShardEntry;
+  using LogShardEntry = typename Traits::LogShardEntry;
+  using ConfigShard = typename Traits::ConfigShard;
+  using EntryLogShard = typename Traits::EntryLogShard;
+  using ConfigShardMap = Kest::HashMap2018<Asic::UnitId, Nimbo::Ptr<ConfigShard>>;
+
+  static constexpr uint32_t kConfigCapacity = 65536;
+  static constexpr uint32_t kChangeLogCapacity = 1000000;
+
+  // Mounts the change log and loads the table version from it.
+  TableEntryLog(Asic::SwTableId tableId, Nimbo::Ptr<Cairn::EntityManager> em,
+                Nimbo::Ptr<Asic::GroupInterface> groupInterface, Nimbo::String agentName);
+  ~TableEntryLog() override;
+
+  // "<T>EntryLog", the name it traces under, and "VeskTapAgg/<T>EntryLog", its source.
+  static const Nimbo::String& className();
+  static const Nimbo::String& sourceName();
+
+  void handleInitialized();
+  void mountShardChangeLog();
+  // Mounts the unit's configuration and drops its tombstones at or below `logVersion`
+  // (none when it is 0): the hardware side has taken those deletes.
+  void mountShardConfig(Asic::UnitId unitId, Asic::LogVersion logVersion);
+
+  const Nimbo::Ptr<EntryLogShard>& tableEntryLog() const noexcept { return tableEntryLog_; }
+  Nimbo::Ptr<ConfigShard> tableConfigShard(Asic::UnitId unitId) const;
+  bool tableConfigShardHas(Asic::UnitId unitId) const { return tableConfigShard_.contains(unitId); }
+  void tableConfigShardIs(Asic::UnitId unitId, Nimbo::Ptr<ConfigShard> shard);
+  Nimbo::Ptr<ConfigShard> tableConfigShardDel(Asic::UnitId unitId);
+  void tableConfigShardDelAll() { tableConfigShard_.clear(); }
+  const ConfigShardMap& tableConfigShards() const noexcept { return tableConfigShard_; }
+
+  // Writers: each returns the version it gave the change. The unit's configuration must be
+  // mounted (entryIs stops the agent when it is not).
+  //
+  // Writes `logEntry` (rsrcKeys are not kept by these tables). With suppression on, a
+  // write equal to the live stored entry returns the stored version and logs nothing.
+  Asic::LogVersion entryIs(const LogEntry& logEntry, const ResourceKeys& rsrcKeys,
+                           const Nimbo::Ptr<const Asic::NeededEntry>& neededEntry,
+                           Asic::UnitId unitId, const Nimbo::Ptr<Asic::SwTableStats>& stats,
+                           bool suppressIdenticalWrites);
+  // Turns the key's record into a tombstone; returns 0 and logs nothing for a key that has
+  // no record.
+  Asic::LogVersion entryDel(const EntryKey& key,
+                            const Nimbo::Ptr<const Asic::NeededEntry>& neededEntry,
+                            Asic::UnitId unitId);
+  // Turns every live record of the unit into a tombstone of one new version.
+  Asic::LogVersion tableDel(const Nimbo::Ptr<const Asic::NeededEntry>& neededEntry,
+                            Asic::UnitId unitId);
+  // The hardware side has taken every change up to `version`: drops those changes and the
+  // tombstones they made, and moves the cleanup mark to `version`.
+  void cleanupEntryLog(Asic::LogVersion version);
+
+  // Readers of a mounted unit's configuration. A tombstone reads as absent, except for
+  // its version.
+  LogEntry entry(const EntryKey& key, Asic::UnitId unitId) const;
+  bool entryHas(const EntryKey& key, Asic::UnitId unitId) const;
+  ResourceKeys entryRsrcKeys(const EntryKey& key, Asic::UnitId unitId) const;
+  Asic::LogVersion entryLogVersion(const EntryKey& key, Asic::UnitId unitId) const;
+  uint32_t entrysInDeletion(Asic::UnitId unitId) const;
+  uint32_t entrys(Asic::UnitId unitId) const;
+
+ private:
+  static Kest::TraceHandle& traceHandle();
+
+  ConfigShard& mountedConfig(Asic::UnitId unitId) const;
+  // The stored record of `key`, or a default record when there is none or it is damaged.
+  ConfigShardEntry configRecord(const ConfigShard& shard, const EntryKey& key) const;
+  // Steps 2 to 5 of every writer, after the configuration is written.
+  Asic::LogVersion appendChange(Asic::LogVersion version, DeleteKind kind, Asic::UnitId unitId,
+                                const EntryKey& key,
+                                const Nimbo::Ptr<const Asic::NeededEntry>& neededEntry);
+  void retire(const LogShardEntry& change);
+  void cleanupFromMark(Asic::LogVersion mark, Asic::LogVersion version);
+  void cleanupAll(Asic::LogVersion version);
+
+  Nimbo::Ptr<EntryLogShard> tableEntryLog_;
+  ConfigShardMap tableConfigShard_;
+};
+
+}  // namespace VeskTapAgg
