@@ -41,6 +41,14 @@ uint32_t* KeyedStore::bucketWord(uint32_t bucket) const noexcept {
   return reinterpret_cast<uint32_t*>(segment()->base() + geometry().indexOffset) + bucket;
 }
 
+// The index starts inside a chunk, so chunk boundaries fall between bucket numbers that
+// are not multiples of the buckets per chunk.
+uint32_t KeyedStore::firstBucketOfNextChunk(uint32_t bucket) const noexcept {
+  const uint64_t offset = geometry().indexOffset + uint64_t(bucket) * 4;
+  const uint64_t nextChunk = (offset / kChunkSize + 1) * kChunkSize;
+  return uint32_t((nextChunk - geometry().indexOffset) / 4);
+}
+
 bool KeyedStore::bucketReserved(uint32_t bucket) const noexcept {
   return segment()->reserved(geometry().indexOffset + uint64_t(bucket) * 4);
 }
@@ -112,10 +120,9 @@ KeyedStore::Outcome KeyedStore::seekFrom(uint32_t hash, const unsigned char* key
   const uint32_t bucket = seek == Seek::first ? 0 : bucketOf(hash);
   Outcome outcome = seekInBucket(bucket, hash, key, seek, out, outHash, why);
   if (outcome != Outcome::absent || seek == Seek::exact) return outcome;
-  const uint32_t bucketsPerChunk = kChunkSize / 4;
   for (uint32_t b = bucket + 1; b < geometry().bucketCount;) {
     if (!bucketReserved(b)) {
-      b = (b / bucketsPerChunk + 1) * bucketsPerChunk;  // a whole chunk of empty buckets
+      b = firstBucketOfNextChunk(b);  // a whole chunk of empty buckets
       continue;
     }
     if (loadAcquire(*bucketWord(b)) != 0) {

@@ -49,6 +49,7 @@ class VESK_EXPORT KeyedStore : public Store {
   uint32_t bucketOf(uint32_t hash) const noexcept { return hash & (geometry().bucketCount - 1); }
   uint32_t* bucketWord(uint32_t bucket) const noexcept;
   bool bucketReserved(uint32_t bucket) const noexcept;
+  uint32_t firstBucketOfNextChunk(uint32_t bucket) const noexcept;
   Slot& slot(uint32_t index) const noexcept;
   int order(uint32_t hashA, const unsigned char* keyA, uint32_t hashB,
             const unsigned char* keyB) const noexcept;
