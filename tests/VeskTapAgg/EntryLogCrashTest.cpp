@@ -1,0 +1,208 @@
+// An agent killed with SIGKILL in the middle of a stream of entry-log changes leaves an
+// entry log that remounts with every returned change readable.
+
+#include <signal.h>
+
+#include <map>
+#include <optional>
+#include <random>
+
+#include "VeskTapAgg/EntryLogTestSupport.h"
+
+namespace VeskTest {
+namespace {
+
+using Traits = VeskTapAgg::DefaultFwdTcamEntryTraits;
+using Agent = EntryLogAgent<Traits>;
+using Asic::LogVersion;
+using Asic::UnitId;
+
+enum class Op { write, del, tableDel, cleanup };
+struct Step {
+  Op op;
+  uint32_t key;
+  uint16_t variant;
+  uint64_t keepNewest;  // cleanup: leave this many newest changes in the log
+};
+
+// The stream the child runs, the same for a seed in both processes.
+std::vector<Step> stream(uint32_t seed, size_t length) {
+  std::mt19937 rng(seed);
+  std::vector<Step> steps;
+  for (size_t i = 0; i < length; ++i) {
+    const uint32_t dice = rng() % 100;
+    const Op op = dice < 68 ? Op::write : dice < 88 ? Op::del : dice < 90 ? Op::tableDel : Op::cleanup;
+    steps.push_back({op, uint32_t(rng() % 64), uint16_t(rng()), rng() % 40});
+  }
+  return steps;
+}
+
+// What the entry log should hold after a prefix of the stream.
+struct Model {
+  struct Record {
+    bool deleted;
+    uint64_t version;
+  };
+  std::map<uint32_t, Record> config;
+  std::map<uint64_t, std::pair<uint8_t, uint32_t>> changes;  // version -> kind, key
+  uint64_t version = 0;
+  uint64_t mark = 0;
+
+  void apply(const Step& s) {
+    switch (s.op) {
+      case Op::write:
+        config[s.key] = {false, ++version};
+        changes[version] = {0, s.key};
+        break;
+      case Op::del:
+        if (!config.count(s.key)) return;
+        config[s.key] = {true, ++version};
+        changes[version] = {1, s.key};
+        break;
+      case Op::tableDel:
+        ++version;
+        for (auto& [key, record] : config) {
+          if (!record.deleted) record = {true, version};
+        }
+        changes[version] = {2, 0};
+        break;
+      case Op::cleanup:
+        cleanup(version > s.keepNewest ? version - s.keepNewest : 0);
+        break;
+    }
+  }
+  void cleanup(uint64_t upTo) {
+    const uint64_t from = mark == 0 ? 0 : mark;
+    if (mark == 0 || upTo >= mark) {
+      for (auto it = changes.lower_bound(from); it != changes.end() && it->first <= upTo;) {
+        retire(it->first, it->second);
+        it = changes.erase(it);
+      }
+    }
+    mark = upTo;
+  }
+  void retire(uint64_t v, std::pair<uint8_t, uint32_t> change) {
+    if (change.first == 1 && config.count(change.second) && config[change.second].version == v) {
+      config.erase(change.second);
+    }
+    if (change.first == 2) std::erase_if(config, [&](const auto& kv) { return kv.second.version == v; });
+  }
+};
+
+void runStream(const std::vector<Step>& steps, int reportFd) {
+  Agent agent;
+  auto& log = agent.mounted();
+  for (uint32_t i = 0; i < steps.size(); ++i) {
+    const Step& s = steps[i];
+    switch (s.op) {
+      case Op::write: agent.write(s.key, s.variant); break;
+      case Op::del: agent.del(s.key); break;
+      case Op::tableDel: log.tableDel(nullptr, UnitId(0)); break;
+      case Op::cleanup: {
+        const uint64_t v = log.tableVersion().value();
+        log.cleanupEntryLog(LogVersion(v > s.keepNewest ? v - s.keepNewest : 0));
+        break;
+      }
+    }
+    if (write(reportFd, &i, sizeof i) != sizeof i) _exit(3);
+  }
+}
+
+// The keys a step may leave half done: its own, or all for a unit-wide step.
+bool touches(const Step& s, uint32_t key) {
+  return s.op == Op::tableDel || s.op == Op::cleanup || s.key == key;
+}
+
+class EntryLogCrashTest : public ::testing::TestWithParam<uint32_t> {
+ protected:
+  TempShmRoot root;
+};
+
+TEST_P(EntryLogCrashTest, EveryReturnedChangeSurvivesAKill) {
+  const uint32_t killAfter = GetParam();
+  const auto steps = stream(killAfter, 4000);
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    close(fds[0]);
+    runStream(steps, fds[1]);
+    _exit(0);
+  }
+  close(fds[1]);
+  std::optional<uint32_t> lastReturned;
+  uint32_t index;
+  while (read(fds[0], &index, sizeof index) == sizeof index) {
+    lastReturned = index;
+    if (index + 1 >= killAfter) break;
+  }
+  kill(child, SIGKILL);
+  while (read(fds[0], &index, sizeof index) == sizeof index) lastReturned = index;
+  close(fds[0]);
+  waitpid(child, nullptr, 0);
+
+  Model before;  // after every returned step
+  const size_t returned = lastReturned ? *lastReturned + 1 : 0;
+  for (size_t i = 0; i < returned; ++i) before.apply(steps[i]);
+  Model after = before;  // and the one that may have been under way
+  const std::optional<Step> inFlight =
+      returned < steps.size() ? std::optional<Step>(steps[returned]) : std::nullopt;
+  if (inFlight) after.apply(*inFlight);
+
+  Agent agent;
+  auto& log = agent.mounted();
+  const auto versions = agent.changeVersions();
+  if (!versions.empty()) {
+    EXPECT_EQ(log.tableVersion().value(), versions.back());
+  }
+  EXPECT_GE(log.tableVersion().value(), before.version);
+  EXPECT_LE(log.tableVersion().value(), after.version);
+
+  for (uint32_t key = 0; key < 64; ++key) {
+    const LogVersion stored = log.entryLogVersion(agent.key(key), UnitId(0));
+    const bool live = log.entryHas(agent.key(key), UnitId(0));
+    auto matches = [&](const Model& m) {
+      auto it = m.config.find(key);
+      if (it == m.config.end()) return !stored.valid();
+      return stored.value() == it->second.version && live == !it->second.deleted;
+    };
+    if (inFlight && touches(*inFlight, key)) {
+      EXPECT_TRUE(matches(before) || matches(after)) << "key " << key;
+    } else {
+      EXPECT_TRUE(matches(before)) << "key " << key << " after " << returned << " steps";
+    }
+  }
+  // Changes the hardware side has not been told to drop are all still there.
+  const uint64_t keptFrom = std::max(before.mark, after.mark) + 1;
+  for (const auto& [version, change] : before.changes) {
+    if (version < keptFrom) continue;
+    const auto record = log.tableEntryLog()->entryLogConfig(LogVersion(version));
+    EXPECT_EQ(record.logVersion, LogVersion(version));
+    EXPECT_EQ(record.deleteKind, change.first);
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(KillPoints, EntryLogCrashTest,
+                         ::testing::Values(1u, 9u, 60u, 250u, 900u, 2200u, 3999u));
+
+// The narrowest window: the change is in the log but its version is not stored yet.
+TEST(EntryLogRemountTest, AChangeLoggedButNotCountedIsCountedAtMount) {
+  TempShmRoot root;
+  ASSERT_EQ(inChild([] {
+              Agent agent;
+              agent.mounted();
+              agent.write(1);
+              agent.write(2);
+              agent.log().tableEntryLog()->entryLogConfigColl().control()->scratchpadIs(1);
+            }),
+            0);
+  Agent agent;
+  EXPECT_EQ(agent.log().tableVersion(), LogVersion(2));
+  EXPECT_EQ(agent.log().tableEntryLog()->entryLogConfigColl().control()->scratchpad(), 2u);
+  agent.mounted();
+  EXPECT_EQ(agent.write(3), LogVersion(3)) << "version 2 is not given out twice";
+}
+
+}  // namespace
+}  // namespace VeskTest
