@@ -10,14 +10,14 @@
 
 #include "KestSharedMem/EntityManager.h"
 #include "KestSharedMem/MountGroup.h"
+#include "BenchSupport.h"
 #include "types/TableShards.h"
 
 namespace {
 
-// The reference table type's records: a 72-byte key, an 88-byte configuration record and
-// an 84-byte change-log record.
-using Traits = VeskTapAgg::DefaultFwdTcamEntryTraits;
-using Key = Traits::EntryKey;
+using VeskBench::Key;
+using VeskBench::keyOf;
+using VeskBench::Traits;
 using ConfigRecord = Traits::ConfigShardEntry;
 using LogRecord = Traits::LogShardEntry;
 using ConfigShard = VeskTapAgg::DefaultFwdTcamEntryConfigShard;
@@ -30,14 +30,6 @@ struct KeyHash {
 constexpr uint32_t kConfigCapacity = 65536;
 constexpr uint32_t kLogCapacity = 1000000;
 
-Key keyOf(uint32_t i) {
-  Key k{};
-  k.priority = i;
-  k.ingressPort = {i % 64, 0xffffffffu};
-  k.dstIp = {i * 2654435761u, 0xffffffffu};
-  k.actionIndex = i % 1024;
-  return k;
-}
 ConfigRecord recordOf(uint32_t i, uint64_t version) {
   return ConfigRecord{{keyOf(i)}, {}, Asic::LogVersion(version), false, {}};
 }
@@ -45,13 +37,7 @@ LogRecord logRecordOf(uint64_t version) {
   return LogRecord{Asic::LogVersion(version), 0, 0, Asic::UnitId(0), keyOf(uint32_t(version))};
 }
 
-// One shared-memory root per benchmark run, removed at exit.
-struct Root {
-  std::string path = "/dev/shm/vesk-bench-" + std::to_string(::getpid());
-  Root() { ::setenv("VESK_SHM_ROOT", path.c_str(), 1); }
-  ~Root() { std::filesystem::remove_all(path); }
-};
-Root root;
+VeskBench::Root root;
 
 // Mounts a fresh shard of the given type at `path`.
 template <class Shard>
