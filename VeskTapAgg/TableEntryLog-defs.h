@@ -356,10 +356,7 @@ Asic::LogVersion TableEntryLog<Traits>::entryLogVersion(const EntryKey& key,
 template <TableTraits Traits>
 uint32_t TableEntryLog<Traits>::entrysInDeletion(Asic::UnitId unitId) const {
   VESK_ENTRY_LOG_TRACE(8, " unitId:{}", unitId);
-  uint32_t tombstones = 0;
-  mountedConfig(unitId).swTableEntriesColl().forEach(
-      [&](const ConfigShardEntry& record) { tombstones += record.isDeleted ? 1 : 0; });
-  return tombstones;
+  return mountedConfig(unitId).swTableEntriesColl().markedCount();
 }
 
 template <TableTraits Traits>

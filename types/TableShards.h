@@ -7,7 +7,7 @@
 namespace VeskTapAgg {
 
 // A unit's configuration in shared memory: the collection "swTableEntries" of
-// ConfigShardEntry records keyed by entry key. Mounted through an entity manager under its
+// ConfigShardEntry records keyed by entry key, counting its tombstones (isDeleted). Mounted through an entity manager under its
 // registered type name "VeskTapAgg::<T>ConfigShard"; single-threaded.
 // Reads throw Nimbo::CorruptionDetectedException for a damaged record: report it with
 // swTableEntriesColl().map().doCorruptionDetected().
@@ -19,10 +19,14 @@ class TableConfigShard : public KestShard::Shard {
   struct KeyOf {
     const Key& operator()(const Record& r) const { return r.logEntry.key(); }
   };
-  using Collection = KestShard::KeyedCollection<Record, KeyOf>;
+  struct DeletedOf {
+    const bool& operator()(const Record& r) const { return r.isDeleted; }
+  };
+  using Collection = KestShard::KeyedCollection<Record, KeyOf, DeletedOf>;
 
   explicit TableConfigShard(const KestShard::MountContext& c)
-      : KestShard::Shard(c), swTableEntries_(mountKeyed<Record, KeyOf>(c, "swTableEntries")) {}
+      : KestShard::Shard(c),
+        swTableEntries_(mountKeyed<Record, KeyOf, DeletedOf>(c, "swTableEntries")) {}
 
   // The record of `key`, or a default record when there is none.
   Record swTableEntries(const Key& key) const { return swTableEntries_.find(key).value_or(Record{}); }

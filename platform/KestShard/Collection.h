@@ -14,10 +14,14 @@
 
 namespace KestShard {
 
+// For a keyed collection that counts no marked records.
+struct NoMark {};
+
 // Typed views over the two engines. Record is a fixed-size, trivially copyable value;
 // KeyOf is a stateless functor returning a reference to the key inside a record. Keys are
-// hashed and compared by their bytes, so they must have no padding.
-template <class Record, class KeyOf>
+// hashed and compared by their bytes, so they must have no padding. MarkOf, when given,
+// returns a reference to a one-byte mark (a bool, say) that the collection counts.
+template <class Record, class KeyOf, class MarkOf = NoMark>
 struct RecordTraits {
   using Key = std::remove_cvref_t<decltype(KeyOf{}(std::declval<const Record&>()))>;
   static_assert(std::is_trivially_copyable_v<Record>, "records live in shared memory as bytes");
@@ -27,7 +31,13 @@ struct RecordTraits {
     static const Record probe{};
     const auto* base = reinterpret_cast<const unsigned char*>(&probe);
     const auto* key = reinterpret_cast<const unsigned char*>(&KeyOf{}(probe));
-    return RecordLayout{uint32_t(sizeof(Record)), uint32_t(key - base), uint32_t(sizeof(Key))};
+    RecordLayout layout{uint32_t(sizeof(Record)), uint32_t(key - base), uint32_t(sizeof(Key))};
+    if constexpr (!std::is_same_v<MarkOf, NoMark>) {
+      static_assert(sizeof(MarkOf{}(probe)) == 1, "a mark is one byte");
+      layout.markOffset =
+          uint32_t(reinterpret_cast<const unsigned char*>(&MarkOf{}(probe)) - base);
+    }
+    return layout;
   }
   static const unsigned char* bytes(const Record& r) {
     return reinterpret_cast<const unsigned char*>(&r);
@@ -82,9 +92,9 @@ void walkReporting(Shard::ShardMapBase& map, Iterator& it, Start&& start, Visit&
 // A keyed collection in shared memory. Owns a reference to its engine; single-threaded.
 // Lookups and iteration throw Nimbo::CorruptionDetectedException for a damaged record;
 // report it with map().doCorruptionDetected() and go on.
-template <class Record, class KeyOf>
+template <class Record, class KeyOf, class MarkOf = NoMark>
 class KeyedCollection {
-  using Traits = RecordTraits<Record, KeyOf>;
+  using Traits = RecordTraits<Record, KeyOf, MarkOf>;
 
  public:
   using Key = typename Traits::Key;
@@ -103,6 +113,9 @@ class KeyedCollection {
       try {
         valid_ = store_->after(hash_, Traits::bytes(KeyOf{}(record_)), Traits::bytes(next), hash);
       } catch (const Nimbo::CorruptionDetectedException&) {
+        // Standing on the damaged record lets the next step go past it; damage that gave
+        // no record to stand on (a broken chain) ends the walk.
+        valid_ = store_->precedes(hash_, Traits::bytes(KeyOf{}(record_)), hash, Traits::bytes(KeyOf{}(next)));
         std::tie(record_, hash_) = std::pair(next, hash);
         throw;
       }
@@ -139,6 +152,8 @@ class KeyedCollection {
   void insertOrReplace(const Record& record) { store_->insertOrReplace(Traits::bytes(record)); }
   bool erase(const Key& key) { return store_->erase(Traits::bytes(key)); }
   uint32_t count() const noexcept { return store_->count(); }
+  // The records whose mark is set.
+  uint32_t markedCount() const noexcept { return store_->markedCount(); }
 
   Iterator begin() const {
     Iterator it(store_.ptr());
@@ -157,7 +172,7 @@ class KeyedCollection {
 
   // Visits every record in collection order. `visit` may change the collection: the walk
   // holds its place by key. A damaged record is reported to doCorruptionDetected and
-  // skipped.
+  // skipped; a damaged chain is reported and ends the walk.
   template <class Visit>
   void forEach(Visit&& visit) const {
     Iterator it(store_.ptr());
@@ -197,6 +212,7 @@ class VersionCollection {
       try {
         valid_ = store_->after(version(record_), Traits::bytes(next));
       } catch (const Nimbo::CorruptionDetectedException&) {
+        valid_ = version(next) > version(record_);  // else no record to stand on: the end
         record_ = next;
         throw;
       }

@@ -30,7 +30,7 @@ constexpr uint32_t kLive = 0x4556494cu;  // "LIVE"
 KeyedStore::KeyedStore(Nimbo::Ptr<Segment> segment, Nimbo::String name)
     : Store(std::move(segment), std::move(name)),
       salt_(static_cast<uint32_t>(header().salt ^ (header().salt >> 32))) {
-  if (writable()) recover();
+  if (writable() && recoveryNeeded()) recover();
 }
 
 uint32_t KeyedStore::hashOf(const unsigned char* key) const noexcept {
@@ -64,6 +64,13 @@ int KeyedStore::order(uint32_t hashA, const unsigned char* keyA, uint32_t hashB,
 }
 
 uint32_t KeyedStore::count() const noexcept { return loadAcquire(header().count); }
+
+uint32_t KeyedStore::markedCount() const noexcept { return loadAcquire(header().markedCount); }
+
+bool KeyedStore::isMarked(const unsigned char* record) const noexcept {
+  const uint32_t offset = geometry().layout.markOffset;
+  return offset != kNoMark && record[offset] != 0;
+}
 
 // One pass over a chain. Every visited slot is read between two loads of its sequence
 // word; anything that moved or makes no sense is reported as inconsistent, and the caller
@@ -164,6 +171,13 @@ bool KeyedStore::atOrAfter(const unsigned char* key, unsigned char* out, uint32_
   return seek(hashOf(key), key, Seek::atOrAfter, out, hash);
 }
 
+bool KeyedStore::precedes(uint32_t hashA, const unsigned char* keyA, uint32_t hashB,
+                          const unsigned char* keyB) const noexcept {
+  const uint32_t bucketA = bucketOf(hashA), bucketB = bucketOf(hashB);
+  if (bucketA != bucketB) return bucketA < bucketB;
+  return order(hashA, keyA, hashB, keyB) < 0;
+}
+
 // The writer's view of a chain: where `key` is or would be linked.
 KeyedStore::Position KeyedStore::position(uint32_t bucket, uint32_t hash,
                                           const unsigned char* key) const {
@@ -242,12 +256,15 @@ void KeyedStore::insertOrReplace(const unsigned char* record) {
   s.check = checksum(s.record(), hash);
   s.state = kLive;
   storeRelease(s.sequence, s.sequence + 1);
+  const int markedChange =
+      int(isMarked(record)) - int(pos.found && isMarked(slot(pos.current - 1).record()));
   storeRelease(*pos.link, index + 1);  // the record is now visible
   if (pos.found) {
     freeSlot(pos.current - 1);
   } else {
     storeRelease(header().count, header().count + 1);
   }
+  if (markedChange != 0) storeRelease(header().markedCount, header().markedCount + markedChange);
 }
 
 bool KeyedStore::erase(const unsigned char* key) {
@@ -259,9 +276,11 @@ bool KeyedStore::erase(const unsigned char* key) {
   Position pos = position(bucket, hash, key);
   if (!pos.found) return false;
   Change change(*this);
+  const bool marked = isMarked(slot(pos.current - 1).record());
   storeRelease(*pos.link, slot(pos.current - 1).next);
   freeSlot(pos.current - 1);
   storeRelease(header().count, header().count - 1);
+  if (marked) storeRelease(header().markedCount, header().markedCount - 1);
   return true;
 }
 
@@ -276,7 +295,7 @@ void KeyedStore::recover() {
     h.highWater = g.slotCount;
   }
   std::vector<bool> linked(h.highWater, false);
-  uint32_t live = 0;
+  uint32_t live = 0, marked = 0;
   for (uint32_t b = 0; b < g.bucketCount; ++b) {
     if (!bucketReserved(b)) continue;
     uint32_t* link = bucketWord(b);
@@ -293,6 +312,7 @@ void KeyedStore::recover() {
       }
       linked[index] = true;
       ++live;
+      marked += isMarked(slot(index).record()) ? 1 : 0;
       prevHash = slot(index).hash;
       link = &slot(index).next;
     }
@@ -306,7 +326,8 @@ void KeyedStore::recover() {
   }
   h.freeHead = freeHead;
   h.count = live;
-  if (h.generation & 1) ++h.generation;
+  h.markedCount = marked;
+  recovered();
 }
 
 }  // namespace KestShard

@@ -26,6 +26,8 @@ class VESK_EXPORT KeyedStore : public Store {
   void insertOrReplace(const unsigned char* record);
   bool erase(const unsigned char* key);
   uint32_t count() const noexcept;
+  // Records whose mark byte is set; 0 for a layout without a mark.
+  uint32_t markedCount() const noexcept;
 
   // Iteration in collection order, positioned by (hash, key): the first record, the first
   // after a position (whose key need not be present), or the record at `key` or after it.
@@ -35,6 +37,9 @@ class VESK_EXPORT KeyedStore : public Store {
   bool first(unsigned char* out, uint32_t& hash) const;
   bool after(uint32_t atHash, const unsigned char* key, unsigned char* out, uint32_t& hash) const;
   bool atOrAfter(const unsigned char* key, unsigned char* out, uint32_t& hash) const;
+  // Whether position (hashA, keyA) comes before (hashB, keyB) in collection order.
+  bool precedes(uint32_t hashA, const unsigned char* keyA, uint32_t hashB,
+                const unsigned char* keyB) const noexcept;
 
  private:
   struct Slot;
@@ -46,6 +51,7 @@ class VESK_EXPORT KeyedStore : public Store {
   };
 
   uint32_t hashOf(const unsigned char* key) const noexcept;
+  bool isMarked(const unsigned char* record) const noexcept;
   uint32_t bucketOf(uint32_t hash) const noexcept { return hash & (geometry().bucketCount - 1); }
   uint32_t* bucketWord(uint32_t bucket) const noexcept;
   bool bucketReserved(uint32_t bucket) const noexcept;

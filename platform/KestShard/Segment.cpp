@@ -130,6 +130,7 @@ void Segment::initializeHeader(const Identity& identity, bool wiped) {
   h.recordSize = geometry_.layout.recordSize;
   h.keyOffset = geometry_.layout.keyOffset;
   h.keySize = geometry_.layout.keySize;
+  h.markOffset = geometry_.layout.markOffset;
   h.slotSize = geometry_.slotSize;
   h.capacity = geometry_.capacity;
   h.bucketCount = geometry_.bucketCount;

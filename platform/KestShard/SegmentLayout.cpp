@@ -21,7 +21,9 @@ uint32_t bucketCountFor(uint32_t capacity) {
 
 Geometry Geometry::of(CollectionKind kind, const RecordLayout& layout, uint32_t capacity) {
   if (layout.recordSize == 0 || layout.keySize == 0 ||
-      layout.keyOffset + layout.keySize > layout.recordSize) {
+      layout.keyOffset + layout.keySize > layout.recordSize ||
+      (layout.markOffset != kNoMark &&
+       (kind != CollectionKind::keyed || layout.markOffset >= layout.recordSize))) {
     throw Nimbo::InvalidArgumentException(
         fmt::format("bad record layout: record {} bytes, key {} bytes at offset {}",
                     layout.recordSize, layout.keySize, layout.keyOffset));
@@ -49,7 +51,7 @@ Geometry Geometry::of(CollectionKind kind, const RecordLayout& layout, uint32_t 
         layout.recordSize));
   }
   const uint32_t format[] = {kLayoutVersion, uint32_t(kind), layout.recordSize, layout.keyOffset,
-                             layout.keySize, g.slotSize};
+                             layout.keySize, layout.markOffset, g.slotSize};
   g.formatWord = Kest::hashBytes(format, sizeof(format), kSegmentMagic);
   return g;
 }

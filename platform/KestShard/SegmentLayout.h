@@ -9,16 +9,20 @@ namespace KestShard {
 
 // What a collection stores, as the engine sees it: fixed-size records with the key at a
 // fixed offset. Keys are compared and hashed by their bytes.
+// A keyed collection may also name a mark byte: it then counts the records whose mark
+// is non-zero (tombstones, say) as it changes, so that the count costs nothing to read.
+constexpr uint32_t kNoMark = UINT32_MAX;
 struct RecordLayout {
   uint32_t recordSize = 0;
   uint32_t keyOffset = 0;
   uint32_t keySize = 0;
+  uint32_t markOffset = kNoMark;
 };
 
 enum class CollectionKind : uint32_t { keyed = 1, versionLog = 2 };
 
 constexpr uint64_t kSegmentMagic = 0x314d48534b534556ULL;  // "VESKSHM1"
-constexpr uint32_t kLayoutVersion = 2;
+constexpr uint32_t kLayoutVersion = 3;
 constexpr uint32_t kPageSize = 4096;
 constexpr uint32_t kChunkSize = 64 * 1024;     // unit of space reservation and release
 constexpr uint32_t kMaxChunks = kPageSize * 8;  // one page of allocation bits
@@ -60,6 +64,7 @@ struct SegmentHeader {
   uint32_t recordSize;
   uint32_t keyOffset;
   uint32_t keySize;
+  uint32_t markOffset;
   uint32_t slotSize;
   uint32_t capacity;
   uint32_t bucketCount;
@@ -71,7 +76,8 @@ struct SegmentHeader {
   uint64_t identityCheck;
 
   // Live state.
-  alignas(64) uint64_t generation;  // odd while the writer is between the steps of a change
+  alignas(64) uint64_t generation;  // odd while the writer is between the steps of a change;
+                                    // a mount that finds it even trusts the derived words
   uint64_t scratchpad;
   uint32_t wiped;
   uint32_t count;
@@ -82,6 +88,8 @@ struct SegmentHeader {
   int64_t writerMountedNs;
   uint32_t writerPid;
   uint32_t corruptionCount;
+  uint32_t markedCount;    // keyed: live records whose mark byte is set
+  uint32_t repairAtMount;  // a writer found derived words damaged: the next mount rebuilds
 
   // Undo image of a slot being rewritten in place (version log replace).
   alignas(64) uint32_t undoValid;

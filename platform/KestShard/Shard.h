@@ -36,11 +36,12 @@ class VESK_EXPORT Shard : public Kest::Entity {
   bool writable() const noexcept { return writable_; }
 
  protected:
-  template <class Record, class KeyOf>
-  KeyedCollection<Record, KeyOf> mountKeyed(const MountContext& context, const Nimbo::String& name) {
-    return KeyedCollection<Record, KeyOf>(
+  template <class Record, class KeyOf, class MarkOf = NoMark>
+  KeyedCollection<Record, KeyOf, MarkOf> mountKeyed(const MountContext& context,
+                                                    const Nimbo::String& name) {
+    return KeyedCollection<Record, KeyOf, MarkOf>(
         mountStore<KeyedStore>(context, name, CollectionKind::keyed,
-                               KeyedCollection<Record, KeyOf>::layout()));
+                               KeyedCollection<Record, KeyOf, MarkOf>::layout()));
   }
   template <class Record, class KeyOf>
   VersionCollection<Record, KeyOf> mountVersioned(const MountContext& context,

@@ -39,6 +39,17 @@ uint64_t Store::checksum(const unsigned char* record, uint32_t salt) const noexc
   return Kest::mix64(a ^ salt_, b + salt);
 }
 
+bool Store::recoveryNeeded() const noexcept {
+  return (header().generation & 1) != 0 || header().repairAtMount != 0;
+}
+
+
+void Store::recovered() {
+  SegmentHeader& h = header();
+  if (h.generation & 1) ++h.generation;
+  h.repairAtMount = 0;
+}
+
 void Store::corruptionCountInc() {
   if (writable()) storeRelease(header().corruptionCount, header().corruptionCount + 1);
 }
@@ -49,6 +60,7 @@ void Store::repaired(Nimbo::String message) {
 }
 
 void Store::throwCorrupt(const Nimbo::String& message) const {
+  if (writable()) storeRelease(header().repairAtMount, 1u);
   throw Nimbo::CorruptionDetectedException(fmt::format("{}: {}", segment_->path(), message));
 }
 

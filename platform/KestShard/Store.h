@@ -39,8 +39,15 @@ class VESK_EXPORT Store : public Shard::ShardMapBase {
     return segment_->base() + geometry().slotOffset(slot);
   }
   uint64_t checksum(const unsigned char* record, uint32_t salt) const noexcept;
+  // Whether the writer's mount must rebuild the derived words (counts, free lists): the
+  // last writer stopped inside a change, or asked for it. A clean mount costs the same
+  // whatever the collection holds.
+  bool recoveryNeeded() const noexcept;
+  void recovered();
   void corruptionCountInc() override;
   void repaired(Nimbo::String message);
+  // Throws Nimbo::CorruptionDetectedException; the writer also asks its next mount to
+  // repair what can be repaired.
   [[noreturn]] void throwCorrupt(const Nimbo::String& message) const;
 
   // Brackets one change of the writer: the generation is odd inside, even again on every

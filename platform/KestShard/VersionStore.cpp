@@ -29,7 +29,7 @@ VersionStore::VersionStore(Nimbo::Ptr<Segment> segment, Nimbo::String name)
         fmt::format("{}: a version-ordered collection needs an 8-byte key, not {} bytes", this->name(),
                     geometry().layout.keySize));
   }
-  if (writable()) recover();
+  if (writable() && recoveryNeeded()) recover();
 }
 
 VersionStore::Slot& VersionStore::slot(uint64_t position) const noexcept {
@@ -286,7 +286,7 @@ void VersionStore::recover() {
     if (s.state == kLive) ++live;
   }
   h.count = live;
-  if (h.generation & 1) ++h.generation;
+  recovered();
   const uint64_t chunks = segment()->pinned() ? 0 : g.fileSize / kChunkSize;
   for (uint64_t c = 0; c < chunks; ++c) {
     if (segment()->reserved(c * kChunkSize) && !chunkInUse(c, h.head, h.tail - h.head)) {
