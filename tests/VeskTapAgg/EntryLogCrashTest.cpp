@@ -173,6 +173,10 @@ TEST_P(EntryLogCrashTest, EveryReturnedChangeSurvivesAKill) {
       EXPECT_TRUE(matches(before)) << "key " << key << " after " << returned << " steps";
     }
   }
+  uint32_t tombstones = 0;
+  log.tableConfigShard(UnitId(0))->swTableEntriesColl().forEach(
+      [&](const auto& record) { tombstones += record.isDeleted ? 1 : 0; });
+  EXPECT_EQ(log.entrysInDeletion(UnitId(0)), tombstones) << "the tombstone count was kept";
   // Changes the hardware side has not been told to drop are all still there.
   const uint64_t keptFrom = std::max(before.mark, after.mark) + 1;
   for (const auto& [version, change] : before.changes) {
