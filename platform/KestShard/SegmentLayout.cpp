@@ -13,7 +13,7 @@ constexpr uint64_t alignUp64(uint64_t v, uint64_t a) { return (v + a - 1) / a * 
 
 uint32_t bucketCountFor(uint32_t capacity) {
   uint32_t buckets = 64;
-  while (buckets < capacity / 2) buckets <<= 1;
+  while (buckets < capacity) buckets <<= 1;
   return buckets;
 }
 
