@@ -84,7 +84,6 @@ class EntryLogAgent {
     }
     return e;
   }
-  static constexpr bool kEntryHasContent = sizeof(LogEntry) > sizeof(EntryKey);
 
   Asic::LogVersion write(uint32_t n, uint16_t variant = 0, bool suppress = false,
                          Asic::UnitId unit = Asic::UnitId(0)) {

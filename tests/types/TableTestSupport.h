@@ -20,6 +20,15 @@ struct DropFirst {
 using AllTables = DropFirst<void VESK_TAPAGG_TABLES(VESK_TEST_TRAITS)>::type;
 #undef VESK_TEST_TRAITS
 
+// The action tables alone: their entries hold more than their keys.
+#define VESK_TEST_ACTION_Action(Name) , VeskTapAgg::Name##Traits
+#define VESK_TEST_ACTION_Entry(Name)
+#define VESK_TEST_ACTION_TRAITS(Name, lower, role, ...) VESK_TEST_ACTION_##role(Name)
+using ActionTables = DropFirst<void VESK_TAPAGG_TABLES(VESK_TEST_ACTION_TRAITS)>::type;
+#undef VESK_TEST_ACTION_TRAITS
+#undef VESK_TEST_ACTION_Entry
+#undef VESK_TEST_ACTION_Action
+
 // A key whose every byte differs from its neighbours', made from a seed.
 template <class Key>
 Key patternedKey(uint8_t seed) {
