@@ -25,6 +25,22 @@ inline std::string neededText(const Nimbo::Ptr<const Asic::NeededEntry>& needed)
   return needed ? fmt::format("{}", *needed) : std::string("{}");
 }
 
+// Mounts shard S at `path` as its writer, its collection `collection` (picked out of the
+// shard by `collectionOf`) with `capacity` records; a wiped collection is logged as
+// "<item>::<table type>".
+template <class Traits, class S, class CollectionOf>
+Nimbo::Ptr<S> mountWriter(const Asic::EntryLogBase& log, const Nimbo::String& path,
+                          const char* collection, uint32_t capacity, const char* item,
+                          CollectionOf collectionOf) {
+  return checkAndwriteMountShard<S>(
+      log.entityManager(), S::typeName, path, log.agentName(),
+      [&](KestShard::MountInfo& info) { info.collectionInfoIs({collection, capacity, false}); },
+      [&](S* shard) -> Nimbo::Ptr<KestShard::CollectionControl> {
+        return shard ? collectionOf(*shard).control() : nullptr;
+      },
+      [&] { Kest::log(messageHandles<Traits>.error, fmt::format("{}::{}", item, Traits::tableName)); });
+}
+
 }  // namespace entry_log_detail
 
 #define VESK_ENTRY_LOG_TRACE(level, ...) \
@@ -70,18 +86,9 @@ template <TableTraits Traits>
 void TableEntryLog<Traits>::mountShardChangeLog() {
   VESK_ENTRY_LOG_TRACE(8, "");
   const Nimbo::String path = Traits::Constants::tableEntryLogShardPath();
-  tableEntryLog_ = checkAndwriteMountShard<EntryLogShard>(
-      entityManager(), EntryLogShard::typeName, path, agentName(),
-      [](KestShard::MountInfo& info) {
-        info.collectionInfoIs({"entryLogConfig", kChangeLogCapacity, false});
-      },
-      [](EntryLogShard* shard) -> Nimbo::Ptr<KestShard::CollectionControl> {
-        return shard ? shard->entryLogConfigColl().control() : nullptr;
-      },
-      [] {
-        Kest::log(entry_log_detail::messageHandles<Traits>.error,
-                  fmt::format("{}::{}", "entryLog", Traits::tableName));
-      });
+  tableEntryLog_ = entry_log_detail::mountWriter<Traits, EntryLogShard>(
+      *this, path, "entryLogConfig", kChangeLogCapacity, "entryLog",
+      [](const EntryLogShard& shard) -> const auto& { return shard.entryLogConfigColl(); });
   VESK_ASSERT(tableEntryLog_);
   const auto& changes = tableEntryLog_->entryLogConfigColl();
   // A writer stopped after appending a change but before storing its version leaves the
@@ -97,18 +104,9 @@ template <TableTraits Traits>
 void TableEntryLog<Traits>::mountShardConfig(Asic::UnitId unitId, Asic::LogVersion logVersion) {
   VESK_ENTRY_LOG_TRACE(8, " unitId:{}, logVersion: {}", unitId, logVersion);
   const Nimbo::String path = Traits::Constants::configShardPath(unitId);
-  Nimbo::Ptr<ConfigShard> cfgShard = checkAndwriteMountShard<ConfigShard>(
-      entityManager(), ConfigShard::typeName, path, agentName(),
-      [](KestShard::MountInfo& info) {
-        info.collectionInfoIs({"swTableEntries", kConfigCapacity, false});
-      },
-      [](ConfigShard* shard) -> Nimbo::Ptr<KestShard::CollectionControl> {
-        return shard ? shard->swTableEntriesColl().control() : nullptr;
-      },
-      [] {
-        Kest::log(entry_log_detail::messageHandles<Traits>.error,
-                  fmt::format("{}::{}", "entryCfg", Traits::tableName));
-      });
+  Nimbo::Ptr<ConfigShard> cfgShard = entry_log_detail::mountWriter<Traits, ConfigShard>(
+      *this, path, "swTableEntries", kConfigCapacity, "entryCfg",
+      [](const ConfigShard& shard) -> const auto& { return shard.swTableEntriesColl(); });
   VESK_ASSERT(cfgShard);
   tableConfigShardIs(unitId, cfgShard);
   VESK_ENTRY_LOG_TRACE(2, " Mounted config for unitId: {} at {}", unitId, path);

@@ -66,15 +66,20 @@ uint64_t VersionStore::lowerBound(uint64_t head, uint64_t tail, uint64_t key) co
   return lo;
 }
 
+// The live span as a reader sees it; false (with the reason) when it makes no sense.
+bool VersionStore::loadSpan(uint64_t& head, uint64_t& tail, Nimbo::String& why) const {
+  head = loadAcquire(header().head);
+  tail = loadAcquire(header().tail);
+  if (tail >= head && tail - head <= geometry().capacity) return true;
+  why = fmt::format("head {} and tail {} do not describe a span of at most {} records", head, tail,
+                    geometry().capacity);
+  return false;
+}
+
 VersionStore::Outcome VersionStore::readFrom(uint64_t key, bool strictlyAfter, bool exact,
                                              unsigned char* out, Nimbo::String& why) const {
-  const uint64_t head = loadAcquire(header().head);
-  const uint64_t tail = loadAcquire(header().tail);
-  if (tail < head || tail - head > geometry().capacity) {
-    why = fmt::format("head {} and tail {} do not describe a span of at most {} records", head,
-                      tail, geometry().capacity);
-    return Outcome::inconsistent;
-  }
+  uint64_t head = 0, tail = 0;
+  if (!loadSpan(head, tail, why)) return Outcome::inconsistent;
   if (strictlyAfter && key == UINT64_MAX) return Outcome::absent;
   const uint64_t wanted = strictlyAfter ? key + 1 : key;
   for (uint64_t pos = lowerBound(head, tail, wanted); pos < tail; ++pos) {
@@ -121,13 +126,8 @@ uint64_t VersionStore::newestVersion() const {
   segment()->checkHeader();
   uint64_t newest = 0;
   stable([&](Nimbo::String& why) {
-    const uint64_t head = loadAcquire(header().head);
-    const uint64_t tail = loadAcquire(header().tail);
-    if (tail < head || tail - head > geometry().capacity) {
-      why = fmt::format("head {} and tail {} do not describe a span of at most {} records", head,
-                        tail, geometry().capacity);
-      return Outcome::inconsistent;
-    }
+    uint64_t head = 0, tail = 0;
+    if (!loadSpan(head, tail, why)) return Outcome::inconsistent;
     if (head == tail) return Outcome::found;
     const Slot& s = slot(tail - 1);
     const uint32_t sequence = loadAcquire(s.sequence);

@@ -43,6 +43,7 @@ class VESK_EXPORT VersionStore : public Store {
   uint64_t keyAt(uint64_t position) const noexcept;
   // First position in [head, tail) whose version is >= key (tail when none).
   uint64_t lowerBound(uint64_t head, uint64_t tail, uint64_t key) const noexcept;
+  bool loadSpan(uint64_t& head, uint64_t& tail, Nimbo::String& why) const;
   Outcome readFrom(uint64_t key, bool strictlyAfter, bool exact, unsigned char* out,
                    Nimbo::String& why) const;
   bool seek(uint64_t key, bool strictlyAfter, bool exact, unsigned char* out) const;
