@@ -3,6 +3,7 @@
 #include <cstdint>
 
 #include "Nimbo/Ptr.h"
+#include "Nimbo/Time.h"
 
 namespace Asic {
 
@@ -26,10 +27,15 @@ class SwTableStats : public Nimbo::Node {
   VESK_SW_TABLE_COUNTERS(VESK_SW_TABLE_COUNTER_ACCESSORS)
 #undef VESK_SW_TABLE_COUNTER_ACCESSORS
 
+  // When the table last committed a change (UTC); the epoch before the first.
+  Nimbo::Time lastCommitTime() const noexcept { return lastCommitTime_; }
+  void lastCommitTimeIs(Nimbo::Time time) noexcept { lastCommitTime_ = time; }
+
  private:
 #define VESK_SW_TABLE_COUNTER_FIELD(name) uint64_t name##_ = 0;
   VESK_SW_TABLE_COUNTERS(VESK_SW_TABLE_COUNTER_FIELD)
 #undef VESK_SW_TABLE_COUNTER_FIELD
+  Nimbo::Time lastCommitTime_;
 };
 
 }  // namespace Asic

@@ -1,0 +1,22 @@
+#include "Asic/SwTableBase.h"
+
+#include <fmt/format.h>
+
+namespace Asic {
+
+void SwTableBase::EntryHandle::entryStateIs(EntryState state) {
+  if (state == entryState_) return;
+  entryState_ = state;
+  publisher_.announce("entryState");
+}
+
+SwTableBase::SwTableBase(Nimbo::Ptr<const CanonicalTableName> name, SwTableId tableId,
+                         UnitId unitId, OrderedSwTableSet* swTableSet)
+    : Kest::Entity(fmt::format("{}/{}", name->name(), unitId)),
+      name_(std::move(name)),
+      tableId_(tableId),
+      unitId_(unitId),
+      swTableSet_(swTableSet),
+      stats_(Nimbo::make<SwTableStats>()) {}
+
+}  // namespace Asic
