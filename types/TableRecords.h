@@ -93,6 +93,24 @@ struct MatchLogEntry {
   }
 };
 
+// An entry's persistent image, and the entry an image stands for.
+template <class Key>
+ActionLogEntry<Key> logEntryOf(const ActionEntry<Key>& entry) noexcept {
+  return {entry.entryKey, entry.action};
+}
+template <class Key>
+ActionEntry<Key> entryOf(const ActionLogEntry<Key>& logEntry) noexcept {
+  return {logEntry.entryKey, logEntry.action};
+}
+template <class Key>
+MatchLogEntry<Key> logEntryOf(const MatchEntry<Key>& entry) noexcept {
+  return {entry.entryKey};
+}
+template <class Key>
+MatchEntry<Key> entryOf(const MatchLogEntry<Key>& logEntry) noexcept {
+  return {logEntry.entryKey};
+}
+
 // Keys of resources (other tables' entries) an entry holds. No table here holds any.
 template <class Key>
 struct NoResourceKeys {

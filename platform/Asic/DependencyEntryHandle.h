@@ -1,9 +1,11 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 
 #include <fmt/format.h>
 
+#include "Asic/NeededEntry.h"
 #include "Nimbo/Ptr.h"
 
 namespace Asic {
@@ -22,6 +24,8 @@ class DependencyEntryHandle : public Nimbo::Node {
   void stateIs(uint8_t state) noexcept { state_ = state; }
   bool isFailed() const noexcept { return state_ == 3 || state_ == 5 || state_ == 6; }
   bool isResolved() const noexcept { return state_ != unresolved && !isFailed(); }
+  // The version of the other table that the waiting change needs, when it names one.
+  virtual std::optional<NeededEntry::Need> tableVersion() const { return std::nullopt; }
 
  private:
   uint8_t state_;

@@ -20,6 +20,7 @@ class NeededEntry : public Nimbo::Node {
   using Need = std::pair<SwTableId, LogVersion>;
 
   void needIs(SwTableId table, LogVersion version) { needs_.emplace(table, version); }
+  void add(const Need& need) { needs_.insert(need); }
   bool needHas(SwTableId table, LogVersion version) const {
     return needs_.count(Need(table, version)) != 0;
   }

@@ -1,0 +1,177 @@
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "Asic/GroupResolver.h"
+#include "Asic/MajorVersion.h"
+#include "Asic/NeededEntry.h"
+#include "Asic/OrderedSwTable.h"
+#include "Asic/OrderedSwTableSet.h"
+#include "Kest/HashMap.h"
+#include "Nimbo/RQueue.h"
+#include "VeskTapAgg/TableEntryLog.h"
+#include "VeskTapAgg/TableSwTableParts.h"
+
+namespace VeskTapAgg {
+
+// The software table of one table type on one unit: what clients asked for and the
+// hardware side has not confirmed yet. Pending writes and removes wait in the transient
+// maps until the group resolver commits them to the entry log; committed changes wait in
+// entryHandleInLog until the hardware side reports their version (tableStatusVersion),
+// when each client is answered in order. Nothing committed is held here: reads fall
+// through to the unit's configuration in the entry log, which is why a restarted agent
+// serves its entries at once. The algorithms live in Asic::OrderedSwTableAccessor.
+// Written once over the traits; SwTable.h names it <T>SwTable. Owned by the table type's
+// interface and the unit's table set by reference count; single-threaded: the agent's
+// event thread.
+template <TableTraits Traits>
+class TableSwTable : public Asic::OrderedSwTable {
+ public:
+  using EntryKey = typename Traits::EntryKey;
+  using Entry = typename Traits::Entry;
+  using LogEntry = typename Traits::LogEntry;
+  using EntryLog = TableEntryLog<Traits>;
+  using EntryWrapper = TableEntryWrapper<Traits>;
+  using ResolverEntry = TableResolverEntry<Traits>;
+  using SwTableHelperBase = TableSwTableHelperBase<Traits>;
+  using ResponseHandler = Asic::OrderedSwTable::ResponseHandler;
+  using WrapperMap = Kest::HashMap2018<EntryKey, Nimbo::Ptr<EntryWrapper>>;
+  using VersionMap = Kest::HashMap2018<EntryKey, Asic::EntryVersion>;
+
+  // What a client holds for one change of this table: the key, the table, and the
+  // client's response handler, called once when the change is confirmed or has failed.
+  class EntryHandle : public Asic::OrderedSwTable::EntryHandle {
+   public:
+    using PtrConst = Nimbo::Ptr<const EntryHandle>;
+    EntryHandle(const Asic::EntryVersion& version, const EntryKey& key, TableSwTable* swTable)
+        : Asic::OrderedSwTable::EntryHandle(version), key_(key), swTable_(swTable) {}
+    static Nimbo::Ptr<EntryHandle> EntryHandleIs(const Asic::EntryVersion& version,
+                                                 const EntryKey& key, TableSwTable* swTable) {
+      return Nimbo::make<EntryHandle>(version, key, swTable);
+    }
+
+    const EntryKey& key() const noexcept { return key_; }
+    TableSwTable* swTable() const noexcept { return swTable_; }
+    void swTableIs(TableSwTable* swTable) noexcept { swTable_ = swTable; }
+    const ResponseHandler& responseHandler() const noexcept { return responseHandler_; }
+    void responseHandlerIs(const ResponseHandler& handler) { responseHandler_ = handler; }
+
+    Asic::SwTableId tableId() const override;
+    Nimbo::String tableName() const override;
+
+   private:
+    EntryKey key_;
+    TableSwTable* swTable_;
+    ResponseHandler responseHandler_;
+  };
+
+  TableSwTable(const Nimbo::Ptr<const Asic::CanonicalTableName>& name, Asic::SwTableId tableId,
+               Asic::UnitId unitId, Asic::OrderedSwTableSet* swTableSet,
+               const Nimbo::Ptr<EntryLog>& entryLog,
+               const Nimbo::Ptr<Asic::GroupResolver>& groupResolver);
+  ~TableSwTable() override;
+
+  static Nimbo::Ptr<EntryHandle> entryHandleFactory(const Asic::EntryVersion& version,
+                                                    const EntryKey& key, TableSwTable* swTable) {
+    return EntryHandle::EntryHandleIs(version, key, swTable);
+  }
+  // "<T>SwTable", its trace handle's name, and "VeskTapAgg/<T>SwTable", its source.
+  static const Nimbo::String& className();
+  static const Nimbo::String& sourceName();
+
+  // Clients' changes; each returns at once with a handle in state created.
+  typename EntryHandle::PtrConst entryWrite(
+      const EntryKey& key, const Entry& entry,
+      const Nimbo::Ptr<const Asic::DependencyEntryHandle>& dependency);
+  typename EntryHandle::PtrConst entryWriteWithResponseHandler(
+      const EntryKey& key, const Entry& entry,
+      const Nimbo::Ptr<const Asic::DependencyEntryHandle>& dependency,
+      const ResponseHandler& responseHandler);
+  typename EntryHandle::PtrConst entryRemove(
+      const EntryKey& key, const Nimbo::Ptr<const Asic::DependencyEntryHandle>& dependency);
+  typename EntryHandle::PtrConst entryRemoveWithResponseHandler(
+      const EntryKey& key, const Nimbo::Ptr<const Asic::DependencyEntryHandle>& dependency,
+      const ResponseHandler& responseHandler);
+  void entryRemoveAll(const Nimbo::Ptr<const Asic::DependencyEntryHandle>& dependency);
+  void entryRemoveAllWithResponseHandler(
+      const Nimbo::Ptr<const Asic::DependencyEntryHandle>& dependency,
+      const ResponseHandler& responseHandler);
+
+  // Reads: pending changes first, then the committed configuration.
+  Entry entryRead(const EntryKey& key) const;
+  Entry entry(const EntryKey& key) const;
+  bool entryHas(const EntryKey& key) const;
+  uint32_t entrys() const;
+  bool hasPendingHwWrites() const override;
+
+  // Resolution and commit, asked by the group resolver through the resolver entry.
+  bool isResolverEntryResolved(const Nimbo::Ptr<ResolverEntry>& resolverEntry);
+  void commitEntry(const Nimbo::Ptr<Asic::ResolverEntry>& resolverEntry);
+  // Writes the committed entry of `key` again when its resources changed it; null when the
+  // log has no such entry.
+  Nimbo::Ptr<const Asic::OrderedSwTable::EntryHandle> updateEntry(const EntryKey& key);
+  Nimbo::Ptr<const Asic::NeededEntry> getNeededEntrySet(
+      const Nimbo::Ptr<const EntryWrapper>& wrapper) const;
+  void setRsrcPtrs(const Nimbo::Ptr<EntryWrapper>& wrapper, bool refresh);
+
+  // Restart and restore.
+  void handleInitialized();
+  void restoreEntries() {}
+  void clearTable(bool releaseResources);
+  Entry entryFromConfig(const EntryKey& key) const;
+  void tableStatusVersion(Asic::LogVersion tableVersion) override;
+
+  // Attributes. Mutators announce what they change through the publisher.
+  const Nimbo::Ptr<EntryLog>& entryLog() const noexcept { return entryLog_; }
+  const Nimbo::Ptr<Asic::GroupResolver>& groupResolver() const noexcept { return groupResolver_; }
+  const Nimbo::Ptr<SwTableHelperBase>& swTableHelper() const noexcept { return swTableHelper_; }
+  void swTableHelperIs(const Nimbo::Ptr<SwTableHelperBase>& helper);
+
+  Nimbo::Ptr<EntryWrapper> transientAddEntry(const EntryKey& key) const;
+  void transientAddEntryIs(const Nimbo::Ptr<EntryWrapper>& wrapper);
+  void transientAddEntryDel(const EntryKey& key);
+  void transientAddEntryDelAll();
+  const WrapperMap& transientAddEntrys() const noexcept { return transientAddEntry_; }
+
+  Nimbo::Ptr<EntryWrapper> transientRemoveEntry(const EntryKey& key) const;
+  void transientRemoveEntryIs(const Nimbo::Ptr<EntryWrapper>& wrapper);
+  void transientRemoveEntryDel(const EntryKey& key);
+  void transientRemoveEntryDelAll();
+  const WrapperMap& transientRemoveEntrys() const noexcept { return transientRemoveEntry_; }
+
+  Asic::EntryVersion transientVersionForKey(const EntryKey& key) const;
+  std::optional<Asic::EntryVersion> transientVersionForKeyGet(const EntryKey& key) const;
+  void transientVersionForKeyIs(const EntryKey& key, const Asic::EntryVersion& version);
+  void transientVersionForKeyDel(const EntryKey& key);
+  void transientVersionForKeyDelAll();
+
+  Asic::MajorVersion transientRemoveAllVersion() const noexcept { return transientRemoveAllVersion_; }
+  void transientRemoveAllVersionIs(Asic::MajorVersion version);
+
+  uint32_t entryHandleInLogEnq(const Nimbo::Ptr<EntryHandle>& handle);
+  Nimbo::Ptr<EntryHandle> entryHandleInLogDeq();
+  Nimbo::Ptr<EntryHandle> entryHandleInLogFront() const { return entryHandleInLog_.front(); }
+  Nimbo::Ptr<EntryHandle> entryHandleInLogBack() const { return entryHandleInLog_.back(); }
+  Nimbo::Ptr<EntryHandle> entryHandleInLog(uint32_t index) const { return entryHandleInLog_.at(index); }
+  bool entryHandleInLogHas(uint32_t index) const { return entryHandleInLog_.has(index); }
+  size_t entryHandleInLogSize() const noexcept { return entryHandleInLog_.size(); }
+  void entryHandleInLogDelAll();
+
+ private:
+  static Kest::TraceHandle& traceHandle();
+  void wrapperIs(WrapperMap& map, const char* attribute, const Nimbo::Ptr<EntryWrapper>& wrapper);
+  void wrapperDel(WrapperMap& map, const char* attribute, const EntryKey& key);
+  void wrappersDelAll(WrapperMap& map, const char* attribute);
+
+  Nimbo::Ptr<SwTableHelperBase> swTableHelper_;
+  WrapperMap transientAddEntry_;
+  WrapperMap transientRemoveEntry_;
+  VersionMap transientVersionForKey_;
+  Asic::MajorVersion transientRemoveAllVersion_;
+  Nimbo::Ptr<EntryLog> entryLog_;
+  Nimbo::Ptr<Asic::GroupResolver> groupResolver_;
+  Nimbo::RQueue<Nimbo::Ptr<EntryHandle>> entryHandleInLog_;
+};
+
+}  // namespace VeskTapAgg

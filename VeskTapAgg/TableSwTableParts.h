@@ -1,0 +1,105 @@
+#pragma once
+
+#include "Asic/DependencyEntryHandle.h"
+#include "Asic/EntryFlags.h"
+#include "Asic/OrderedSwTable.h"
+#include "Asic/ResolverEntry.h"
+#include "Kest/Trace.h"
+#include "Nimbo/Ptr.h"
+#include "types/TableTraits.h"
+
+namespace VeskTapAgg {
+
+template <TableTraits Traits>
+class TableSwTable;
+
+// The entry of one change, with the handle its client holds. Made by the write and remove
+// pipeline and by restore; owned by the table's pending maps and the resolver entry by
+// reference count; single-threaded.
+template <TableTraits Traits>
+class TableEntryWrapper : public Nimbo::Node {
+ public:
+  using Entry = typename Traits::Entry;
+  using EntryKey = typename Traits::EntryKey;
+  using LogEntry = typename Traits::LogEntry;
+  using SwTable = TableSwTable<Traits>;
+
+  TableEntryWrapper(const Entry& entry, Nimbo::Ptr<Asic::OrderedSwTable::EntryHandle> handle)
+      : entry_(entry), entryHandle_(std::move(handle)) {}
+
+  const Entry& entry() const noexcept { return entry_; }
+  void entryIs(const Entry& entry) noexcept { entry_ = entry; }
+  const EntryKey& key() const noexcept { return entry_.key(); }
+  void keyIs(const EntryKey& key) noexcept { entry_.entryKey = key; }
+  LogEntry logEntry() const noexcept { return logEntryOf(entry_); }
+  const Nimbo::Ptr<Asic::OrderedSwTable::EntryHandle>& entryHandle() const noexcept {
+    return entryHandle_;
+  }
+
+  // Hand the committed entry to the table's hook object.
+  void finalizeOnSuccess(const Nimbo::Ptr<SwTable>& swTable, bool isDelete);
+  bool finalizeOnFailure(const Nimbo::Ptr<SwTable>& swTable, bool isDelete);
+  // Tables whose entries carry client data or fields filled in at resolution fill them
+  // here; these tables have none.
+  void retrieveClientData() {}
+  void setResolvedFields() {}
+
+ private:
+  Entry entry_;
+  Nimbo::Ptr<Asic::OrderedSwTable::EntryHandle> entryHandle_;
+};
+
+// The client's hooks into a table's commits. A client derives from it and installs its
+// object with swTableHelperIs; the defaults do nothing, refuse nothing and commit every
+// changed entry. Shared by reference count; single-threaded.
+template <TableTraits Traits>
+class TableSwTableHelperBase : public Nimbo::Node {
+ public:
+  using EntryWrapper = TableEntryWrapper<Traits>;
+  using SwTable = TableSwTable<Traits>;
+
+  virtual void finalizeOnSuccess(const Nimbo::Ptr<EntryWrapper>& /*entry*/, bool /*isDelete*/,
+                                 const Nimbo::Ptr<SwTable>& /*swTable*/) {}
+  virtual bool finalizeOnFailure(const Nimbo::Ptr<EntryWrapper>& /*entry*/, bool /*isDelete*/,
+                                 const Nimbo::Ptr<SwTable>& /*swTable*/) {
+    return false;
+  }
+  // Whether an entry whose resources changed is to be written to the log again.
+  virtual bool finalizeOnResourceUpdate(const Nimbo::Ptr<EntryWrapper>& /*entry*/,
+                                        const Nimbo::Ptr<SwTable>& /*swTable*/,
+                                        bool /*someResourceHasFailed*/) {
+    return true;
+  }
+};
+
+// One change of a table in its group resolver's queue: asks the table whether it is
+// resolved and has the table commit it. The table pointer is plain: the table outlives
+// its queued changes. Single-threaded.
+template <TableTraits Traits>
+class TableResolverEntry : public Asic::ResolverEntry {
+ public:
+  using EntryWrapper = TableEntryWrapper<Traits>;
+  using SwTable = TableSwTable<Traits>;
+
+  TableResolverEntry(Nimbo::Ptr<const Asic::DependencyEntryHandle> dependency,
+                     Asic::EntryFlags flags, SwTable* swTable, Nimbo::Ptr<EntryWrapper> wrapper)
+      : Asic::ResolverEntry(std::move(dependency), flags),
+        swTable_(swTable),
+        entryWrapper_(std::move(wrapper)) {}
+
+  SwTable* swTable() const noexcept { return swTable_; }
+  const Nimbo::Ptr<EntryWrapper>& entryWrapper() const noexcept { return entryWrapper_; }
+
+  bool isResolved() override {
+    return swTable_->isResolverEntryResolved(Nimbo::Ptr<TableResolverEntry>(this));
+  }
+  void commitEntry(const Nimbo::Ptr<Asic::ResolverEntry>& self) override {
+    swTable_->commitEntry(self);
+  }
+
+ private:
+  SwTable* swTable_;
+  Nimbo::Ptr<EntryWrapper> entryWrapper_;
+};
+
+}  // namespace VeskTapAgg
