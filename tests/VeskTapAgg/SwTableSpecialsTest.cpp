@@ -1,0 +1,103 @@
+// Software-table cases checked on one table type: the change log's space limit, exact
+// traces, the assertions, and a client helper that rewrites entries.
+
+#include "Kest/Trace.h"
+#include "VeskTapAgg/SwTableTestSupport.h"
+
+namespace VeskTest {
+namespace {
+
+using Asic::EntryState;
+using Asic::LogVersion;
+using Reference = VeskTapAgg::DefaultFwdTcamEntryTraits;
+
+class SwTableSpecialsTest : public ::testing::Test {
+ protected:
+  ~SwTableSpecialsTest() override { Kest::traceConfigDel(); }
+  TempShmRoot root;
+};
+
+TEST_F(SwTableSpecialsTest, AFullChangeLogHoldsChangesBackUntilTheHardwareCatchesUp) {
+  SwTableRig<Reference> rig;
+  auto& log = rig.agent.log();
+  Reference::LogShardEntry change{};
+  for (uint64_t v = 1; v <= 999999; ++v) {
+    change.logVersion = LogVersion(v);
+    log.tableEntryLog()->entryLogConfigIs(change);
+  }
+  log.tableVersionInc(999999);
+  auto last = rig.write(1);
+  EXPECT_EQ(rig.run(), 1u) << "999,999 records leave room for one more";
+  EXPECT_EQ(last->logVersion(), LogVersion(1000000));
+
+  Kest::traceConfigIs("DefaultFwdTcamEntrySwTable/1");
+  Kest::TraceCapture traces;
+  auto held = rig.write(2);
+  EXPECT_EQ(rig.run(), 0u);
+  EXPECT_EQ(held->entryState(), EntryState::created);
+  EXPECT_EQ(traces.textsContaining("no space in entryLog!").size(), 1u);
+  EXPECT_TRUE(rig.table->entryHas(rig.key(2))) << "held back, not lost";
+
+  rig.hw(1000);
+  EXPECT_EQ(rig.run(), 1u);
+  EXPECT_EQ(held->logVersion(), LogVersion(1000001));
+}
+
+TEST_F(SwTableSpecialsTest, TracesTheWritePipelineWordForWord) {
+  Kest::traceConfigIs("DefaultFwdTcamEntrySwTable/2+8");
+  SwTableRig<Reference> rig;
+  Kest::TraceCapture traces;
+  rig.table->entryWrite(rig.key(1), rig.entry(1), nullptr);
+  const std::string key = fmt::format("{}", rig.key(1));
+  EXPECT_EQ(traces.texts("DefaultFwdTcamEntrySwTable"),
+            (std::vector<std::string>{" key: " + key, " key: " + key, "key: " + key,
+                                      " Key: " + key + " not found in entry version collection",
+                                      "Done processing write for key: " + key + " ",
+                                      // the table set asks hasPendingHwWrites
+                                      ""}));
+  const auto records = traces.records();
+  EXPECT_EQ(records.front().file, "VeskTapAgg/DefaultFwdTcamEntrySwTable");
+  EXPECT_EQ(records[4].file, "OrderedTable/OrderedSwTableAccessor");
+  EXPECT_EQ(records[4].className, "");
+  EXPECT_EQ(records[4].level, 2u);
+}
+
+TEST_F(SwTableSpecialsTest, AnInvalidStoredVersionStopsTheAgent) {
+  SwTableRig<Reference> rig;
+  rig.table->transientVersionForKeyIs(rig.key(1), Asic::EntryVersion::invalid());
+  EXPECT_DEATH(rig.write(1), "currEntryVersion.valid\\(\\)");
+}
+
+// A helper that gives every entry whose resources changed a new VLAN.
+struct RetaggingHelper : VeskTapAgg::DefaultFwdTcamActionSwTableHelperBase {
+  bool finalizeOnResourceUpdate(const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamActionEntryWrapper>& entry,
+                                const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamActionSwTable>&,
+                                bool) override {
+    auto changed = entry->entry();
+    changed.action.vlanId = 4000;
+    entry->entryIs(changed);
+    return commit;
+  }
+  bool commit = true;
+};
+
+TEST_F(SwTableSpecialsTest, UpdateWritesWhatTheHelperChanged) {
+  SwTableRig<VeskTapAgg::DefaultFwdTcamActionTraits> rig;
+  rig.write(1, 7);
+  rig.settle();
+  auto helper = Nimbo::make<RetaggingHelper>();
+  rig.table->swTableHelperIs(helper);
+  helper->commit = false;
+  EXPECT_EQ(rig.table->updateEntry(rig.key(1))->logVersion(), LogVersion(1)) << "not committed";
+  EXPECT_EQ(rig.table->stats().updateCnt(), 0u);
+  helper->commit = true;
+  auto h = rig.table->updateEntry(rig.key(1));
+  EXPECT_EQ(h->logVersion(), LogVersion(2));
+  EXPECT_EQ(h->entryState(), EntryState::inLog);
+  EXPECT_EQ(rig.table->stats().updateCnt(), 1u);
+  EXPECT_EQ(rig.table->entryRead(rig.key(1)).action.vlanId, 4000);
+  EXPECT_EQ(rig.table->entryHandleInLogSize(), 0u) << "an update's handle is not queued";
+}
+
+}  // namespace
+}  // namespace VeskTest
