@@ -1,5 +1,6 @@
 #include "KestShard/VersionStore.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include <fmt/format.h>
@@ -229,13 +230,16 @@ bool VersionStore::erase(uint64_t key) {
   return true;
 }
 
-// Whether any live position (the ring span [head, head + span)) has a slot in `chunk`.
-bool VersionStore::chunkInUse(uint64_t chunk, uint64_t head, uint64_t span) const noexcept {
+// Whether any live position (the ring span [head, head + span)) or the position the next
+// append writes has a slot in `chunk`. Keeping the next append's chunk is what stops a log
+// that is emptied after every append from giving its chunk back and reserving it again
+// each time.
+bool VersionStore::chunkInUse(uint64_t chunk, uint64_t head, uint64_t liveSpan) const noexcept {
   const Geometry& g = geometry();
   const uint64_t begin = chunk * kChunkSize, end = begin + kChunkSize;
   if (begin < g.arenaOffset) return true;  // shares its chunk with the header
-  if (span == 0) return false;
   const uint64_t cap = g.capacity;
+  const uint64_t span = std::min(liveSpan + 1, cap);
   const uint64_t first = (begin - g.arenaOffset) / g.slotSize;
   const uint64_t last = std::min(cap - 1, (end - 1 - g.arenaOffset) / g.slotSize);
   if (first > last) return false;

@@ -51,7 +51,7 @@ class VESK_EXPORT VersionStore : public Store {
   void replaceAt(uint64_t position, const unsigned char* record);
   void writeSlot(Slot& s, const unsigned char* record);
   void releaseFreed(uint64_t from, uint64_t to);
-  bool chunkInUse(uint64_t chunk, uint64_t head, uint64_t span) const noexcept;
+  bool chunkInUse(uint64_t chunk, uint64_t head, uint64_t liveSpan) const noexcept;
   void recover();
 };
 

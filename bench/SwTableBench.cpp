@@ -1,0 +1,100 @@
+// A software table end to end: clients' changes written, resolved, committed to the entry
+// log, confirmed by the hardware side and answered; the heap a pending change holds; and
+// reads of committed and pending keys.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+
+#include "BenchSupport.h"
+#include "VeskTapAgg/SwTable.h"
+
+namespace {
+
+using VeskBench::keyOf;
+using VeskBench::Traits;
+using Asic::LogVersion;
+
+VeskBench::Root root;
+
+// One unit's table with its entry log, resolver and table set, in a namespace of its own.
+struct Rig {
+  explicit Rig(const std::string& name)
+      : em(Nimbo::make<Cairn::EntityManager>(name, true)),
+        log(VeskTapAgg::defaultFwdTcamEntryEntryLogFactory(
+            Traits::tableId, em, Nimbo::make<Asic::GroupInterface>(), name)),
+        set(Nimbo::make<Asic::OrderedSwTableSet>(Asic::UnitId(0),
+                                                 Nimbo::make<Asic::OrderedSwTableStatus>())) {
+    log->mountShardConfig(Asic::UnitId(0), {});
+    table = VeskTapAgg::defaultFwdTcamEntrySwTableFactory(
+        Nimbo::make<Asic::CanonicalTableName>(Asic::CanonicalTableName::orderedTable, name,
+                                              "VeskTapAgg", Traits::tableName),
+        Traits::tableId, Asic::UnitId(0), set.ptr(), log, resolver);
+    set->swTableIs(table);
+  }
+  static Traits::Entry entry(uint32_t i) { return Traits::Entry{keyOf(i)}; }
+  // Confirms everything logged: the hardware side has taken the table version.
+  void confirm() { table->tableStatusVersion(log->tableVersion()); }
+
+  Nimbo::Ptr<Cairn::EntityManager> em;
+  Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamEntryEntryLog> log;
+  Nimbo::Ptr<Asic::GroupResolver> resolver = Nimbo::make<Asic::GroupResolver>();
+  Nimbo::Ptr<Asic::OrderedSwTableSet> set;
+  Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamEntrySwTable> table;
+};
+
+// Writes `batch` keys, commits them all, confirms them all; every handler is called.
+void BM_EndToEnd(benchmark::State& state) {
+  Rig rig("e2e" + std::to_string(state.range(0)));
+  const uint32_t batch = uint32_t(state.range(0));
+  uint64_t answered = 0;
+  const auto handler = [&](const auto&) { ++answered; };
+  uint32_t next = 0;
+  for (auto _ : state) {
+    for (uint32_t i = 0; i < batch; ++i) {
+      const uint32_t k = next++ % 65536;
+      rig.table->entryWriteWithResponseHandler(keyOf(k), Rig::entry(k), nullptr, handler);
+    }
+    rig.resolver->runUntilIdle();
+    rig.confirm();
+  }
+  if (answered != uint64_t(state.iterations()) * batch) state.SkipWithError("a change went unanswered");
+  state.SetItemsProcessed(int64_t(answered));
+}
+BENCHMARK(BM_EndToEnd)->Arg(1)->Arg(10000);
+
+// Heap held per pending change: handle, wrapper, resolver entry and map slots.
+void BM_PendingChangeHeap(benchmark::State& state) {
+  constexpr uint32_t kPending = 10000;
+  Rig rig("heap");
+  for (auto _ : state) {
+    const size_t before = mallinfo2().uordblks;
+    for (uint32_t i = 0; i < kPending; ++i) rig.table->entryWrite(keyOf(i), Rig::entry(i), nullptr);
+    state.counters["bytesPerPendingChange"] = double(mallinfo2().uordblks - before) / kPending;
+    state.PauseTiming();
+    rig.resolver->runUntilIdle();
+    rig.confirm();
+    state.ResumeTiming();
+  }
+}
+BENCHMARK(BM_PendingChangeHeap)->Iterations(3);
+
+void BM_EntryReadCommitted(benchmark::State& state) {
+  Rig rig("readCommitted");
+  for (uint32_t i = 0; i < 65536; ++i) rig.table->entryWrite(keyOf(i), Rig::entry(i), nullptr);
+  rig.resolver->runUntilIdle();
+  rig.confirm();
+  uint32_t i = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(rig.table->entryRead(keyOf(i++ % 65536)));
+}
+BENCHMARK(BM_EntryReadCommitted);
+
+void BM_EntryReadPending(benchmark::State& state) {
+  Rig rig("readPending");
+  for (uint32_t i = 0; i < 10000; ++i) rig.table->entryWrite(keyOf(i), Rig::entry(i), nullptr);
+  uint32_t i = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(rig.table->entryRead(keyOf(i++ % 10000)));
+}
+BENCHMARK(BM_EntryReadPending);
+
+}  // namespace
+
+BENCHMARK_MAIN();
