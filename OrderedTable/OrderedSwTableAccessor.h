@@ -62,6 +62,7 @@ class OrderedSwTableAccessor {
   static void settle(T& table);
   static void answer(const Nimbo::Ptr<EntryHandle>& handle, EntryState state);
   static void clearTransient(T& table, const EntryKey& key, const EntryVersion& committed, bool add);
+  static void traceConfigRead(const EntryKey& key);
   static Nimbo::Ptr<NeededEntry> neededWith(const Nimbo::Ptr<const NeededEntry>& needed,
                                             const Dependency& dependency);
   static void commitFailed(const Nimbo::Ptr<EntryHandle>& handle, bool isTableDelete,
@@ -77,8 +78,8 @@ class OrderedSwTableAccessor {
 }  // namespace Asic
 
 #define VESK_ACCESSOR_TRACE(level, ...)                                                   \
-  VESK_TRACE_FROM(::Kest::traceHandle(T::className()), level,                             \
-                  "OrderedTable/OrderedSwTableAccessor", "", __VA_ARGS__)
+  VESK_TRACE_FROM(T::traceHandle(), level, "OrderedTable/OrderedSwTableAccessor", "",     \
+                  __VA_ARGS__)
 
 namespace Asic {
 
@@ -239,6 +240,14 @@ Nimbo::Ptr<NeededEntry> OrderedSwTableAccessor<T>::neededWith(
   return all;
 }
 
+// A commit reads the stored entry only for the record of it: these tables keep no
+// resources that would differ, so the lookup (a random read of shared memory) is left out
+// and only its trace is written.
+template <class T>
+void OrderedSwTableAccessor<T>::traceConfigRead(const EntryKey& key) {
+  VESK_ACCESSOR_TRACE(8, "key: {}", key);
+}
+
 template <class T>
 void OrderedSwTableAccessor<T>::clearTransient(T& table, const EntryKey& key,
                                                const EntryVersion& committed, bool add) {
@@ -284,7 +293,7 @@ template <class T>
 void OrderedSwTableAccessor<T>::commitEntryDelete(T& table, const ResolverEntry& resolverEntry,
                                                   const Nimbo::Ptr<EntryHandle>& handle) {
   const EntryKey& key = resolverEntry.entryWrapper()->key();
-  table.entryFromConfig(key);
+  traceConfigRead(key);
   const auto needed = neededWith(nullptr, resolverEntry.dependency());
   clearTransient(table, key, handle->entryVersion(), false);
   resolverEntry.entryWrapper()->finalizeOnSuccess(Nimbo::Ptr<T>(&table), true);
@@ -305,7 +314,7 @@ void OrderedSwTableAccessor<T>::commitEntryWrite(T& table, const ResolverEntry& 
   wrapper->finalizeOnSuccess(Nimbo::Ptr<T>(&table), false);
   clearTransient(table, wrapper->key(), handle->entryVersion(), true);
   const auto needed = neededWith(table.getNeededEntrySet(wrapper), resolverEntry.dependency());
-  table.entryFromConfig(wrapper->key());
+  traceConfigRead(wrapper->key());
   const LogVersion logVersion = table.entryLog()->entryIs(
       wrapper->logEntry(), {}, needed, table.unitId(), table.statsPtr(), false);
   handle->logVersionIs(logVersion);

@@ -345,8 +345,13 @@ template <TableTraits Traits>
 void TableSwTable<Traits>::transientVersionForKeyIs(const EntryKey& key,
                                                     const Asic::EntryVersion& version) {
   auto it = transientVersionForKey_.find(key);
-  if (it != transientVersionForKey_.end() && it->second == version) return;
-  transientVersionForKey_.insertOrReplace(key, version);
+  if (it == transientVersionForKey_.end()) {
+    transientVersionForKey_.insertOrReplace(key, version);
+  } else if (it->second == version) {
+    return;
+  } else {
+    it->second = version;
+  }
   publisher().announce("transientVersionForKey", [&] { return fmt::format("{}", key); });
 }
 

@@ -158,8 +158,10 @@ class TableSwTable : public Asic::OrderedSwTable {
   size_t entryHandleInLogSize() const noexcept { return entryHandleInLog_.size(); }
   void entryHandleInLogDelAll();
 
- private:
+  // The handle this table and its algorithms trace through.
   static Kest::TraceHandle& traceHandle();
+
+ private:
   void wrapperIs(WrapperMap& map, const char* attribute, const Nimbo::Ptr<EntryWrapper>& wrapper);
   void wrapperDel(WrapperMap& map, const char* attribute, const EntryKey& key);
   void wrappersDelAll(WrapperMap& map, const char* attribute);
