@@ -47,24 +47,6 @@ Nimbo::Ptr<S> mountWriter(const Asic::EntryLogBase& log, const Nimbo::String& pa
   VESK_TRACE_FROM(traceHandle(), level, sourceName().c_str(), className().c_str(), __VA_ARGS__)
 
 template <TableTraits Traits>
-const Nimbo::String& TableEntryLog<Traits>::className() {
-  static const Nimbo::String name = Nimbo::String(Traits::tableName) + "EntryLog";
-  return name;
-}
-
-template <TableTraits Traits>
-const Nimbo::String& TableEntryLog<Traits>::sourceName() {
-  static const Nimbo::String name = "VeskTapAgg/" + className();
-  return name;
-}
-
-template <TableTraits Traits>
-Kest::TraceHandle& TableEntryLog<Traits>::traceHandle() {
-  static Kest::TraceHandle& handle = Kest::traceHandle(className());
-  return handle;
-}
-
-template <TableTraits Traits>
 TableEntryLog<Traits>::TableEntryLog(Asic::SwTableId tableId, Nimbo::Ptr<Cairn::EntityManager> em,
                                      Nimbo::Ptr<Asic::GroupInterface> groupInterface,
                                      Nimbo::String agentName)

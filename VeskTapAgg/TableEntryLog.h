@@ -8,6 +8,7 @@
 #include "Asic/UnitId.h"
 #include "Kest/HashMap.h"
 #include "Kest/Trace.h"
+#include "VeskTapAgg/GeneratedNames.h"
 #include "types/TableShards.h"
 #include "types/TableTraits.h"
 
@@ -50,8 +51,8 @@ class TableEntryLog : public Asic::EntryLogBase {
   ~TableEntryLog() override;
 
   // "<T>EntryLog", the name it traces under, and "VeskTapAgg/<T>EntryLog", its source.
-  static const Nimbo::String& className();
-  static const Nimbo::String& sourceName();
+  static const Nimbo::String& className() { return Names::className(); }
+  static const Nimbo::String& sourceName() { return Names::sourceName(); }
 
   void handleInitialized();
   void mountShardChangeLog();
@@ -98,7 +99,8 @@ class TableEntryLog : public Asic::EntryLogBase {
   uint32_t entrys(Asic::UnitId unitId) const;
 
  private:
-  static Kest::TraceHandle& traceHandle();
+  using Names = GeneratedNames<Traits, EntryLogKind>;
+  static Kest::TraceHandle& traceHandle() { return Names::traceHandle(); }
 
   ConfigShard& mountedConfig(Asic::UnitId unitId) const;
   // The stored record of `key`, or a default record when there is none or it is damaged.

@@ -49,24 +49,6 @@ Nimbo::String TableSwTable<Traits>::EntryHandle::tableName() const {
 }
 
 template <TableTraits Traits>
-const Nimbo::String& TableSwTable<Traits>::className() {
-  static const Nimbo::String name = Nimbo::String(Traits::tableName) + "SwTable";
-  return name;
-}
-
-template <TableTraits Traits>
-const Nimbo::String& TableSwTable<Traits>::sourceName() {
-  static const Nimbo::String name = "VeskTapAgg/" + className();
-  return name;
-}
-
-template <TableTraits Traits>
-Kest::TraceHandle& TableSwTable<Traits>::traceHandle() {
-  static Kest::TraceHandle& handle = Kest::traceHandle(className());
-  return handle;
-}
-
-template <TableTraits Traits>
 TableSwTable<Traits>::TableSwTable(const Nimbo::Ptr<const Asic::CanonicalTableName>& name,
                                    Asic::SwTableId tableId, Asic::UnitId unitId,
                                    Asic::OrderedSwTableSet* swTableSet,
@@ -285,10 +267,16 @@ void TableSwTable<Traits>::wrappersDelAll(WrapperMap& map, const char* attribute
 }
 
 template <TableTraits Traits>
+Nimbo::Ptr<TableEntryWrapper<Traits>> TableSwTable<Traits>::wrapperIn(const WrapperMap& map,
+                                                                     const EntryKey& key) {
+  auto it = map.find(key);
+  return it == map.end() ? nullptr : it->second;
+}
+
+template <TableTraits Traits>
 Nimbo::Ptr<TableEntryWrapper<Traits>> TableSwTable<Traits>::transientAddEntry(
     const EntryKey& key) const {
-  auto it = transientAddEntry_.find(key);
-  return it == transientAddEntry_.end() ? nullptr : it->second;
+  return wrapperIn(transientAddEntry_, key);
 }
 
 template <TableTraits Traits>
@@ -309,8 +297,7 @@ void TableSwTable<Traits>::transientAddEntryDelAll() {
 template <TableTraits Traits>
 Nimbo::Ptr<TableEntryWrapper<Traits>> TableSwTable<Traits>::transientRemoveEntry(
     const EntryKey& key) const {
-  auto it = transientRemoveEntry_.find(key);
-  return it == transientRemoveEntry_.end() ? nullptr : it->second;
+  return wrapperIn(transientRemoveEntry_, key);
 }
 
 template <TableTraits Traits>

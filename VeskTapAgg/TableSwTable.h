@@ -77,8 +77,8 @@ class TableSwTable : public Asic::OrderedSwTable {
     return EntryHandle::EntryHandleIs(version, key, swTable);
   }
   // "<T>SwTable", its trace handle's name, and "VeskTapAgg/<T>SwTable", its source.
-  static const Nimbo::String& className();
-  static const Nimbo::String& sourceName();
+  static const Nimbo::String& className() { return Names::className(); }
+  static const Nimbo::String& sourceName() { return Names::sourceName(); }
 
   // Clients' changes; each returns at once with a handle in state created.
   typename EntryHandle::PtrConst entryWrite(
@@ -159,9 +159,11 @@ class TableSwTable : public Asic::OrderedSwTable {
   void entryHandleInLogDelAll();
 
   // The handle this table and its algorithms trace through.
-  static Kest::TraceHandle& traceHandle();
+  static Kest::TraceHandle& traceHandle() { return Names::traceHandle(); }
 
  private:
+  using Names = GeneratedNames<Traits, SwTableKind>;
+  static Nimbo::Ptr<EntryWrapper> wrapperIn(const WrapperMap& map, const EntryKey& key);
   void wrapperIs(WrapperMap& map, const char* attribute, const Nimbo::Ptr<EntryWrapper>& wrapper);
   void wrapperDel(WrapperMap& map, const char* attribute, const EntryKey& key);
   void wrappersDelAll(WrapperMap& map, const char* attribute);

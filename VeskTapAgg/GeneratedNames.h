@@ -1,0 +1,35 @@
+#pragma once
+
+#include "Kest/Trace.h"
+#include "Nimbo/String.h"
+
+namespace VeskTapAgg {
+
+// The names a class generated for a table type goes by: "<T><Kind>" (DefaultFwdTcamEntry
+// and EntryLog make "DefaultFwdTcamEntryEntryLog"), which is also the name of the trace
+// handle it writes through, and its source "VeskTapAgg/<T><Kind>". Kind is a tag with a
+// static `name`. Made on first use; single-threaded.
+template <class Traits, class Kind>
+struct GeneratedNames {
+  static const Nimbo::String& className() {
+    static const Nimbo::String name = Nimbo::String(Traits::tableName) + Kind::name;
+    return name;
+  }
+  static const Nimbo::String& sourceName() {
+    static const Nimbo::String name = "VeskTapAgg/" + className();
+    return name;
+  }
+  static Kest::TraceHandle& traceHandle() {
+    static Kest::TraceHandle& handle = Kest::traceHandle(className());
+    return handle;
+  }
+};
+
+struct EntryLogKind {
+  static constexpr const char* name = "EntryLog";
+};
+struct SwTableKind {
+  static constexpr const char* name = "SwTable";
+};
+
+}  // namespace VeskTapAgg
