@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,14 +19,15 @@ class AttributeObserver {
 
 // Where an object announces the changes of its attributes. A mutator that changed
 // something announces it; one that changed nothing does not. The key is formatted only
-// when someone listens, so an unwatched object pays one branch. Owned by the object it
-// announces for; observers are not owned and remove themselves before they go, never
-// while they are told. Single-threaded.
+// when someone listens, so an unwatched object pays one branch; the observer list is made
+// with the first observer, so an unwatched object carries one pointer. Owned by the
+// object it announces for; observers are not owned and remove themselves before they go,
+// never while they are told. Single-threaded.
 class VESK_EXPORT Publisher {
  public:
   void observerIs(AttributeObserver* observer);
   void observerDel(AttributeObserver* observer);
-  bool observed() const noexcept { return !observers_.empty() && !muted_; }
+  bool observed() const noexcept { return observers_ && !observers_->empty() && !muted_; }
   // An object being destroyed announces nothing any more.
   void mutedIs(bool muted) noexcept { muted_ = muted; }
 
@@ -40,7 +42,7 @@ class VESK_EXPORT Publisher {
  private:
   void tell(std::string_view attribute, const std::string& key);
 
-  std::vector<AttributeObserver*> observers_;
+  std::unique_ptr<std::vector<AttributeObserver*>> observers_;
   bool muted_ = false;
 };
 
