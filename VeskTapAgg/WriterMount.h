@@ -2,6 +2,7 @@
 
 #include <functional>
 
+#include "Asic/MountNamespace.h"
 #include "Cairn/EntityManager.h"
 #include "KestShard/CollectionControl.h"
 #include "KestShard/MountInfo.h"
@@ -11,12 +12,6 @@
 #include "Nimbo/String.h"
 
 namespace VeskTapAgg {
-
-// The shared-memory namespace an agent's mounts go to: the one named like its state
-// database, local as it is, unless the environment variable NOT_LOCAL_EM is set, which
-// picks the non-local namespace of that name.
-VESK_EXPORT Nimbo::Ptr<KestSharedMem::EntityManager> mountEntityManager(
-    const Cairn::EntityManager& em);
 
 // Makes the agents watching `agentName`'s relaunch generation restart: advances the major
 // id of the Asic::GenId at "hardware/quill/agent/relaunch/config/<agentName>" in `em`, if
@@ -36,7 +31,7 @@ Nimbo::Ptr<S> checkAndwriteMountShard(
     const std::function<void(KestShard::MountInfo&)>& setCollectionInfo,
     const std::function<Nimbo::Ptr<KestShard::CollectionControl>(S*)>& collectionControl,
     const std::function<void()>& onWiped) {
-  Nimbo::Ptr<KestSharedMem::EntityManager> shmEm = mountEntityManager(*em);
+  Nimbo::Ptr<KestSharedMem::EntityManager> shmEm = Asic::mountEntityManager(*em);
   Nimbo::Ptr<KestSharedMem::MountGroup> group = shmEm->getMountGroup();
   KestShard::MountInfo info(KestShard::KestShardType::writer);
   setCollectionInfo(info);

@@ -159,7 +159,7 @@ BENCHMARK(BM_Entrys)->Unit(benchmark::kMicrosecond);
 void BM_RemountUnit(benchmark::State& state) {
   Rig rig("remount" + std::to_string(state.range(0)));
   rig.fill(uint32_t(state.range(0)));
-  auto shm = VeskTapAgg::mountEntityManager(*rig.em);
+  auto shm = Asic::mountEntityManager(*rig.em);
   const Nimbo::String path = Traits::Constants::configShardPath(kUnit);
   for (auto _ : state) {
     rig.log->tableConfigShardDel(kUnit);

@@ -21,7 +21,7 @@ struct Rig {
       : em(Nimbo::make<Cairn::EntityManager>(name, true)),
         log(VeskTapAgg::defaultFwdTcamEntryEntryLogFactory(
             Traits::tableId, em, Nimbo::make<Asic::GroupInterface>(), name)),
-        set(Nimbo::make<Asic::OrderedSwTableSet>(Asic::UnitId(0),
+        set(Nimbo::make<Asic::OrderedSwTableSet>(Traits::tableId,
                                                  Nimbo::make<Asic::OrderedSwTableStatus>())) {
     log->mountShardConfig(Asic::UnitId(0), {});
     table = VeskTapAgg::defaultFwdTcamEntrySwTableFactory(

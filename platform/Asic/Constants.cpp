@@ -70,6 +70,10 @@ Nimbo::String Constants::tableEntryLogShardPath(std::string_view canonicalGroupN
                      checkedComponent("table name", tableName));
 }
 
+Nimbo::String Constants::tableVersionShardPath(std::string_view canonicalGroupName) {
+  return fmt::format("{}/tableVersion", checkedComponent("group name", canonicalGroupName));
+}
+
 UnitId Constants::getUnitIdFromConfigPath(std::string_view path) {
   const size_t slash = path.rfind('/');
   const std::string_view last = slash == std::string_view::npos ? path : path.substr(slash + 1);

@@ -12,6 +12,7 @@ namespace Asic {
 // '/'-separated, every component one or more of [A-Za-z0-9._-] and neither "." nor "..":
 //   <agent>.<group>/<namespace>/<table>/config/<unit>   a unit's configuration
 //   <agent>.<group>/<namespace>/<table>/entryLog        a table type's change log
+//   <agent>.<group>/tableVersion                        what the hardware side has taken
 // Every name given must be one such component (a path base, a path of them); otherwise
 // the call throws Nimbo::InvalidArgumentException naming the offending input. Stateless;
 // any thread.
@@ -30,6 +31,8 @@ class VESK_EXPORT Constants {
   static Nimbo::String tableEntryLogShardPath(std::string_view canonicalGroupName,
                                               std::string_view tableNamespace,
                                               std::string_view tableName);
+  // "<canonicalGroup>/tableVersion"
+  static Nimbo::String tableVersionShardPath(std::string_view canonicalGroupName);
   // The unit of a configuration path, read from its last component (a bare unit number
   // is accepted too). Throws Nimbo::InvalidArgumentException when that is not a decimal
   // number from 0 to 65535.

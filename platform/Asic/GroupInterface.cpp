@@ -2,7 +2,46 @@
 
 #include <algorithm>
 
+#include "Asic/MountNamespace.h"
+#include "Nimbo/Exception.h"
+
 namespace Asic {
+
+GroupInterface::GroupInterface() : groupResolver_(Nimbo::make<GroupResolver>()) {}
+
+GroupInterface::GroupInterface(Nimbo::String canonicalName, Nimbo::Ptr<Cairn::EntityManager> em)
+    : canonicalName_(std::move(canonicalName)),
+      em_(std::move(em)),
+      groupResolver_(Nimbo::make<GroupResolver>()) {}
+
+Nimbo::Ptr<OrderedSwTableSet> GroupInterface::swTableSet(SwTableId tableId) const {
+  auto it = swTableSets_.find(tableId);
+  return it == swTableSets_.end() ? nullptr : it->second;
+}
+
+void GroupInterface::swTableSetIs(const Nimbo::Ptr<OrderedSwTableSet>& set) {
+  swTableSets_[set->tableId()] = set;
+}
+
+void GroupInterface::swTableSetDel(SwTableId tableId) { swTableSets_.erase(tableId); }
+
+const Nimbo::Ptr<TableVersionShard>& GroupInterface::tableVersionMap() {
+  if (!tableVersionMap_ && em_) {
+    tableVersionMap_ = TableVersionShard::mountReader(mountEntityManager(*em_), canonicalName_);
+  }
+  return tableVersionMap_;
+}
+
+std::optional<LogVersion> GroupInterface::tableVersion(SwTableId tableId) {
+  const Nimbo::Ptr<TableVersionShard>& map = tableVersionMap();
+  if (!map) return std::nullopt;
+  try {
+    return map->tableVersion(tableId);
+  } catch (const Nimbo::CorruptionDetectedException& e) {
+    map->tableVersions().map().doCorruptionDetected(e.what());
+    return std::nullopt;
+  }
+}
 
 void GroupInterface::addLogEntry(SwTableId tableId, LogVersion version,
                                  const Nimbo::Ptr<const NeededEntry>& neededEntry) {

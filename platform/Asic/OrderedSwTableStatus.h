@@ -1,15 +1,20 @@
 #pragma once
 
 #include "Asic/Publisher.h"
+#include "Asic/SwTableId.h"
 #include "Nimbo/Ptr.h"
 
 namespace Asic {
 
-// What a unit's table set tells the rest of the agent: whether any of its tables has
-// changes the hardware side has not taken yet. Announces "pendingHwWrites" when that
-// flips. Shared by reference count; single-threaded.
+// What the tables of one table type tell the rest of the agent together: whether any of
+// them has changes the hardware side has not taken yet. Announces "pendingHwWrites" when
+// that flips. Shared by the type's interface, table set and tables by reference count;
+// single-threaded.
 class OrderedSwTableStatus : public Nimbo::Node {
  public:
+  explicit OrderedSwTableStatus(SwTableId tableId = SwTableId()) : tableId_(tableId) {}
+
+  SwTableId tableId() const noexcept { return tableId_; }
   bool pendingHwWrites() const noexcept { return pendingHwWrites_; }
   void pendingHwWritesIs(bool pending) {
     if (pending == pendingHwWrites_) return;
@@ -19,6 +24,7 @@ class OrderedSwTableStatus : public Nimbo::Node {
   Publisher& publisher() noexcept { return publisher_; }
 
  private:
+  SwTableId tableId_;
   bool pendingHwWrites_ = false;
   Publisher publisher_;
 };

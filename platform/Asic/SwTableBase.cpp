@@ -19,4 +19,10 @@ SwTableBase::SwTableBase(Nimbo::Ptr<const CanonicalTableName> name, SwTableId ta
       swTableSet_(swTableSet),
       stats_(Nimbo::make<SwTableStats>()) {}
 
+void SwTableBase::statusIs(const Nimbo::Ptr<OrderedSwTableStatus>& status) {
+  if (status == status_) return;
+  status_ = status;
+  publisher_.announce("status");
+}
+
 }  // namespace Asic

@@ -2,6 +2,7 @@
 
 #include "Asic/CanonicalTableName.h"
 #include "Asic/EntryState.h"
+#include "Asic/OrderedSwTableStatus.h"
 #include "Asic/Publisher.h"
 #include "Asic/SwTableId.h"
 #include "Asic/SwTableStats.h"
@@ -17,7 +18,8 @@ class OrderedSwTableSet;
 // What every software table is: the mirror of one hardware table on one unit, named by its
 // canonical name and table id, belonging to its unit's table set (a plain back pointer:
 // the set outlives its tables), counting what it does in its stats and announcing changes
-// of its attributes through its publisher. Its entity path is "<canonical name>/<unit>".
+// of its attributes through its publisher. The tables of one type share one status, the
+// one their set reports to. Its entity path is "<canonical name>/<unit>".
 // Shared by reference count; single-threaded: the agent's event thread.
 class VESK_EXPORT SwTableBase : public Kest::Entity {
  public:
@@ -48,6 +50,8 @@ class VESK_EXPORT SwTableBase : public Kest::Entity {
   // Starts the table's counters afresh.
   void statsIs() { stats_ = Nimbo::make<SwTableStats>(); }
   Publisher& publisher() const noexcept { return publisher_; }
+  const Nimbo::Ptr<OrderedSwTableStatus>& status() const noexcept { return status_; }
+  void statusIs(const Nimbo::Ptr<OrderedSwTableStatus>& status);
 
   // Makes the hardware side's table; software-only tables do nothing.
   virtual void doCreateHwTable() {}
@@ -58,6 +62,7 @@ class VESK_EXPORT SwTableBase : public Kest::Entity {
   UnitId unitId_;
   OrderedSwTableSet* swTableSet_;
   Nimbo::Ptr<SwTableStats> stats_;
+  Nimbo::Ptr<OrderedSwTableStatus> status_;
   mutable Publisher publisher_;
 };
 

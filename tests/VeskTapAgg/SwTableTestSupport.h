@@ -21,7 +21,7 @@ class SwTableRig {
 
   explicit SwTableRig(Asic::UnitId unit = Asic::UnitId(0)) : unit_(unit) {
     agent.mounted(unit);
-    set = Nimbo::make<Asic::OrderedSwTableSet>(unit, status);
+    set = Nimbo::make<Asic::OrderedSwTableSet>(Traits::tableId, status);
     table = Nimbo::make<SwTable>(
         Nimbo::make<Asic::CanonicalTableName>(Asic::CanonicalTableName::orderedTable,
                                               "VeskTapAgg.VeskTapAggGroup", "VeskTapAgg",

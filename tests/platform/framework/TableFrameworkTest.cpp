@@ -5,6 +5,7 @@
 
 #include "Asic/OrderedSwTableSet.h"
 #include "Asic/Publisher.h"
+#include "Kest/Entity.h"
 
 namespace {
 
@@ -44,11 +45,11 @@ TEST(PublisherTest, AnnouncesOnlyToListenersAndFormatsOnlyForThem) {
 // An ordered table reduced to what its set asks of it.
 class PendingTable : public Asic::OrderedSwTable {
  public:
-  PendingTable(Asic::SwTableId id, Asic::OrderedSwTableSet* set)
+  PendingTable(Asic::UnitId unit, Asic::OrderedSwTableSet* set)
       : Asic::OrderedSwTable(
             Nimbo::make<Asic::CanonicalTableName>(Asic::CanonicalTableName::orderedTable,
                                                   "Agent.Group", "Ns", "Table"),
-            id, Asic::UnitId(3), set) {}
+            set->tableId(), unit, set) {}
   void tableStatusVersion(Asic::LogVersion) override {}
   bool hasPendingHwWrites() const override { return pending; }
   bool pending = false;
@@ -58,13 +59,19 @@ TEST(OrderedSwTableSetTest, PendingHardwareWritesFollowTheTablesAndAnnounceFlips
   auto status = Nimbo::make<Asic::OrderedSwTableStatus>();
   Recorder recorder;
   status->publisher().observerIs(&recorder);
-  auto set = Nimbo::make<Asic::OrderedSwTableSet>(Asic::UnitId(3), status);
-  auto a = Nimbo::make<PendingTable>(Asic::SwTableId(1), set.ptr());
-  auto b = Nimbo::make<PendingTable>(Asic::SwTableId(2), set.ptr());
+  auto set = Nimbo::make<Asic::OrderedSwTableSet>(Asic::SwTableId(7), status);
+  Recorder setRecorder;
+  set->publisher().observerIs(&setRecorder);
+  auto a = Nimbo::make<PendingTable>(Asic::UnitId(3), set.ptr());
+  auto b = Nimbo::make<PendingTable>(Asic::UnitId(4), set.ptr());
   set->swTableIs(a);
   set->swTableIs(b);
-  EXPECT_EQ(set->swTable(Asic::SwTableId(2)).ptr(), b.ptr());
+  set->swTableIs(b);
+  EXPECT_EQ(set->swTable(Asic::UnitId(4)).ptr(), b.ptr());
+  EXPECT_FALSE(set->swTableHas(Asic::UnitId(5)));
   EXPECT_EQ(a->path(), "Agent.Group/Ns/Table/3");
+  EXPECT_EQ(setRecorder.seen, (std::vector<std::string>{"swTable[3]", "swTable[4]"}))
+      << "entering the table a unit already has announces nothing";
 
   b->pending = true;
   set->maybeUpdatePendingHwWrites();
@@ -74,7 +81,7 @@ TEST(OrderedSwTableSetTest, PendingHardwareWritesFollowTheTablesAndAnnounceFlips
   b->pending = false;
   set->maybeUpdatePendingHwWrites();
   EXPECT_TRUE(status->pendingHwWrites()) << "a still has some";
-  set->swTableDel(Asic::SwTableId(1));
+  set->swTableDel(Asic::UnitId(3));
   set->maybeUpdatePendingHwWrites();
   EXPECT_FALSE(status->pendingHwWrites());
   EXPECT_EQ(recorder.seen, (std::vector<std::string>{"pendingHwWrites", "pendingHwWrites"}));
@@ -96,6 +103,30 @@ TEST(EntryHandleTest, AnnouncesStateChangesOnly) {
   EXPECT_EQ(handle->logVersion(), Asic::LogVersion(7));
   EXPECT_EQ(handle->entryVersion(), Asic::EntryVersion::first());
   EXPECT_EQ(recorder.seen, std::vector<std::string>{"entryState"});
+}
+
+}  // namespace
+
+namespace {
+
+struct Counted : Kest::Entity {
+  static inline int alive = 0;
+  Counted() : Kest::Entity("Counted") { ++alive; }
+  ~Counted() override { --alive; }
+};
+
+TEST(SingletonTest, OnePerTypeMadeOnceKeptUntilReleased) {
+  const Kest::Entity::SingletonType type{
+      "Counted", []() -> Nimbo::Ptr<Kest::Entity> { return Nimbo::make<Counted>(); }};
+  EXPECT_FALSE(Kest::Entity::singletonExists("Counted"));
+  Kest::Entity* first = Kest::Entity::singletonIs(type, 7).ptr();
+  EXPECT_EQ(Kest::Entity::singletonIs(type, 1).ptr(), first);
+  EXPECT_EQ(Kest::Entity::singletonExists("Counted").ptr(), first);
+  EXPECT_EQ(Kest::Entity::singletonFlags("Counted"), 7u) << "the flags it was made with";
+  EXPECT_EQ(Counted::alive, 1);
+  Kest::Entity::singletonDel("Counted");
+  EXPECT_EQ(Counted::alive, 0);
+  EXPECT_FALSE(Kest::Entity::singletonExists("Counted"));
 }
 
 }  // namespace
