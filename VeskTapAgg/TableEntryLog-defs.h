@@ -92,7 +92,9 @@ void TableEntryLog<Traits>::mountShardConfig(Asic::UnitId unitId, Asic::LogVersi
   VESK_ASSERT(cfgShard);
   tableConfigShardIs(unitId, cfgShard);
   VESK_ENTRY_LOG_TRACE(2, " Mounted config for unitId: {} at {}", unitId, path);
-  if (!logVersion.valid()) return;
+  // The collection counts its tombstones: a unit without any is not walked, so that a
+  // restart costs the same however many entries the unit holds.
+  if (!logVersion.valid() || cfgShard->swTableEntriesColl().markedCount() == 0) return;
   cfgShard->swTableEntriesColl().forEach([&](const ConfigShardEntry& record) {
     if (record.isDeleted && record.logVersion <= logVersion) {
       cfgShard->swTableEntriesDel(record.logEntry.key());
