@@ -1,0 +1,249 @@
+#include "tools/agent/Agent.h"
+
+#include <algorithm>
+#include <memory>
+
+#include <asio.hpp>
+#include <nlohmann/json.hpp>
+#include <fmt/format.h>
+#include <fmt/ostream.h>
+
+#include "Asic/Constants.h"
+#include "Asic/OrderedTableInterface.h"
+#include "tools/agent/TableDriver.h"
+#include "types/TableTypes.h"
+
+namespace VeskTool {
+
+uint64_t AgentReport::total(uint64_t PerTable::*field) const {
+  uint64_t sum = 0;
+  for (const PerTable& t : tables) sum += t.*field;
+  return sum;
+}
+
+double AgentReport::percentileUs(double p) const {
+  if (latenciesUs.empty()) return 0;
+  std::vector<double> sorted = latenciesUs;
+  const size_t at = std::min(sorted.size() - 1, size_t(p / 100.0 * double(sorted.size())));
+  std::nth_element(sorted.begin(), sorted.begin() + ptrdiff_t(at), sorted.end());
+  return sorted[at];
+}
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// One run of the agent's event loop; lives on the stack of runAgent.
+class AgentLoop {
+ public:
+  AgentLoop(const AgentOptions& options, std::ostream& out, AgentReport& report)
+      : options_(options), out_(out), report_(report), signals_(io_, SIGTERM, SIGINT),
+        pollTimer_(io_), progressTimer_(io_) {}
+
+  void run() {
+    makeTables();
+    resolver_ = group_->groupResolver();
+    resolver_->schedulerIs([this] {
+      asio::post(io_, [this] {
+        resolver_->runUntilIdle();
+        if (!options_.waitForHardware) feed();  // the window counts uncommitted changes then
+      });
+    });
+    signals_.async_wait([this](const asio::error_code& error, int) {
+      if (error) return;
+      report_.interrupted = true;
+      io_.stop();
+    });
+    start_ = Clock::now();
+    asio::post(io_, [this] { feed(); });
+    pollHardware();
+    if (options_.progressEvery.count() > 0) printProgress();
+    io_.run();
+    report_.runSeconds = std::chrono::duration<double>(Clock::now() - start_).count();
+    for (size_t t = 0; t < kTableCount; ++t) report_.tables[t].committed = drivers_[t]->committed();
+    if (options_.verify && !report_.interrupted) verify();
+  }
+
+ private:
+  void makeTables() {
+    auto em = Nimbo::make<Cairn::EntityManager>(VeskTapAgg::kAgentName, true);
+    orderedTableIntf_ = Nimbo::make<Asic::OrderedTableInterface>(em);
+    const auto begin = Clock::now();
+    for (size_t t = 0; t < kTableCount; ++t) {
+      drivers_.push_back(tableDriverFor(t));
+      report_.restoredEntries += drivers_[t]->makeTables(orderedTableIntf_, options_.units, options_.clear);
+    }
+    report_.restoreMs = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+    group_ = orderedTableIntf_->groupInterface(
+        Asic::Constants::canonicalizeGroupName(VeskTapAgg::kAgentName, VeskTapAgg::kGroupName));
+    taken_.assign(kTableCount, Asic::LogVersion());
+    fmt::print(out_, "{} {} tables of {} units: {} entries in {:.2f} ms\n",
+               options_.clear ? "cleared" : "restored", kTableCount * options_.units.size(),
+               options_.units.size(), report_.restoredEntries, report_.restoreMs);
+  }
+
+  // Issues changes until `window` are in flight or the workload is done.
+  void feed() {
+    const auto& changes = options_.workload;
+    while (next_ < changes.size() && unsettled() < options_.window) {
+      const Change& c = changes[next_++];
+      ++inFlight_;
+      ++report_.tables[c.table].accepted;
+      const auto issued = Clock::now();
+      drivers_[c.table]->apply(c, [this, table = c.table, issued](bool confirmed) {
+        answered(table, confirmed, issued);
+      });
+    }
+    maybeFinish();
+  }
+
+  // Changes still to be answered, or without waiting for the hardware, to be committed.
+  size_t unsettled() const {
+    return options_.waitForHardware ? inFlight_ : resolver_->resolverQueueSize();
+  }
+
+  void answered(uint8_t table, bool confirmed, Clock::time_point issued) {
+    --inFlight_;
+    if (confirmed) {
+      ++report_.tables[table].confirmed;
+      report_.latenciesUs.push_back(
+          std::chrono::duration<double, std::micro>(Clock::now() - issued).count());
+    } else {
+      ++report_.tables[table].failed;
+    }
+    if (!feedPosted_ && next_ < options_.workload.size() && inFlight_ <= options_.window / 2) {
+      feedPosted_ = true;
+      asio::post(io_, [this] {
+        feedPosted_ = false;
+        feed();
+      });
+    }
+    maybeFinish();
+  }
+
+  void maybeFinish() {
+    if (next_ < options_.workload.size()) return;
+    if (unsettled() == 0) io_.stop();
+  }
+
+  // Reads what the hardware side has taken of each table type and passes it on.
+  void pollHardware() {
+    bool moved = false;
+    for (size_t t = 0; t < kTableCount; ++t) {
+      const auto taken = group_->tableVersion(drivers_[t]->tableId());
+      if (taken && taken_[t] < *taken) {
+        taken_[t] = *taken;
+        drivers_[t]->hardwareTook(*taken);
+        moved = true;
+      }
+    }
+    if (moved) resolver_->maybeUpdateSuspend();
+    if (!options_.waitForHardware) maybeFinish();
+    pollTimer_.expires_after(options_.pollEvery);
+    pollTimer_.async_wait([this](const asio::error_code& error) {
+      if (!error) pollHardware();
+    });
+  }
+
+  void printProgress() {
+    progressTimer_.expires_after(options_.progressEvery);
+    progressTimer_.async_wait([this](const asio::error_code& error) {
+      if (error) return;
+      uint64_t committed = 0;
+      for (const auto& d : drivers_) committed += d->committed();
+      const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
+      const uint64_t confirmed = report_.total(&AgentReport::PerTable::confirmed);
+      fmt::print(out_, "progress: {}/{} accepted, {} committed, {} confirmed ({:.0f} changes/s)\n",
+                 next_, options_.workload.size(), committed, confirmed, double(confirmed) / seconds);
+      out_.flush();
+      printProgress();
+    });
+  }
+
+  // Reads back every key the workload touched and compares it with what the workload left.
+  void verify() {
+    ExpectedState expected(kTableCount);
+    std::vector<std::vector<uint64_t>> touched(kTableCount);
+    for (const Change& c : options_.workload) {
+      expected.apply(c);
+      if (c.kind != ChangeKind::removeAll) touched[c.table].push_back(ExpectedState::slot(c.unit, c.key));
+    }
+    for (size_t t = 0; t < kTableCount; ++t) {
+      std::sort(touched[t].begin(), touched[t].end());
+      touched[t].erase(std::unique(touched[t].begin(), touched[t].end()), touched[t].end());
+      for (uint64_t slot : touched[t]) {
+        const auto it = expected.entries(t).find(slot);
+        const uint16_t* variant = it == expected.entries(t).end() ? nullptr : &it->second;
+        if (!drivers_[t]->readsAs(uint16_t(slot >> 32), uint32_t(slot), variant)) {
+          ++report_.mismatches;
+        }
+      }
+    }
+  }
+
+  const AgentOptions& options_;
+  std::ostream& out_;
+  AgentReport& report_;
+  asio::io_context io_;
+  asio::signal_set signals_;
+  asio::steady_timer pollTimer_;
+  asio::steady_timer progressTimer_;
+  Nimbo::Ptr<Asic::OrderedTableInterface> orderedTableIntf_;
+  Nimbo::Ptr<Asic::GroupInterface> group_;
+  Nimbo::Ptr<Asic::GroupResolver> resolver_;
+  std::vector<std::unique_ptr<TableDriver>> drivers_;
+  std::vector<Asic::LogVersion> taken_;
+  size_t next_ = 0;
+  uint32_t inFlight_ = 0;
+  bool feedPosted_ = false;
+  Clock::time_point start_;
+};
+
+}  // namespace
+
+AgentReport runAgent(const AgentOptions& options, std::ostream& out) {
+  AgentReport report;
+  AgentLoop(options, out, report).run();
+  return report;
+}
+
+void printAgentSummary(const AgentReport& r, std::ostream& out) {
+  fmt::print(out, "{:<32} {:>10} {:>10} {:>10} {:>7}\n", "table", "accepted", "committed",
+             "confirmed", "failed");
+  for (size_t t = 0; t < kTableCount; ++t) {
+    const auto& p = r.tables[t];
+    fmt::print(out, "{:<32} {:>10} {:>10} {:>10} {:>7}\n", VeskTapAgg::kCatalogue[t].name,
+               p.accepted, p.committed, p.confirmed, p.failed);
+  }
+  const uint64_t confirmed = r.total(&AgentReport::PerTable::confirmed);
+  fmt::print(out,
+             "total: {} accepted, {} committed, {} confirmed in {:.3f} s ({:.0f} changes/s); "
+             "confirmation p50 {:.0f} us, p99 {:.0f} us{}\n",
+             r.total(&AgentReport::PerTable::accepted), r.total(&AgentReport::PerTable::committed),
+             confirmed, r.runSeconds, r.runSeconds > 0 ? double(confirmed) / r.runSeconds : 0.0,
+             r.percentileUs(50), r.percentileUs(99), r.interrupted ? " (interrupted)" : "");
+  if (r.mismatches) fmt::print(out, "MISMATCH: {} keys read back differently\n", r.mismatches);
+}
+
+std::string agentReportJson(const AgentReport& r) {
+  nlohmann::ordered_json j;
+  j["restoredEntries"] = r.restoredEntries;
+  j["restoreMs"] = r.restoreMs;
+  j["runSeconds"] = r.runSeconds;
+  j["accepted"] = r.total(&AgentReport::PerTable::accepted);
+  j["committed"] = r.total(&AgentReport::PerTable::committed);
+  j["confirmed"] = r.total(&AgentReport::PerTable::confirmed);
+  j["failed"] = r.total(&AgentReport::PerTable::failed);
+  j["confirmationP50Us"] = r.percentileUs(50);
+  j["confirmationP99Us"] = r.percentileUs(99);
+  j["mismatches"] = r.mismatches;
+  j["interrupted"] = r.interrupted;
+  for (size_t t = 0; t < kTableCount; ++t) {
+    const auto& p = r.tables[t];
+    j["tables"][std::string(VeskTapAgg::kCatalogue[t].name)] = {
+        {"accepted", p.accepted}, {"committed", p.committed}, {"confirmed", p.confirmed}, {"failed", p.failed}};
+  }
+  return j.dump(2);
+}
+
+}  // namespace VeskTool

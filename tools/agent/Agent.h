@@ -1,0 +1,53 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tools/core/TableDispatch.h"
+#include "tools/core/Workload.h"
+
+namespace VeskTool {
+
+struct AgentOptions {
+  std::vector<uint16_t> units{0};
+  bool clear = false;                   // clear the units' tables instead of restoring them
+  std::vector<Change> workload;
+  uint32_t window = 20000;              // changes in flight (written, not yet answered)
+  bool waitForHardware = true;          // finish only when every change is confirmed
+  bool verify = true;                   // read back every key the workload touched
+  std::chrono::milliseconds progressEvery{1000};  // 0: no progress lines
+  std::chrono::microseconds pollEvery{100};       // how often the table-version map is read
+};
+
+// What one agent run did, for its summary and for the demo.
+struct AgentReport {
+  struct PerTable {
+    uint64_t accepted = 0, committed = 0, confirmed = 0, failed = 0;
+  };
+  std::array<PerTable, kTableCount> tables{};
+  uint64_t restoredEntries = 0;
+  double restoreMs = 0;
+  double runSeconds = 0;
+  std::vector<double> latenciesUs;  // write to answer, per confirmed change
+  uint64_t mismatches = 0;          // keys whose read disagreed with the workload
+  bool interrupted = false;         // stopped by SIGTERM or SIGINT
+
+  uint64_t total(uint64_t PerTable::*field) const;
+  double percentileUs(double p) const;
+};
+
+// The agent: one event loop (asio) on one thread. Makes the ten table types through their
+// interfaces, the tables of its units (restored, or cleared), then writes the workload with
+// at most `window` changes in flight, lets the group resolver commit them whenever it has
+// work, and turns what the hardware side records in the table-version map into
+// tableStatusVersion calls, which answer the clients. Stops when every change is answered
+// (or committed, without waiting for the hardware), or on SIGTERM/SIGINT.
+AgentReport runAgent(const AgentOptions& options, std::ostream& out);
+void printAgentSummary(const AgentReport& report, std::ostream& out);
+// The report as JSON, for scripts and the demo: totals, per table, restore, latencies.
+std::string agentReportJson(const AgentReport& report);
+
+}  // namespace VeskTool

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "Asic/OrderedTableInterface.h"
+#include "tools/core/Records.h"
+#include "tools/core/Workload.h"
+
+namespace VeskTool {
+
+// What the agent does with one table type, whatever its records: make its units' tables,
+// apply a workload change to one, pass on what the hardware side has taken, read back.
+// Made per table type by tableDriverFor(); owned by the agent; its event thread only.
+class TableDriver {
+ public:
+  // Called once per change with whether it was confirmed (else it failed).
+  using Answer = std::function<void(bool confirmed)>;
+
+  virtual ~TableDriver() = default;
+  virtual Asic::SwTableId tableId() const = 0;
+  // getIntf, then makeSwTable of every unit; returns the entries the tables hold.
+  virtual uint64_t makeTables(const Nimbo::Ptr<Asic::OrderedTableInterface>& orderedTableIntf,
+                              const std::vector<uint16_t>& units, bool clear) = 0;
+  virtual void apply(const Change& change, Answer answer) = 0;
+  virtual void hardwareTook(Asic::LogVersion version) = 0;
+  virtual uint64_t committed() const = 0;
+  // Whether a client reading key `key` of `unit` gets the entry of `variant` (null: none).
+  virtual bool readsAs(uint16_t unit, uint32_t key, const uint16_t* variant) const = 0;
+};
+
+std::unique_ptr<TableDriver> tableDriverFor(size_t tableIndex);
+
+}  // namespace VeskTool
