@@ -31,5 +31,20 @@ struct EntryLogKind {
 struct SwTableKind {
   static constexpr const char* name = "SwTable";
 };
+struct EntryHandleKind {
+  static constexpr const char* name = "SwTable::EntryHandle";
+};
+struct EntryWrapperKind {
+  static constexpr const char* name = "EntryWrapper";
+};
+struct ResolverEntryKind {
+  static constexpr const char* name = "ResolverEntry";
+};
+struct SwTableHelperBaseKind {
+  static constexpr const char* name = "SwTableHelperBase";
+};
+struct InterfaceKind {
+  static constexpr const char* name = "Interface";
+};
 
 }  // namespace VeskTapAgg

@@ -9,6 +9,7 @@
 #include "Kest/HashMap.h"
 #include "Kest/Trace.h"
 #include "VeskTapAgg/GeneratedNames.h"
+#include "VeskTapAgg/TypeRecords.h"
 #include "types/TableShards.h"
 #include "types/TableTraits.h"
 
@@ -53,6 +54,7 @@ class TableEntryLog : public Asic::EntryLogBase {
   // "<T>EntryLog", the name it traces under, and "VeskTapAgg/<T>EntryLog", its source.
   static const Nimbo::String& className() { return Names::className(); }
   static const Nimbo::String& sourceName() { return Names::sourceName(); }
+  const Kest::TypeData* typeData() const override { return &TypeRecord<Traits, EntryLogKind>::get(); }
 
   void handleInitialized();
   void mountShardChangeLog();

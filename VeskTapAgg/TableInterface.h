@@ -10,12 +10,9 @@
 #include "VeskTapAgg/EntryLog.h"
 #include "VeskTapAgg/GeneratedNames.h"
 #include "VeskTapAgg/SwTable.h"
+#include "VeskTapAgg/TypeRecords.h"
 
 namespace VeskTapAgg {
-
-struct InterfaceKind {
-  static constexpr const char* name = "Interface";
-};
 
 // Where one table type meets the ordered-table framework: made once per process by
 // getIntf(), it registers the type (group interface, entry log cleaned up to what the
@@ -48,6 +45,7 @@ class TableInterface : public Asic::TableInterfaceBase {
                                   const Nimbo::Ptr<SwTableHelperBase>& swTableHelper, bool clear);
   void reconcile() override;
   void onDelete();
+  const Kest::TypeData* typeData() const override { return &TypeRecord<Traits, InterfaceKind>::get(); }
 
   // "VeskTapAgg::<T>Interface": the name both registries know the interface by.
   static const Nimbo::String& intfName();

@@ -12,6 +12,7 @@
 #include "Nimbo/RQueue.h"
 #include "VeskTapAgg/TableEntryLog.h"
 #include "VeskTapAgg/TableSwTableParts.h"
+#include "VeskTapAgg/TypeRecords.h"
 
 namespace VeskTapAgg {
 
@@ -59,6 +60,9 @@ class TableSwTable : public Asic::OrderedSwTable {
 
     Asic::SwTableId tableId() const override;
     Nimbo::String tableName() const override;
+    const Kest::TypeData* typeData() const override {
+      return &TypeRecord<Traits, EntryHandleKind>::get();
+    }
 
    private:
     EntryKey key_;
@@ -79,6 +83,7 @@ class TableSwTable : public Asic::OrderedSwTable {
   // "<T>SwTable", its trace handle's name, and "VeskTapAgg/<T>SwTable", its source.
   static const Nimbo::String& className() { return Names::className(); }
   static const Nimbo::String& sourceName() { return Names::sourceName(); }
+  const Kest::TypeData* typeData() const override { return &TypeRecord<Traits, SwTableKind>::get(); }
 
   // Clients' changes; each returns at once with a handle in state created.
   typename EntryHandle::PtrConst entryWrite(
@@ -145,6 +150,7 @@ class TableSwTable : public Asic::OrderedSwTable {
   void transientVersionForKeyIs(const EntryKey& key, const Asic::EntryVersion& version);
   void transientVersionForKeyDel(const EntryKey& key);
   void transientVersionForKeyDelAll();
+  const VersionMap& transientVersionForKeys() const noexcept { return transientVersionForKey_; }
 
   Asic::MajorVersion transientRemoveAllVersion() const noexcept { return transientRemoveAllVersion_; }
   void transientRemoveAllVersionIs(Asic::MajorVersion version);
@@ -157,6 +163,9 @@ class TableSwTable : public Asic::OrderedSwTable {
   bool entryHandleInLogHas(uint32_t index) const { return entryHandleInLog_.has(index); }
   size_t entryHandleInLogSize() const noexcept { return entryHandleInLog_.size(); }
   void entryHandleInLogDelAll();
+  const Nimbo::RQueue<Nimbo::Ptr<EntryHandle>>& entryHandleInLogs() const noexcept {
+    return entryHandleInLog_;
+  }
 
   // The handle this table and its algorithms trace through.
   static Kest::TraceHandle& traceHandle() { return Names::traceHandle(); }

@@ -6,6 +6,7 @@
 #include "Asic/ResolverEntry.h"
 #include "Kest/Trace.h"
 #include "Nimbo/Ptr.h"
+#include "VeskTapAgg/TypeRecords.h"
 #include "types/TableTraits.h"
 
 namespace VeskTapAgg {
@@ -35,6 +36,9 @@ class TableEntryWrapper : public Nimbo::Node {
   const Nimbo::Ptr<Asic::OrderedSwTable::EntryHandle>& entryHandle() const noexcept {
     return entryHandle_;
   }
+  const Kest::TypeData* typeData() const override {
+    return &TypeRecord<Traits, EntryWrapperKind>::get();
+  }
 
   // Hand the committed entry to the table's hook object.
   void finalizeOnSuccess(const Nimbo::Ptr<SwTable>& swTable, bool isDelete);
@@ -58,6 +62,9 @@ class TableSwTableHelperBase : public Nimbo::Node {
   using EntryWrapper = TableEntryWrapper<Traits>;
   using SwTable = TableSwTable<Traits>;
 
+  const Kest::TypeData* typeData() const override {
+    return &TypeRecord<Traits, SwTableHelperBaseKind>::get();
+  }
   virtual void finalizeOnSuccess(const Nimbo::Ptr<EntryWrapper>& /*entry*/, bool /*isDelete*/,
                                  const Nimbo::Ptr<SwTable>& /*swTable*/) {}
   virtual bool finalizeOnFailure(const Nimbo::Ptr<EntryWrapper>& /*entry*/, bool /*isDelete*/,
@@ -89,6 +96,9 @@ class TableResolverEntry : public Asic::ResolverEntry {
 
   SwTable* swTable() const noexcept { return swTable_; }
   const Nimbo::Ptr<EntryWrapper>& entryWrapper() const noexcept { return entryWrapper_; }
+  const Kest::TypeData* typeData() const override {
+    return &TypeRecord<Traits, ResolverEntryKind>::get();
+  }
 
   bool isResolved() override {
     return swTable_->isResolverEntryResolved(Nimbo::Ptr<TableResolverEntry>(this));

@@ -6,12 +6,17 @@
 
 #include "Nimbo/ThreadControl.h"
 
+namespace Kest {
+class TypeData;
+}
+
 namespace Nimbo {
 
 // Base of every reference-counted object. The count lives in the object; Ptr<T> holds one
 // reference. Counts change plainly in single-threaded mode and atomically once
 // ThreadControl::threadedIs() has been called. lastUserGone() runs when the count drops to
-// zero; the default deletes the object.
+// zero; the default deletes the object. typeData() is how the framework inspects any
+// object: a class that offers introspection returns its type record (Kest/TypeData.h).
 class Node {
  public:
   Node() = default;
@@ -20,6 +25,8 @@ class Node {
   virtual ~Node() = default;
 
   uint32_t references() const noexcept { return refs_; }
+  // The record of this object's class; null for a class that offers no introspection.
+  virtual const Kest::TypeData* typeData() const { return nullptr; }
 
   void newRef() const noexcept {
     if (ThreadControl::threaded()) {

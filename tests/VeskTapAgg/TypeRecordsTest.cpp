@@ -1,0 +1,340 @@
+// What the framework sees of every table type's classes through their type records: the
+// modules announced at load, the attribute lists, and the dispatcher and walks on real
+// tables and entry logs. Written once and run for all ten types.
+
+#include <regex>
+#include <set>
+
+#include "Kest/ModuleInspectData.h"
+#include "VeskTapAgg/SwTableTestSupport.h"
+#include "VeskTapAgg/TypeRecords.h"
+
+namespace VeskTest {
+namespace {
+
+using Kest::InspectException;
+using Kest::InspectOp;
+using Kest::Value;
+using Reference = VeskTapAgg::DefaultFwdTcamEntryTraits;
+using Names = std::vector<std::string>;
+
+Names namesOf(const Kest::TypeData& type) {
+  Names names;
+  for (const Kest::KestAttr& attr : type.attrs()) names.emplace_back(attr.name);
+  return names;
+}
+
+Value read(const Nimbo::Ptr<Nimbo::Node>& object, std::string_view attr) {
+  return Kest::inspectOperation(*object, attr, InspectOp::read);
+}
+
+const Nimbo::Node* objectIn(const Value& value) {
+  return std::get<Nimbo::Ptr<Nimbo::Node>>(value).ptr();
+}
+const Nimbo::Ptr<Nimbo::Node>& nodeIn(const Value& value) {
+  return std::get<Nimbo::Ptr<Nimbo::Node>>(value);
+}
+
+template <class Traits, class Kind>
+const Kest::TypeData& record() {
+  return VeskTapAgg::TypeRecord<Traits, Kind>::get();
+}
+
+template <class Traits>
+class TypeRecordsTest : public ::testing::Test {
+ protected:
+  using Rig = SwTableRig<Traits>;
+  static std::string name(const char* kind) { return std::string(Traits::tableName) + kind; }
+  static const Kest::ModuleTypeData* module(const char* unit) {
+    return Nimbo::ModuleInspectData::module(Kest::ModuleTypeData::nameOf(name(unit)));
+  }
+  // The text a walk or a read shows for a key.
+  static Value keyText(uint32_t n) { return Nimbo::String(fmt::format("{}", Rig::key(n))); }
+
+  TempShmRoot root;
+};
+TYPED_TEST_SUITE(TypeRecordsTest, AllTables);
+
+TEST(TypeRecordsLoad, LoadingAnnouncesFiftyModulesNamedAfterTheirUnits) {
+  const auto modules = Nimbo::ModuleInspectData::modules();
+  EXPECT_EQ(modules.size(), 50u);
+  std::set<std::string> names;
+  const std::regex shape("_[A-Za-z0-9]+_[0-9a-f]{8}_kestModule");
+  for (const Kest::ModuleTypeData* module : modules) {
+    EXPECT_TRUE(std::regex_match(module->name(), shape)) << module->name();
+    names.insert(module->name());
+  }
+  EXPECT_EQ(names.size(), 50u) << "no two units share a name";
+  EXPECT_NE(Nimbo::ModuleInspectData::module("_DefaultFwdTcamEntryInterface_80988d6b_kestModule"),
+            nullptr);
+}
+
+TYPED_TEST(TypeRecordsTest, EachGeneratedUnitAnnouncesTheClassesItDefines) {
+  const std::vector<std::pair<const char*, Names>> units = {
+      {"InfraTypes", {this->name("EntryWrapper"), this->name("ResolverEntry")}},
+      {"EntryLog", {this->name("EntryLog")}},
+      {"Interface", {this->name("Interface")}},
+      {"SwTable", {this->name("SwTable"), this->name("SwTable::EntryHandle")}},
+      {"SwTableHelperBase", {this->name("SwTableHelperBase")}},
+  };
+  for (const auto& [unit, classes] : units) {
+    const Kest::ModuleTypeData* module = this->module(unit);
+    ASSERT_NE(module, nullptr) << unit;
+    EXPECT_EQ(module->unit(), this->name(unit));
+    Names listed;
+    for (const Kest::TypeData* type : module->types()) listed.push_back(type->name());
+    EXPECT_EQ(listed, classes) << unit;
+  }
+  EXPECT_EQ(this->module("ResourceTableLinkage"), nullptr) << "a unit without classes stays silent";
+}
+
+TYPED_TEST(TypeRecordsTest, EveryClassAnswersWithTheRecordOfItsModule) {
+  using Traits = TypeParam;
+  typename TestFixture::Rig rig;
+  auto handle = rig.write(1);
+  auto wrapper = rig.table->transientAddEntry(rig.key(1));
+  auto resolverEntry = Nimbo::make<VeskTapAgg::TableResolverEntry<Traits>>(
+      nullptr, Asic::EntryFlags::write, rig.table.ptr(), wrapper);
+  const std::vector<std::tuple<const Nimbo::Node*, const char*, const char*, Names>> classes = {
+      {rig.table.ptr(), "SwTable", "SwTable",
+       {"canonicalName", "clearTable", "doCreateHwTable", "entryHandleInLog", "entryLog", "entrys",
+        "groupResolver", "handleInitialized", "hasPendingHwWrites", "restoreEntries", "stats",
+        "swTableHelper", "swTableSet", "tableId", "tableStatusVersion", "transientAddEntry",
+        "transientRemoveAllVersion", "transientRemoveEntry", "transientVersionForKey", "unitId"}},
+      {handle.ptr(), "SwTable", "SwTable::EntryHandle",
+       {"entryState", "entryVersion", "key", "logVersion", "swTable", "tableId", "tableName"}},
+      {wrapper.ptr(), "InfraTypes", "EntryWrapper",
+       {"entry", "entryHandle", "key", "logEntry", "retrieveClientData", "setResolvedFields"}},
+      {resolverEntry.ptr(), "InfraTypes", "ResolverEntry",
+       {"dependency", "entryWrapper", "flags", "isEntryDeleted", "isResolved", "isTableDeleted",
+        "swTable"}},
+      {rig.table->swTableHelper().ptr(), "SwTableHelperBase", "SwTableHelperBase",
+       {"finalizeOnFailure", "finalizeOnResourceUpdate", "finalizeOnSuccess"}},
+      {&rig.agent.log(), "EntryLog", "EntryLog",
+       {"agentName", "cleanupEntryLog", "cleanupMark", "entityManager", "entrys",
+        "entrysInDeletion", "groupInterface", "mountShardConfig", "tableConfigShard",
+        "tableEntryLog", "tableId", "tableVersion"}},
+  };
+  for (const auto& [object, unit, kind, attrs] : classes) {
+    const Kest::TypeData* type = object->typeData();
+    ASSERT_NE(type, nullptr) << kind;
+    EXPECT_EQ(type, this->module(unit)->type(this->name(kind))) << kind;
+    EXPECT_EQ(namesOf(*type), attrs) << kind;
+  }
+  const Kest::TypeData& interface = *this->module("Interface")->type(this->name("Interface"));
+  EXPECT_EQ(namesOf(interface),
+            (Names{"agentName", "entityManager", "entryLog", "getIntf", "groupInterface",
+                   "groupName", "handleInitialized", "makeSwTable", "onDelete", "ordTblIntf",
+                   "orderedTableIntf", "reset", "swTableHelper", "swTableSet", "swTableStatus",
+                   "tableId", "tableName", "tableNamespace", "unitId"}));
+  EXPECT_EQ(&interface, &(record<Traits, VeskTapAgg::InterfaceKind>()))
+      << "the record the interface class will return";
+}
+
+TYPED_TEST(TypeRecordsTest, TheDispatcherReadsATableAndWalksItsPendingChanges) {
+  using Traits = TypeParam;
+  typename TestFixture::Rig rig;
+  const Nimbo::Ptr<Nimbo::Node> table = rig.table;
+  std::vector<typename TestFixture::Rig::Handle> handles;
+  for (uint32_t n = 1; n <= 3; ++n) handles.push_back(rig.write(n, 0, "w" + std::to_string(n)));
+
+  EXPECT_EQ(read(table, "tableId"), Value(uint64_t(Traits::tableId.value())));
+  EXPECT_EQ(read(table, "unitId"), Value(uint64_t(0)));
+  EXPECT_EQ(read(table, "canonicalName"),
+            Value(Nimbo::String("VeskTapAgg.VeskTapAggGroup/VeskTapAgg/") + Traits::tableName));
+  EXPECT_EQ(read(table, "entrys"), Value(uint64_t(3)));
+  EXPECT_EQ(read(table, "hasPendingHwWrites"), Value(true));
+  EXPECT_EQ(read(table, "transientAddEntry"), Value(uint64_t(3))) << "a collection reads as its size";
+  EXPECT_EQ(objectIn(read(table, "entryLog")), &rig.agent.log());
+
+  // The walk visits the pending writes in the map's own order, each wrapper once.
+  std::vector<std::pair<Value, const Nimbo::Node*>> expected, seen;
+  for (const auto& [key, wrapper] : rig.table->transientAddEntrys()) {
+    expected.emplace_back(Nimbo::String(fmt::format("{}", key)), wrapper.ptr());
+  }
+  for (auto it = Kest::genericIfIterator(table, "transientAddEntry"); it.iterNonnull(); it.iterInc()) {
+    seen.emplace_back(it.iterKey(), objectIn(it.iterObj()));
+    const Nimbo::Ptr<Nimbo::Node> wrapper = nodeIn(it.iterObj());
+    EXPECT_EQ(read(wrapper, "key"), it.iterKey());
+    EXPECT_EQ(read(nodeIn(read(wrapper, "entryHandle")), "entryState"), Value(uint64_t(0)));
+  }
+  EXPECT_EQ(seen, expected);
+
+  // Committed changes wait in entryHandleInLog, numbered from 1; the hardware side's
+  // version, given through the dispatcher, answers the first two.
+  rig.run();
+  std::vector<Value> indices;
+  std::vector<const Nimbo::Node*> queued;
+  Nimbo::Ptr<Nimbo::Node> last;
+  for (auto it = Kest::genericIfIterator(table, "entryHandleInLog"); it.iterNonnull(); it.iterInc()) {
+    indices.push_back(it.iterKey());
+    last = nodeIn(it.iterObj());
+    queued.push_back(last.ptr());
+  }
+  EXPECT_EQ(indices, (std::vector<Value>{uint64_t(1), uint64_t(2), uint64_t(3)}));
+  EXPECT_EQ(queued, (std::vector<const Nimbo::Node*>{handles[0].ptr(), handles[1].ptr(),
+                                                     handles[2].ptr()}));
+  const Value two[] = {uint64_t(2)};
+  EXPECT_EQ(Kest::inspectOperation(*table, "tableStatusVersion", InspectOp::call, two), Value());
+  EXPECT_EQ(rig.answers, (std::vector<std::string>{"w1:4", "w2:4"}));
+  EXPECT_EQ(read(table, "entryHandleInLog"), Value(uint64_t(1)));
+
+  const Nimbo::Ptr<Nimbo::Node>& handle = last;
+  EXPECT_EQ(read(handle, "key"), this->keyText(3));
+  EXPECT_EQ(read(handle, "logVersion"), Value(uint64_t(3)));
+  EXPECT_EQ(read(handle, "entryState"), Value(uint64_t(Asic::EntryState::inLog)));
+  EXPECT_EQ(objectIn(read(handle, "swTable")), rig.table.ptr());
+  EXPECT_EQ(read(handle, "tableName"), read(table, "canonicalName"));
+}
+
+TYPED_TEST(TypeRecordsTest, TheDispatcherChangesATableOnlyThroughItsOwnOperations) {
+  using Traits = TypeParam;
+  typename TestFixture::Rig rig;
+  const Nimbo::Ptr<Nimbo::Node> table = rig.table;
+  const auto refusal = [&](std::string_view attr, InspectOp op, std::vector<Value> args) {
+    try {
+      Kest::inspectOperation(*table, attr, op, args);
+    } catch (const InspectException& e) {
+      return std::string(e.what());
+    }
+    return std::string("accepted");
+  };
+  const std::string name = this->name("SwTable");
+
+  // The framework makes a hook object itself and installs it.
+  const Nimbo::Ptr<Nimbo::Node> helper =
+      record<Traits, VeskTapAgg::SwTableHelperBaseKind>().genericIfConstructFromCtorArgs({});
+  const Value helperValue[] = {helper};
+  Kest::inspectOperation(*table, "swTableHelper", InspectOp::write, helperValue);
+  EXPECT_EQ(static_cast<const Nimbo::Node*>(rig.table->swTableHelper().ptr()), helper.ptr());
+
+  // Refusals name the class and the attribute, and change nothing.
+  EXPECT_EQ(refusal("swTableHelper", InspectOp::write, {Nimbo::Ptr<Nimbo::Node>(&rig.agent.log())}),
+            name + ".swTableHelper: an object of class " + this->name("EntryLog") +
+                " does not fit here");
+  EXPECT_EQ(static_cast<const Nimbo::Node*>(rig.table->swTableHelper().ptr()), helper.ptr());
+  EXPECT_EQ(refusal("entrs", InspectOp::read, {}), name + " has no attribute \"entrs\"");
+  EXPECT_THROW(Kest::inspectOperation(*table, "entrs", InspectOp::read),
+               Kest::UnknownAttributeException);
+  EXPECT_EQ(refusal("tableId", InspectOp::write, {uint64_t(1)}),
+            name + ".tableId: cannot be written (value)");
+  EXPECT_EQ(refusal("clearTable", InspectOp::call, {uint64_t(1)}),
+            name + ".clearTable: expected a flag, got a number");
+  EXPECT_EQ(refusal("clearTable", InspectOp::read, {}), name + ".clearTable: cannot be read (operation)");
+  EXPECT_EQ(read(table, "tableId"), Value(uint64_t(Traits::tableId.value())));
+
+  // A walk deletes a pending write through the table's own delete; the rest stay.
+  rig.write(1);
+  rig.write(2);
+  auto it = Kest::genericIfIterator(table, "transientAddEntry");
+  const Value gone = it.iterKey();
+  it.iterDel();
+  ASSERT_TRUE(it.iterNonnull());
+  EXPECT_NE(it.iterKey(), gone);
+  EXPECT_EQ(rig.table->transientAddEntrys().size(), 1u);
+  EXPECT_FALSE(rig.table->transientAddEntry(gone == this->keyText(1) ? rig.key(1) : rig.key(2)));
+  EXPECT_THROW(Kest::genericIfIterator(table, "entryHandleInLog").iterDel(), InspectException)
+      << "nothing empty to delete, and a waiting handle is never dropped";
+
+  // An operation with an argument: clearing empties the committed configuration at once.
+  rig.settle();
+  EXPECT_EQ(read(table, "entrys"), Value(uint64_t(2)));
+  const Value keepResources[] = {false};
+  Kest::inspectOperation(*table, "clearTable", InspectOp::call, keepResources);
+  EXPECT_EQ(read(table, "entrys"), Value(uint64_t(0)));
+  EXPECT_EQ(read(table, "hasPendingHwWrites"), Value(true)) << "the hardware side has not taken it";
+  rig.settle();
+  EXPECT_EQ(read(table, "hasPendingHwWrites"), Value(false));
+}
+
+TYPED_TEST(TypeRecordsTest, TheChangeObjectsShowTheirEntryAndTheirTable) {
+  using Traits = TypeParam;
+  typename TestFixture::Rig rig;
+  auto handle = rig.write(4, 2);
+  const Nimbo::Ptr<Nimbo::Node> wrapper = rig.table->transientAddEntry(rig.key(4));
+  const Nimbo::Ptr<Nimbo::Node> resolverEntry = Nimbo::make<VeskTapAgg::TableResolverEntry<Traits>>(
+      nullptr, Asic::EntryFlags::remove, rig.table.ptr(),
+      rig.table->transientAddEntry(rig.key(4)));
+
+  EXPECT_EQ(read(wrapper, "entry"), Value(Nimbo::String(fmt::format("{}", rig.entry(4, 2)))));
+  EXPECT_EQ(read(wrapper, "logEntry"),
+            Value(Nimbo::String(fmt::format("{}", VeskTapAgg::logEntryOf(rig.entry(4, 2))))));
+  EXPECT_EQ(objectIn(read(wrapper, "entryHandle")), handle.ptr());
+  EXPECT_EQ(read(nodeIn(read(wrapper, "entryHandle")), "entryVersion"), Value(Nimbo::String("0.0")));
+
+  EXPECT_EQ(read(resolverEntry, "flags"), Value(uint64_t(Asic::EntryFlags::remove)));
+  EXPECT_EQ(read(resolverEntry, "isEntryDeleted"), Value(true));
+  EXPECT_EQ(read(resolverEntry, "dependency"), Value(Nimbo::Ptr<Nimbo::Node>()));
+  EXPECT_EQ(objectIn(read(resolverEntry, "entryWrapper")), wrapper.ptr());
+  EXPECT_EQ(objectIn(read(resolverEntry, "swTable")), rig.table.ptr());
+  EXPECT_EQ(Kest::inspectOperation(*resolverEntry, "isResolved", InspectOp::call), Value(true))
+      << "nothing to wait for";
+}
+
+TYPED_TEST(TypeRecordsTest, TheEntryLogAnswersThroughItsRecord) {
+  typename TestFixture::Rig rig;
+  rig.write(1);
+  rig.write(2);
+  rig.settle();
+  const Nimbo::Ptr<Nimbo::Node> log(&rig.agent.log());
+  EXPECT_EQ(read(log, "tableVersion"), Value(uint64_t(2)));
+  EXPECT_EQ(read(log, "cleanupMark"), Value(uint64_t(2))) << "the hardware side took both";
+  EXPECT_EQ(read(log, "agentName"), Value(Nimbo::String(kTestAgent)));
+  const Value unit0[] = {uint64_t(0)};
+  EXPECT_EQ(Kest::inspectOperation(*log, "entrys", InspectOp::call, unit0), Value(uint64_t(2)));
+  EXPECT_EQ(Kest::inspectOperation(*log, "entrysInDeletion", InspectOp::call, unit0),
+            Value(uint64_t(0)));
+  const Value badUnit[] = {uint64_t(1) << 16};
+  EXPECT_THROW(Kest::inspectOperation(*log, "entrys", InspectOp::call, badUnit), InspectException)
+      << "a unit id has 16 bits";
+
+  auto it = Kest::genericIfIterator(log, "tableConfigShard");
+  ASSERT_TRUE(it.iterNonnull());
+  EXPECT_EQ(it.iterKey(), Value(uint64_t(0)));
+  EXPECT_EQ(objectIn(it.iterObj()), rig.agent.log().tableConfigShard(Asic::UnitId(0)).ptr());
+  it.iterInc();
+  EXPECT_FALSE(it.iterNonnull()) << "one unit mounted";
+}
+
+// Compares every class record of a type with the reference type's, with the table names
+// swapped: attributes, kinds, arities and which hooks exist must all agree.
+template <class Traits, class Kind>
+void expectSameButNames() {
+  const Kest::TypeData& ours = record<Traits, Kind>();
+  const Kest::TypeData& reference = record<Reference, Kind>();
+  EXPECT_EQ(ours.name(), std::string(Traits::tableName) + Kind::name);
+  EXPECT_EQ(reference.name(), std::string(Reference::tableName) + Kind::name);
+  EXPECT_EQ(ours.constructible(), reference.constructible()) << Kind::name;
+  ASSERT_EQ(namesOf(ours), namesOf(reference)) << Kind::name;
+  for (size_t i = 0; i < ours.attrs().size(); ++i) {
+    const Kest::KestAttr& a = ours.attrs()[i];
+    const Kest::KestAttr& b = reference.attrs()[i];
+    EXPECT_EQ(a.kind, b.kind) << a.name;
+    EXPECT_EQ(a.arity, b.arity) << a.name;
+    EXPECT_EQ(!a.read, !b.read) << a.name;
+    EXPECT_EQ(!a.write, !b.write) << a.name;
+    EXPECT_EQ(!a.call, !b.call) << a.name;
+    EXPECT_EQ(!a.collection, !b.collection) << a.name;
+    if (a.collection && b.collection) {
+      EXPECT_EQ(!a.collection->del, !b.collection->del) << a.name;
+    }
+  }
+}
+
+TYPED_TEST(TypeRecordsTest, RecordsOfTwoTableTypesDifferOnlyInTheirNames) {
+  using Traits = TypeParam;
+  expectSameButNames<Traits, VeskTapAgg::SwTableKind>();
+  expectSameButNames<Traits, VeskTapAgg::EntryHandleKind>();
+  expectSameButNames<Traits, VeskTapAgg::EntryWrapperKind>();
+  expectSameButNames<Traits, VeskTapAgg::ResolverEntryKind>();
+  expectSameButNames<Traits, VeskTapAgg::SwTableHelperBaseKind>();
+  expectSameButNames<Traits, VeskTapAgg::EntryLogKind>();
+  expectSameButNames<Traits, VeskTapAgg::InterfaceKind>();
+  if constexpr (!std::is_same_v<Traits, Reference>) {
+    const Kest::TypeData& ours = record<Traits, VeskTapAgg::SwTableKind>();
+    EXPECT_NE(&ours, &(record<Reference, VeskTapAgg::SwTableKind>())) << "each type has its own";
+  }
+}
+
+}  // namespace
+}  // namespace VeskTest

@@ -1,0 +1,47 @@
+// Loading the table library, watched from a program that does not link it: the load
+// announces each generated unit's module and does nothing else.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <set>
+#include <string>
+
+#include "Kest/ModuleInspectData.h"
+#include "Kest/Trace.h"
+#include "VeskTapAgg/Catalogue.h"
+#include "support/TempShmRoot.h"
+
+namespace {
+
+TEST(ModuleLoad, LoadingAnnouncesFiveModulesPerTableTypeAndNothingElse) {
+  VeskTest::TempShmRoot root;
+  Kest::traceConfigIs("*/0-31");
+  Kest::TraceCapture traces;
+  ASSERT_TRUE(Nimbo::ModuleInspectData::modules().empty());
+
+  void* library = ::dlopen(VESK_SWTABLE_LIBRARY, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(library, nullptr) << ::dlerror();
+
+  std::set<std::string> expected, announced;
+  for (const VeskTapAgg::CatalogueRow& row : VeskTapAgg::kCatalogue) {
+    for (const char* unit : {"InfraTypes", "EntryLog", "Interface", "SwTable", "SwTableHelperBase"}) {
+      expected.insert(Kest::ModuleTypeData::nameOf(std::string(row.name) + unit));
+    }
+  }
+  for (const Kest::ModuleTypeData* module : Nimbo::ModuleInspectData::modules()) {
+    announced.insert(module->name());
+  }
+  EXPECT_EQ(expected.size(), 50u);
+  EXPECT_EQ(announced, expected);
+  EXPECT_EQ(Nimbo::ModuleInspectData::modules().size(), 50u) << "each module once";
+  EXPECT_TRUE(announced.contains("_DefaultFwdTcamEntryInterface_80988d6b_kestModule"));
+
+  // No table, entry log or interface came to life: nothing traced, nothing mounted.
+  EXPECT_TRUE(traces.records().empty()) << traces.records().front().text;
+  EXPECT_FALSE(std::filesystem::exists(root.path()));
+  Kest::traceConfigDel();
+}
+
+}  // namespace
