@@ -42,6 +42,12 @@ template <TableTraits Traits>
 Nimbo::Ptr<typename TableSwTable<Traits>::SwTableEntries_py> TableSwTable<Traits>::getTableEntries_py()
     const {
   auto snapshot = Nimbo::make<SwTableEntries_py>();
+  // Grown once, to at most what the walk can visit, instead of doubling along the way.
+  size_t most = transientAddEntry_.size();
+  if (!transientRemoveAllVersion_.valid() && entryLog_->tableConfigShardHas(unitId())) {
+    most += entryLog_->entrys(unitId());
+  }
+  snapshot->tableEntriesReserve(most);
   for (const Entry& entry : entryIteratorConst()) snapshot->tableEntriesIs(entry);
   return snapshot;
 }
