@@ -1,6 +1,7 @@
 #include "VeskTapAgg/SwTable.h"
 
 #include "VeskTapAgg/TableSwTable-defs.h"
+#include "VeskTapAgg/TableSwTableIteration-defs.h"
 
 namespace VeskTapAgg {
 
@@ -17,5 +18,10 @@ namespace VeskTapAgg {
   }
 VESK_TAPAGG_TABLES(VESK_TAPAGG_DEFINE_SW_TABLE)
 #undef VESK_TAPAGG_DEFINE_SW_TABLE
+
+#define VESK_TAPAGG_DEFINE_SW_TABLE_ITERATION(Name, ...) \
+  template class TableSwTableIteratorState<Name##Traits>;
+VESK_TAPAGG_TABLES(VESK_TAPAGG_DEFINE_SW_TABLE_ITERATION)
+#undef VESK_TAPAGG_DEFINE_SW_TABLE_ITERATION
 
 }  // namespace VeskTapAgg

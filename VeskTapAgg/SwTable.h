@@ -3,6 +3,8 @@
 #include "Nimbo/Export.h"
 #include "VeskTapAgg/EntryLog.h"
 #include "VeskTapAgg/TableSwTable.h"
+#include "VeskTapAgg/TableSwTableEntries.h"
+#include "VeskTapAgg/TableSwTableIteratorState.h"
 
 namespace VeskTapAgg {
 
@@ -43,5 +45,17 @@ namespace VeskTapAgg {
   }
 VESK_TAPAGG_TABLES(VESK_TAPAGG_DECLARE_SW_TABLE)
 #undef VESK_TAPAGG_DECLARE_SW_TABLE
+
+// For every table type: <T>SwTableIteratorState, and <t>SwTableIteratorStateFactory, which
+// makes an empty state.
+#define VESK_TAPAGG_DECLARE_SW_TABLE_ITERATION(Name, lower, ...)                       \
+  extern template class VESK_EXPORT TableSwTableIteratorState<Name##Traits>;           \
+  using Name##SwTableIteratorState = TableSwTableIteratorState<Name##Traits>;          \
+  inline Nimbo::Ptr<Name##SwTableIteratorState> lower##SwTableIteratorStateFactory(    \
+      const Name##SwTable* swTable = nullptr) {                                        \
+    return Nimbo::make<Name##SwTableIteratorState>(swTable);                           \
+  }
+VESK_TAPAGG_TABLES(VESK_TAPAGG_DECLARE_SW_TABLE_ITERATION)
+#undef VESK_TAPAGG_DECLARE_SW_TABLE_ITERATION
 
 }  // namespace VeskTapAgg

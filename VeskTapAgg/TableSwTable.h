@@ -10,11 +10,15 @@
 #include "Asic/OrderedSwTableSet.h"
 #include "Kest/HashMap.h"
 #include "Nimbo/RQueue.h"
+#include "OrderedTable/OrderedSwTableEntryIterator.h"
 #include "VeskTapAgg/TableEntryLog.h"
 #include "VeskTapAgg/TableSwTableParts.h"
 #include "VeskTapAgg/TypeRecords.h"
 
 namespace VeskTapAgg {
+
+template <TableTraits Traits>
+class TableSwTableIteratorState;
 
 // The software table of one table type on one unit: what clients asked for and the
 // hardware side has not confirmed yet. Pending writes and removes wait in the transient
@@ -126,6 +130,18 @@ class TableSwTable : public Asic::OrderedSwTable {
   void clearTable(bool releaseResources);
   Entry entryFromConfig(const EntryKey& key) const;
   void tableStatusVersion(Asic::LogVersion tableVersion) override;
+
+  // Iteration: pending writes first, then the committed entries nothing pending hides
+  // (Asic::IterStateAccessor). SwTableEntries_py is in TableSwTableEntries.h.
+  using IteratorState = TableSwTableIteratorState<Traits>;
+  using EntryIteratorConst =
+      Asic::OrderedSwTableEntryIterator<const TableSwTable, Entry, EntryKey, IteratorState>;
+  class SwTableEntries_py;
+  Nimbo::Ptr<IteratorState> initIterState() const;
+  Nimbo::Ptr<IteratorState> initIterStateFromKey(const EntryKey& key) const;
+  EntryIteratorConst entryIteratorConst() const;
+  EntryIteratorConst entryIteratorConst(const EntryKey& key) const;
+  Nimbo::Ptr<SwTableEntries_py> getTableEntries_py() const;
 
   // Attributes. Mutators announce what they change through the publisher.
   const Nimbo::Ptr<EntryLog>& entryLog() const noexcept { return entryLog_; }

@@ -1,6 +1,6 @@
 // A software table end to end: clients' changes written, resolved, committed to the entry
-// log, confirmed by the hardware side and answered; the heap a pending change holds; and
-// reads of committed and pending keys.
+// log, confirmed by the hardware side and answered; the heap a pending change holds; reads
+// of committed and pending keys; and walks of a full unit.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 
@@ -33,6 +33,12 @@ struct Rig {
   static Traits::Entry entry(uint32_t i) { return Traits::Entry{keyOf(i)}; }
   // Confirms everything logged: the hardware side has taken the table version.
   void confirm() { table->tableStatusVersion(log->tableVersion()); }
+  // Commits and confirms entries 0 to count - 1.
+  void fill(uint32_t count) {
+    for (uint32_t i = 0; i < count; ++i) table->entryWrite(keyOf(i), entry(i), nullptr);
+    resolver->runUntilIdle();
+    confirm();
+  }
 
   Nimbo::Ptr<Cairn::EntityManager> em;
   Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamEntryEntryLog> log;
@@ -94,6 +100,38 @@ void BM_EntryReadPending(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(rig.table->entryRead(keyOf(i++ % 10000)));
 }
 BENCHMARK(BM_EntryReadPending);
+
+constexpr uint32_t kFullUnit = 65536;
+
+// A client's walk over a unit of committed entries, nothing pending: a full unit, and one
+// whose records fit in the caches.
+void BM_IterateCommitted(benchmark::State& state) {
+  const uint32_t entries = uint32_t(state.range(0));
+  Rig rig("iterate" + std::to_string(entries));
+  rig.fill(entries);
+  for (auto _ : state) {
+    uint32_t visited = 0;
+    for (const auto& entry : rig.table->entryIteratorConst()) {
+      benchmark::DoNotOptimize(&entry);
+      ++visited;
+    }
+    if (visited != entries) state.SkipWithError("the walk missed entries");
+  }
+  state.SetItemsProcessed(int64_t(state.iterations()) * entries);
+}
+BENCHMARK(BM_IterateCommitted)->Arg(4096)->Arg(kFullUnit)->Unit(benchmark::kMillisecond);
+
+// The scripting layer's snapshot of a full unit.
+void BM_TableEntriesSnapshot(benchmark::State& state) {
+  Rig rig("snapshot");
+  rig.fill(kFullUnit);
+  for (auto _ : state) {
+    const auto snapshot = rig.table->getTableEntries_py();
+    if (snapshot->tableEntriesSize() != kFullUnit) state.SkipWithError("the snapshot missed entries");
+  }
+  state.SetItemsProcessed(int64_t(state.iterations()) * kFullUnit);
+}
+BENCHMARK(BM_TableEntriesSnapshot)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

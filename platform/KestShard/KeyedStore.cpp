@@ -121,12 +121,30 @@ KeyedStore::Outcome KeyedStore::seekInBucket(uint32_t bucket, uint32_t hash,
   return Outcome::absent;
 }
 
+// A walk in collection order reads the head record of the next non-empty bucket next: its
+// slot is anywhere in the arena, so its cache lines are asked for now, to arrive while the
+// caller works on the record just found. Looks a few buckets ahead at most.
+void KeyedStore::prefetchAfter(uint32_t bucket) const noexcept {
+  const uint32_t last = std::min(bucket + 4, geometry().bucketCount - 1);
+  for (uint32_t b = bucket + 1; b <= last && bucketReserved(b); ++b) {
+    const uint32_t link = loadRelaxed(*bucketWord(b));
+    if (link == 0 || link - 1 >= geometry().slotCount) continue;
+    const auto* line = reinterpret_cast<const char*>(&slot(link - 1));
+    for (uint32_t at = 0; at < geometry().slotSize; at += 64) __builtin_prefetch(line + at);
+    return;
+  }
+}
+
 KeyedStore::Outcome KeyedStore::seekFrom(uint32_t hash, const unsigned char* key, Seek seek,
                                          unsigned char* out, uint32_t& outHash,
                                          Nimbo::String& why) const {
   const uint32_t bucket = seek == Seek::first ? 0 : bucketOf(hash);
   Outcome outcome = seekInBucket(bucket, hash, key, seek, out, outHash, why);
-  if (outcome != Outcome::absent || seek == Seek::exact) return outcome;
+  if (seek == Seek::exact) return outcome;
+  if (outcome != Outcome::absent) {
+    if (outcome == Outcome::found) prefetchAfter(bucket);
+    return outcome;
+  }
   for (uint32_t b = bucket + 1; b < geometry().bucketCount;) {
     if (!bucketReserved(b)) {
       b = firstBucketOfNextChunk(b);  // a whole chunk of empty buckets
@@ -134,6 +152,7 @@ KeyedStore::Outcome KeyedStore::seekFrom(uint32_t hash, const unsigned char* key
     }
     if (loadAcquire(*bucketWord(b)) != 0) {
       outcome = seekInBucket(b, 0, nullptr, Seek::first, out, outHash, why);
+      if (outcome == Outcome::found) prefetchAfter(b);
       if (outcome != Outcome::absent) return outcome;
     }
     ++b;

@@ -66,6 +66,7 @@ class VESK_EXPORT KeyedStore : public Store {
                    uint32_t& outHash, Nimbo::String& why) const;
   bool seek(uint32_t hash, const unsigned char* key, Seek seek, unsigned char* out,
             uint32_t& outHash) const;
+  void prefetchAfter(uint32_t bucket) const noexcept;
 
   Position position(uint32_t bucket, uint32_t hash, const unsigned char* key) const;
   uint32_t allocateSlot();
