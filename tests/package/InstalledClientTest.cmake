@@ -1,0 +1,56 @@
+# cmake -P driver of package.installedClient; see CMakeLists.txt next to it.
+cmake_minimum_required(VERSION 3.25)
+
+# Runs a command and fails the test with its output when it fails; the output is returned.
+function(run outVar)
+  execute_process(COMMAND ${ARGN} RESULT_VARIABLE rc OUTPUT_VARIABLE out ERROR_VARIABLE err)
+  if(NOT rc EQUAL 0)
+    list(JOIN ARGN " " command)
+    message(FATAL_ERROR "failed (${rc}): ${command}\n${out}\n${err}")
+  endif()
+  set(${outVar} "${out}" PARENT_SCOPE)
+endfunction()
+
+function(expectContains text expected what)
+  string(FIND "${text}" "${expected}" at)
+  if(at EQUAL -1)
+    message(FATAL_ERROR "${what}: expected \"${expected}\" in:\n${text}")
+  endif()
+endfunction()
+
+set(prefix ${WORK_DIR}/prefix)
+file(REMOVE_RECURSE ${WORK_DIR})
+run(installLog ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
+
+# The client through find_package(VeskTapAgg).
+set(clientBuild ${WORK_DIR}/client-cmake)
+run(configureLog ${CMAKE_COMMAND} -S ${CLIENT_SOURCE_DIR} -B ${clientBuild} -G ${GENERATOR}
+  -D CMAKE_CXX_COMPILER=${CXX} "-DCMAKE_CXX_FLAGS=${CLIENT_FLAGS}"
+  -D CMAKE_PREFIX_PATH=${prefix} -D CMAKE_FIND_USE_PACKAGE_REGISTRY=OFF)
+file(STRINGS ${clientBuild}/CMakeCache.txt packageDir REGEX "^VeskTapAgg_DIR:")
+expectContains("${packageDir}" "${prefix}/${LIBDIR}/cmake/VeskTapAgg" "package found")
+run(buildLog ${CMAKE_COMMAND} --build ${clientBuild})
+run(cmakeClientOut ${clientBuild}/vesktap-client)
+expectContains("${cmakeClientOut}" "DefaultFwdTcamEntry 1c:08:0402\n" "client output")
+expectContains("${cmakeClientOut}" "key: " "client output")
+expectContains("${cmakeClientOut}" "table types: 10, mismatches: 0\n" "client output")
+
+# The same client through pkg-config; the libraries are found through LD_LIBRARY_PATH, as a
+# Makefile user would run it.
+set(ENV{PKG_CONFIG_PATH} ${prefix}/${LIBDIR}/pkgconfig)
+run(pkgFlags ${PKG_CONFIG} --cflags --libs vesktap)
+separate_arguments(pkgFlags UNIX_COMMAND "${pkgFlags}")
+separate_arguments(clientFlags UNIX_COMMAND "${CLIENT_FLAGS}")
+set(pkgClient ${WORK_DIR}/client-pkgconfig)
+run(compileLog ${CXX} -std=c++20 ${clientFlags} ${CLIENT_SOURCE_DIR}/main.cpp ${pkgFlags}
+  -o ${pkgClient})
+run(pkgClientOut ${CMAKE_COMMAND} -E env LD_LIBRARY_PATH=${prefix}/${LIBDIR} ${pkgClient})
+if(NOT pkgClientOut STREQUAL cmakeClientOut)
+  message(FATAL_ERROR "pkg-config client printed:\n${pkgClientOut}\nCMake client:\n${cmakeClientOut}")
+endif()
+
+# An installed tool runs from the prefix without help: its RPATH finds the libraries.
+run(toolOut ${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH VESK_SHM_ROOT=${WORK_DIR}/shm
+  ${prefix}/${BINDIR}/vesktap-shm-demo 10)
+expectContains("${toolOut}" "10 of 10 entries read back unchanged" "installed vesktap-shm-demo")
+file(REMOVE_RECURSE ${WORK_DIR})
