@@ -46,5 +46,11 @@ struct SwTableHelperBaseKind {
 struct InterfaceKind {
   static constexpr const char* name = "Interface";
 };
+struct SwTableIteratorStateKind {
+  static constexpr const char* name = "SwTableIteratorState";
+};
+struct SwTableEntriesKind {
+  static constexpr const char* name = "SwTable::SwTableEntries_py";
+};
 
 }  // namespace VeskTapAgg

@@ -42,6 +42,10 @@ class TableSwTable<Traits>::SwTableEntries_py : public Nimbo::Node {
   // Room for `count` entries, so that a snapshot of known size grows its map once.
   void tableEntriesReserve(size_t count) { tableEntries_.reserve(count); }
 
+  const Kest::TypeData* typeData() const override {
+    return &TypeRecord<Traits, SwTableEntriesKind>::get();
+  }
+
  private:
   TableEntryMap tableEntries_;
 };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Asic/SwTableIteratorStateBase.h"
+#include "VeskTapAgg/TypeRecords.h"
 #include "types/TableTraits.h"
 
 namespace VeskTapAgg {
@@ -35,6 +36,10 @@ class TableSwTableIteratorState : public Asic::SwTableIteratorStateBase {
 
   // One step of the walk: the next entry, or a default one with the valid flag clear.
   Entry maybeUpdateCurrentEntry();
+
+  const Kest::TypeData* typeData() const override {
+    return &TypeRecord<Traits, SwTableIteratorStateKind>::get();
+  }
 
  private:
   EntryKey bookmarkKey_{};

@@ -76,6 +76,43 @@ struct ClassRecord<Traits, SwTableKind> {
   }
 };
 
+// The walk state is the other class the framework may make itself: an empty state, on no
+// table, whose first step ends the walk.
+template <TableTraits Traits>
+struct ClassRecord<Traits, SwTableIteratorStateKind> {
+  using Self = TableSwTableIteratorState<Traits>;
+
+  static Kest::TypeData make(const Nimbo::String& name) {
+    return Kest::makeTypeData<Self>(
+        name,
+        {
+            Kest::attrValue<Self>("bookmarkKey", [](const Self& s) { return s.bookmarkKey(); }),
+            Kest::attrOperation<Self>("maybeUpdateCurrentEntry",
+                                      [](Self& s) { return s.maybeUpdateCurrentEntry(); }),
+            Kest::attrValue<Self>("state", [](const Self& s) { return s.state().bits(); }),
+            Kest::attrValue<Self>("swTable", [](const Self& s) { return s.swTable(); }),
+        },
+        []() { return Nimbo::make<Self>(nullptr); });
+  }
+};
+
+template <TableTraits Traits>
+struct ClassRecord<Traits, SwTableEntriesKind> {
+  using Self = typename TableSwTable<Traits>::SwTableEntries_py;
+  using EntryKey = typename Traits::EntryKey;
+
+  static Kest::TypeData make(const Nimbo::String& name) {
+    return Kest::makeTypeData<Self>(
+        name,
+        {
+            Kest::attrCollection<Self>(
+                "tableEntries", [](const Self& s) -> const auto& { return s.tableEntriesColl(); },
+                [](Self& s, const EntryKey& key) { s.tableEntriesDel(key); }),
+            Kest::attrOperation<Self>("tableEntriesDelAll", [](Self& s) { s.tableEntriesDelAll(); }),
+        });
+  }
+};
+
 template <TableTraits Traits>
 struct ClassRecord<Traits, EntryHandleKind> {
   using Self = typename TableSwTable<Traits>::EntryHandle;

@@ -11,7 +11,9 @@ namespace VeskTapAgg {
   template struct TypeRecord<Name##Traits, ResolverEntryKind>;     \
   template struct TypeRecord<Name##Traits, SwTableHelperBaseKind>; \
   template struct TypeRecord<Name##Traits, EntryLogKind>;          \
-  template struct TypeRecord<Name##Traits, InterfaceKind>;
+  template struct TypeRecord<Name##Traits, InterfaceKind>;          \
+  template struct TypeRecord<Name##Traits, SwTableIteratorStateKind>; \
+  template struct TypeRecord<Name##Traits, SwTableEntriesKind>;
 VESK_TAPAGG_TABLES(VESK_TAPAGG_DEFINE_TYPE_RECORDS)
 #undef VESK_TAPAGG_DEFINE_TYPE_RECORDS
 
@@ -41,7 +43,8 @@ class TableModules {
   const Kest::ModuleTypeData infraTypes_ = module<EntryWrapperKind, ResolverEntryKind>("InfraTypes");
   const Kest::ModuleTypeData entryLog_ = module<EntryLogKind>("EntryLog");
   const Kest::ModuleTypeData interface_ = module<InterfaceKind>("Interface");
-  const Kest::ModuleTypeData swTable_ = module<SwTableKind, EntryHandleKind>("SwTable");
+  const Kest::ModuleTypeData swTable_ = module<SwTableKind, EntryHandleKind, SwTableEntriesKind,
+                                                          SwTableIteratorStateKind>("SwTable");
   const Kest::ModuleTypeData swTableHelperBase_ = module<SwTableHelperBaseKind>("SwTableHelperBase");
 };
 

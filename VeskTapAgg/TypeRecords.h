@@ -24,7 +24,9 @@ struct TypeRecord {
   extern template struct VESK_EXPORT TypeRecord<Name##Traits, ResolverEntryKind>;     \
   extern template struct VESK_EXPORT TypeRecord<Name##Traits, SwTableHelperBaseKind>; \
   extern template struct VESK_EXPORT TypeRecord<Name##Traits, EntryLogKind>;          \
-  extern template struct VESK_EXPORT TypeRecord<Name##Traits, InterfaceKind>;
+  extern template struct VESK_EXPORT TypeRecord<Name##Traits, InterfaceKind>;          \
+  extern template struct VESK_EXPORT TypeRecord<Name##Traits, SwTableIteratorStateKind>; \
+  extern template struct VESK_EXPORT TypeRecord<Name##Traits, SwTableEntriesKind>;
 VESK_TAPAGG_TABLES(VESK_TAPAGG_DECLARE_TYPE_RECORDS)
 #undef VESK_TAPAGG_DECLARE_TYPE_RECORDS
 

@@ -99,6 +99,16 @@ int main(int argc, char** argv) {
   showCmd->add_flag("--entries", show.entries, "list every live entry");
   showCmd->add_flag("--json", show.json, "print JSON");
 
+  // Every refusal is one line on stderr, as for the errors the commands themselves raise.
+  app.failure_message([](const CLI::App*, const CLI::Error& e) {
+    return fmt::format("vesktap: {} (see --help)\n", e.what());
+  });
+  const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
+  if (argc > 1 && argv[1][0] != '-' &&
+      std::none_of(commands.begin(), commands.end(), [&](const CLI::App* c) { return c->check_name(argv[1]); })) {
+    fmt::print(std::cerr, "vesktap: unknown command '{}' (demo, agent, hw or show; see --help)\n", argv[1]);
+    return 2;
+  }
   CLI11_PARSE(app, argc, argv);
   try {
     if (*demoCmd) {

@@ -2,6 +2,7 @@
 // modules announced at load, the attribute lists, and the dispatcher and walks on real
 // tables and entry logs. Written once and run for all ten types.
 
+#include <map>
 #include <regex>
 #include <set>
 
@@ -74,7 +75,9 @@ TYPED_TEST(TypeRecordsTest, EachGeneratedUnitAnnouncesTheClassesItDefines) {
       {"InfraTypes", {this->name("EntryWrapper"), this->name("ResolverEntry")}},
       {"EntryLog", {this->name("EntryLog")}},
       {"Interface", {this->name("Interface")}},
-      {"SwTable", {this->name("SwTable"), this->name("SwTable::EntryHandle")}},
+      {"SwTable",
+       {this->name("SwTable"), this->name("SwTable::EntryHandle"),
+        this->name("SwTable::SwTableEntries_py"), this->name("SwTableIteratorState")}},
       {"SwTableHelperBase", {this->name("SwTableHelperBase")}},
   };
   for (const auto& [unit, classes] : units) {
@@ -296,6 +299,64 @@ TYPED_TEST(TypeRecordsTest, TheEntryLogAnswersThroughItsRecord) {
   EXPECT_FALSE(it.iterNonnull()) << "one unit mounted";
 }
 
+TYPED_TEST(TypeRecordsTest, TheFrameworkWalksATableThroughItsStateAndReadsItsSnapshot) {
+  using Traits = TypeParam;
+  typename TestFixture::Rig rig;
+  const auto text = [](const auto& value) { return fmt::format("{}", value); };
+  const auto step = [](const Nimbo::Ptr<Nimbo::Node>& state) {
+    const Value found = Kest::inspectOperation(*state, "maybeUpdateCurrentEntry", InspectOp::call);
+    return std::string(std::get<Nimbo::String>(found));
+  };
+  const auto valid = [](const Nimbo::Ptr<Nimbo::Node>& state) {
+    return (std::get<uint64_t>(read(state, "state")) & 1) != 0;
+  };
+  rig.write(1);
+  rig.write(2);
+  rig.settle();
+  rig.write(3);  // pending, so the walk has both phases
+
+  // A state the framework makes itself walks nothing.
+  const Nimbo::Ptr<Nimbo::Node> empty =
+      record<Traits, VeskTapAgg::SwTableIteratorStateKind>().genericIfConstructFromCtorArgs({});
+  EXPECT_EQ(empty->typeData(), this->module("SwTable")->type(this->name("SwTableIteratorState")));
+  EXPECT_EQ(read(empty, "swTable"), Value(Nimbo::Ptr<Nimbo::Node>()));
+  EXPECT_EQ(step(empty), text(typename Traits::Entry{}));
+  EXPECT_FALSE(valid(empty));
+
+  // A table's state, stepped by the framework: the pending write, then the committed
+  // entries, then the end with the valid flag clear.
+  const Nimbo::Ptr<Nimbo::Node> state = rig.table->initIterState();
+  EXPECT_EQ(objectIn(read(state, "swTable")), rig.table.ptr());
+  EXPECT_EQ(step(state), text(rig.entry(3)));
+  std::set<std::string> committed;
+  for (int n = 0; n < 2; ++n) {
+    EXPECT_TRUE(valid(state));
+    committed.insert(step(state));
+  }
+  EXPECT_EQ(committed, (std::set<std::string>{text(rig.entry(1)), text(rig.entry(2))}));
+  EXPECT_TRUE(valid(state));
+  step(state);
+  EXPECT_FALSE(valid(state)) << "the walk has ended";
+
+  // The snapshot's collection walks as a map of key to entry; the framework may delete
+  // from it or empty it, and the table stays as it was.
+  const auto snapshot = rig.table->getTableEntries_py();
+  const Nimbo::Ptr<Nimbo::Node> node = snapshot;
+  EXPECT_EQ(read(node, "tableEntries"), Value(uint64_t(3)));
+  std::map<std::string, std::string> walked;
+  for (auto it = Kest::genericIfIterator(node, "tableEntries"); it.iterNonnull(); it.iterInc()) {
+    walked[std::string(std::get<Nimbo::String>(it.iterKey()))] = std::get<Nimbo::String>(it.iterObj());
+  }
+  std::map<std::string, std::string> expected;
+  for (uint32_t n = 1; n <= 3; ++n) expected[text(rig.key(n))] = text(rig.entry(n));
+  EXPECT_EQ(walked, expected);
+  Kest::genericIfIterator(node, "tableEntries").iterDel();
+  EXPECT_EQ(snapshot->tableEntriesSize(), 2u);
+  Kest::inspectOperation(*node, "tableEntriesDelAll", InspectOp::call);
+  EXPECT_EQ(snapshot->tableEntriesSize(), 0u);
+  EXPECT_EQ(rig.table->entrys(), 3u);
+}
+
 // Compares every class record of a type with the reference type's, with the table names
 // swapped: attributes, kinds, arities and which hooks exist must all agree.
 template <class Traits, class Kind>
@@ -330,6 +391,8 @@ TYPED_TEST(TypeRecordsTest, RecordsOfTwoTableTypesDifferOnlyInTheirNames) {
   expectSameButNames<Traits, VeskTapAgg::SwTableHelperBaseKind>();
   expectSameButNames<Traits, VeskTapAgg::EntryLogKind>();
   expectSameButNames<Traits, VeskTapAgg::InterfaceKind>();
+  expectSameButNames<Traits, VeskTapAgg::SwTableIteratorStateKind>();
+  expectSameButNames<Traits, VeskTapAgg::SwTableEntriesKind>();
   if constexpr (!std::is_same_v<Traits, Reference>) {
     const Kest::TypeData& ours = record<Traits, VeskTapAgg::SwTableKind>();
     EXPECT_NE(&ours, &(record<Reference, VeskTapAgg::SwTableKind>())) << "each type has its own";

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace VeskTest {
+
+// The vesktap program run as a user runs it, its output kept in files.
+class Vesktap {
+ public:
+  explicit Vesktap(std::vector<std::string> args) {
+    static int counter = 0;
+    const std::string base = "/tmp/vesk-cli-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+    outPath_ = base + ".out";
+    errPath_ = base + ".err";
+    pid_ = fork();
+    if (pid_ == 0) {
+      dup2(open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
+      dup2(open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
+      std::vector<char*> argv{const_cast<char*>(VESKTAP_EXE)};
+      for (auto& a : args) argv.push_back(a.data());
+      argv.push_back(nullptr);
+      execv(VESKTAP_EXE, argv.data());
+      _exit(127);
+    }
+  }
+  ~Vesktap() {
+    if (!waited_) {
+      kill(pid_, SIGKILL);
+      wait();
+    }
+    unlink(outPath_.c_str());
+    unlink(errPath_.c_str());
+  }
+  // Waits for the program; its exit code, or 128 + the signal that ended it.
+  int wait() {
+    if (!waited_) {
+      int status = 0;
+      waitpid(pid_, &status, 0);
+      code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      waited_ = true;
+    }
+    return code_;
+  }
+  void signal(int sig) const { kill(pid_, sig); }
+  std::string out() const { return read(outPath_); }
+  std::string err() const { return read(errPath_); }
+  // Waits until the output holds `text`; false if the program ended first.
+  bool awaitOutput(const std::string& text) {
+    for (int i = 0; i < 3000; ++i) {
+      if (out().find(text) != std::string::npos) return true;
+      if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
+        waited_ = true;
+        return out().find(text) != std::string::npos;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return false;
+  }
+
+ private:
+  static std::string read(const std::string& path) {
+    std::ifstream in(path);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+  pid_t pid_ = -1;
+  std::string outPath_, errPath_;
+  bool waited_ = false;
+  int code_ = -1;
+};
+
+// Runs vesktap to its end.
+struct Run {
+  int code;
+  std::string out, err;
+};
+inline Run run(std::vector<std::string> args) {
+  Vesktap v(std::move(args));
+  const int code = v.wait();
+  return {code, v.out(), v.err()};
+}
+
+}  // namespace VeskTest
