@@ -52,9 +52,16 @@ TableInterface<Traits>::TableInterface(
   handleInitialized();
 }
 
+// The interface takes its type's tables with it: the group interface lets go of the
+// table set and the set of its tables. Each table holds the entry log, which holds the
+// group interface, so a set left in the group would keep all of them alive.
 template <TableTraits Traits>
 TableInterface<Traits>::~TableInterface() {
   onDelete();
+  if (swTableSet_) {
+    if (Nimbo::Ptr<Asic::GroupInterface> group = groupIntf()) group->swTableSetDel(tableId());
+    while (!swTableSet_->swTables().empty()) swTableSet_->swTableDel(swTableSet_->swTables().begin()->first);
+  }
   entryLog_ = nullptr;
   swTableStatus_ = nullptr;
   swTableSet_ = nullptr;
