@@ -17,7 +17,8 @@ struct ShowOptions {
 // without changing anything: per table type the change log (table version, window of
 // versions, what the hardware side has taken) and per unit the configuration (live
 // entries, tombstones, capacity use) next to the simulated TCAM, and whether they agree.
-// Throws std::runtime_error when there is no agent's shared memory under the root.
+// Throws NoAgentMemoryError (tools/core/AgentMemory.h) when there is no agent's shared
+// memory under the root.
 void show(const ShowOptions& options, std::ostream& out);
 
 }  // namespace VeskTool

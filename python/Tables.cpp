@@ -1,0 +1,299 @@
+#include <fmt/format.h>
+
+#include "Asic/OrderedTableInterface.h"
+#include "KestShard/Directory.h"
+#include "VeskTapAgg/Interface.h"
+#include "python/Module.h"
+#include "python/Records.h"
+#include "tools/core/TableDispatch.h"
+
+namespace VeskPy {
+namespace {
+
+// The agent this process is when it drives tables itself: its state database and
+// ordered-table interface, made on first use at the shared-memory root of that moment and
+// kept for the life of the process, as are the table interfaces made through it (the
+// framework keeps one interface per type and process). Every call that may mount runs at
+// that root. Single-threaded, under the GIL.
+class ProcessAgent {
+ public:
+  static ProcessAgent& get() {
+    static ProcessAgent* agent = new ProcessAgent();  // outlives the interpreter's teardown
+    return *agent;
+  }
+
+  const std::string& root() const noexcept { return root_; }
+
+  template <class Traits>
+  Nimbo::Ptr<VeskTapAgg::TableInterface<Traits>> intf() {
+    ShmRootScope scope(root_);
+    return VeskTapAgg::TableInterface<Traits>::getIntf(orderedTableIntf_);
+  }
+
+  size_t runUntilIdle() {
+    const auto group =
+        VeskTapAgg::TableConstants<VeskTapAgg::DefaultFwdTcamEntryTraits>::canonicalGroupName();
+    if (!orderedTableIntf_->groupInterfaceHas(group)) {
+      throw std::runtime_error("no table interface made yet: call getIntf first");
+    }
+    return orderedTableIntf_->groupInterface(group)->groupResolver()->runUntilIdle();
+  }
+
+ private:
+  ProcessAgent() : root_(KestShard::Directory::rootPath()) {
+    if (readOnlyRoots().contains(root_)) {
+      throw std::runtime_error(fmt::format(
+          "{} is open read-only in this process; make tables at another VESK_SHM_ROOT", root_));
+    }
+    em_ = Nimbo::make<Cairn::EntityManager>(VeskTapAgg::kAgentName, true);
+    orderedTableIntf_ = Nimbo::make<Asic::OrderedTableInterface>(em_);
+  }
+
+  std::string root_;
+  Nimbo::Ptr<Cairn::EntityManager> em_;
+  Nimbo::Ptr<Asic::OrderedTableInterface> orderedTableIntf_;
+};
+
+// What a client holds for one change: its state and, once committed, its log version.
+struct PyEntryHandle {
+  Nimbo::Ptr<const Asic::OrderedSwTable::EntryHandle> handle;
+};
+
+// The Python objects of one table type: its interface, the software table of a unit, a
+// walk over the table's entries and a snapshot of them. Each holds what it wraps by
+// reference count, so a walk or a snapshot keeps its table alive.
+template <class Traits>
+struct PyInterface {
+  Nimbo::Ptr<VeskTapAgg::TableInterface<Traits>> intf;
+};
+template <class Traits>
+struct PyTable {
+  Nimbo::Ptr<VeskTapAgg::TableSwTable<Traits>> table;
+};
+template <class Traits>
+struct PyEntryIterator {
+  Nimbo::Ptr<VeskTapAgg::TableSwTable<Traits>> table;
+  typename VeskTapAgg::TableSwTable<Traits>::EntryIteratorConst it;
+};
+template <class Traits>
+struct PySnapshot {
+  Nimbo::Ptr<typename VeskTapAgg::TableSwTable<Traits>::SwTableEntries_py> entries;
+};
+
+template <class Traits>
+typename Traits::EntryKey keyFrom(py::handle value) {
+  return recordFrom<typename Traits::EntryKey>(value, "key");
+}
+
+// The entry to write under `key`: a dict without "entryKey" takes the key; an entry whose
+// key differs from `key` is refused.
+template <class Traits>
+typename Traits::Entry entryFor(const typename Traits::EntryKey& key, py::handle value) {
+  typename Traits::Entry entry{};
+  entry.entryKey = key;
+  if (py::isinstance<py::dict>(value)) {
+    assignFields(entry, value.cast<py::dict>(), "entry");
+  } else {
+    assign(entry, value, "entry");
+  }
+  if (!(entry.key() == key)) {
+    throw py::value_error(
+        fmt::format("entry: its key {} differs from the key written, {}", entry.key(), key));
+  }
+  return entry;
+}
+
+template <class Traits>
+py::object entryIterator(const PyTable<Traits>& t, py::handle key) {
+  auto it = key.is_none() ? t.table->entryIteratorConst()
+                          : t.table->entryIteratorConst(keyFrom<Traits>(key));
+  return py::cast(PyEntryIterator<Traits>{t.table, std::move(it)});
+}
+
+template <class Traits>
+void bindSnapshot(py::class_<PyTable<Traits>>& table) {
+  using S = PySnapshot<Traits>;
+  py::class_<S> snapshot(
+      table, "SwTableEntries_py",
+      "A copy of every entry of the table, by key; later changes of the table do not reach it.");
+  snapshot.def("__len__", [](const S& s) { return s.entries->tableEntriesSize(); })
+      .def("__contains__",
+           [](const S& s, py::handle key) {
+             return s.entries->tableEntriesHas(keyFrom<Traits>(key));
+           })
+      .def("__getitem__",
+           [](const S& s, py::handle key) {
+             const auto k = keyFrom<Traits>(key);
+             if (!s.entries->tableEntriesHas(k)) throw py::key_error(fmt::format("{}", k));
+             return s.entries->tableEntries(k);
+           })
+      .def(
+          "get",
+          [](const S& s, py::handle key, py::object otherwise) {
+            const auto k = keyFrom<Traits>(key);
+            return s.entries->tableEntriesHas(k) ? py::cast(s.entries->tableEntries(k)) : otherwise;
+          },
+          py::arg("key"), py::arg("default") = py::none())
+      .def(
+          "tableEntries",
+          [](const S& s, py::handle key) { return s.entries->tableEntries(keyFrom<Traits>(key)); },
+          py::arg("key"), "The entry of the key, or a default (all zero) entry when there is none.")
+      .def(
+          "tableEntriesHas",
+          [](const S& s, py::handle key) {
+            return s.entries->tableEntriesHas(keyFrom<Traits>(key));
+          },
+          py::arg("key"))
+      .def("keys",
+           [](const S& s) {
+             py::list keys;
+             for (const auto& [key, entry] : s.entries->tableEntriesColl()) keys.append(key);
+             return keys;
+           })
+      .def("values",
+           [](const S& s) {
+             py::list entries;
+             for (const auto& [key, entry] : s.entries->tableEntriesColl()) entries.append(entry);
+             return entries;
+           })
+      .def("items",
+           [](const S& s) {
+             py::list items;
+             for (const auto& [key, entry] : s.entries->tableEntriesColl())
+               items.append(py::make_tuple(key, entry));
+             return items;
+           })
+      .def("__iter__", [](py::object s) { return py::iter(s.attr("keys")()); });
+  defRepr(snapshot, [](const S& s) {
+    return fmt::format("<{}SwTable.SwTableEntries_py of {} entries>", Traits::tableName,
+                       s.entries->tableEntriesSize());
+  });
+}
+
+template <class Traits>
+void bindTable(py::module_& m) {
+  using T = PyTable<Traits>;
+  using I = PyEntryIterator<Traits>;
+  const std::string name = std::string(Traits::tableName) + "SwTable";
+  py::class_<T> table(m, name.c_str(), "The software table of one unit, driven in this process.");
+  table.attr("EntryKey") = py::type::of<typename Traits::EntryKey>();
+  table.attr("Entry") = py::type::of<typename Traits::Entry>();
+  py::class_<I>(table, "EntryIteratorConst",
+                "A walk over the table's entries: pending writes, then committed ones.")
+      .def("__iter__", [](py::object self) { return self; })
+      .def("__next__", [](I& i) {
+        if (i.it.isEnd()) throw py::stop_iteration();
+        auto entry = *i.it;
+        ++i.it;
+        return entry;
+      });
+  bindSnapshot<Traits>(table);
+  table.def_property_readonly("tableName", [](const T&) { return Traits::tableName; })
+      .def_property_readonly("unitId", [](const T& t) { return t.table->unitId().value(); })
+      .def(
+          "entryWrite",
+          [](T& t, py::handle key, py::handle entry) {
+            const auto k = keyFrom<Traits>(key);
+            return PyEntryHandle{t.table->entryWrite(k, entryFor<Traits>(k, entry), nullptr)};
+          },
+          py::arg("key"), py::arg("entry"),
+          "Writes the entry under the key; returns the change's handle.")
+      .def(
+          "entryRemove",
+          [](T& t, py::handle key) {
+            return PyEntryHandle{t.table->entryRemove(keyFrom<Traits>(key), nullptr)};
+          },
+          py::arg("key"), "Removes the key's entry; returns the change's handle.")
+      .def(
+          "entryRemoveAll", [](T& t) { t.table->entryRemoveAll(nullptr); },
+          "Removes every entry of the unit.")
+      .def(
+          "entryRead",
+          [](const T& t, py::handle key) { return t.table->entryRead(keyFrom<Traits>(key)); },
+          py::arg("key"),
+          "The entry a client reads for the key: pending, else committed, else all zero.")
+      .def(
+          "entryHas",
+          [](const T& t, py::handle key) { return t.table->entryHas(keyFrom<Traits>(key)); },
+          py::arg("key"))
+      .def("entrys", [](const T& t) { return t.table->entrys(); })
+      .def("hasPendingHwWrites", [](const T& t) { return t.table->hasPendingHwWrites(); })
+      .def(
+          "tableStatusVersion",
+          [](T& t, py::handle version) {
+            t.table->tableStatusVersion(
+                Asic::LogVersion(numberFrom(version, UINT64_MAX, "version")));
+          },
+          py::arg("version"), "The hardware side has taken every change up to this log version.")
+      .def("entryIteratorConst", &entryIterator<Traits>, py::arg("key") = py::none(),
+           "A walk over the entries; from a key, only that key and what follows it.")
+      .def("__iter__", [](const T& t) { return entryIterator<Traits>(t, py::none()); })
+      .def(
+          "getTableEntries_py",
+          [](const T& t) { return PySnapshot<Traits>{t.table->getTableEntries_py()}; },
+          "A snapshot of every entry the table holds.");
+  defRepr(table, [](const T& t) {
+    return fmt::format("<{}SwTable unit {}>", Traits::tableName, t.table->unitId());
+  });
+}
+
+template <class Traits>
+void bindInterface(py::module_& m) {
+  using P = PyInterface<Traits>;
+  const std::string name = std::string(Traits::tableName) + "Interface";
+  py::class_<P> intf(m, name.c_str(), "The table type as this process's agent knows it.");
+  intf.attr("EntryKey") = py::type::of<typename Traits::EntryKey>();
+  intf.attr("Entry") = py::type::of<typename Traits::Entry>();
+  intf.def_property_readonly("tableName", [](const P&) { return Traits::tableName; })
+      .def_property_readonly("tableId", [](const P&) { return Traits::tableId.value(); })
+      .def("intfName", [](const P& p) { return std::string(p.intf->intfName()); })
+      .def(
+          "makeSwTable",
+          [](P& p, py::handle unit, bool clear) {
+            const uint16_t u = unitFrom(unit);
+            ShmRootScope scope(ProcessAgent::get().root());
+            return PyTable<Traits>{p.intf->makeSwTable(Asic::UnitId(u), nullptr, clear)};
+          },
+          py::arg("unit"), py::arg("clear") = false,
+          "The unit's table: restored from shared memory, or emptied when clear.")
+      .def(
+          "tableVersion", [](const P& p) { return p.intf->entryLog()->tableVersion().value(); },
+          "The newest version committed to the table type's change log.");
+  defRepr(intf, [](const P&) { return fmt::format("<{}Interface>", Traits::tableName); });
+}
+
+}  // namespace
+
+void bindTables(py::module_& m) {
+  py::class_<PyEntryHandle> handle(
+      m, "EntryHandle", "A client's change: its state and, once committed, its log version.");
+  handle
+      .def_property_readonly(
+          "state", [](const PyEntryHandle& h) { return fmt::format("{}", h.handle->entryState()); })
+      .def_property_readonly("logVersion",
+                             [](const PyEntryHandle& h) { return h.handle->logVersion().value(); })
+      .def_property_readonly(
+          "tableName", [](const PyEntryHandle& h) { return std::string(h.handle->tableName()); });
+  defRepr(handle, [](const PyEntryHandle& h) {
+    return fmt::format("<EntryHandle {} {} v{}>", h.handle->tableName(), h.handle->entryState(),
+                       h.handle->logVersion());
+  });
+  VeskTool::forEachTable([&]<class Traits>(size_t) {
+    bindTable<Traits>(m);
+    bindInterface<Traits>(m);
+  });
+  m.def(
+      "getIntf",
+      [](const std::string& table) {
+        return VeskTool::withTable(tableIndexOrThrow(table), []<class Traits>() {
+          return py::cast(PyInterface<Traits>{ProcessAgent::get().intf<Traits>()});
+        });
+      },
+      py::arg("table"),
+      "The interface of the table type, made in this process on first use at $VESK_SHM_ROOT.");
+  m.def(
+      "runUntilIdle", [] { return ProcessAgent::get().runUntilIdle(); },
+      "Steps the group resolver: commits queued changes until none is left or one is unresolved.");
+}
+
+}  // namespace VeskPy

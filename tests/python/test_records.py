@@ -1,0 +1,112 @@
+"""Keys and entries as Python objects: made from keywords, dicts and other records, read
+and written by name (nested fields in place), compared, hashed, printed as the CLI prints
+them; bad input raises TypeError or ValueError naming the field."""
+
+import copy
+import pprint
+
+import pytest
+import vesktap
+
+Key = vesktap.DefaultFwdTcamEntryEntryKey
+
+
+class TestMaking:
+    def test_every_table_type_has_its_key_and_entry(self):
+        for table in vesktap.tables():
+            key, entry = getattr(vesktap, table + "EntryKey"), getattr(vesktap, table + "Entry")
+            assert entry._fields[0] == "entryKey"
+            assert key() == key() and entry().entryKey == key()
+            assert ("action" in entry._fields) == table.endswith("Action")
+
+    def test_keywords_dicts_and_records_give_the_same_key(self):
+        by_keywords = Key(priority=7, ingressPort=vesktap.U32Match(value=3, mask=0xFFFFFFFF),
+                          dstMac={"value": b"\x00\x11\x22\x33\x44\x55", "mask": [0xFF] * 6}, actionIndex=9)
+        as_dict = by_keywords.to_dict()
+        assert as_dict["ingressPort"] == {"value": 3, "mask": 0xFFFFFFFF}
+        assert as_dict["dstMac"]["value"] == (0, 0x11, 0x22, 0x33, 0x44, 0x55)
+        assert Key(as_dict) == by_keywords
+        assert Key(by_keywords) == by_keywords and Key(by_keywords) is not by_keywords
+        assert Key(as_dict, priority=8).priority == 8
+        assert Key(as_dict, priority=8) != by_keywords
+        assert Key().priority == 0 and Key().srcIp.to_dict() == {"value": 0, "mask": 0}
+
+    def test_nested_fields_change_in_place(self):
+        key = Key(priority=1)
+        key.ingressPort.mask = 0xFF
+        key.srcIp = {"value": 0x0A000001, "mask": 0xFFFFFFFF}
+        key.vlan = vesktap.U16Match(value=5, mask=0xFFF)
+        key.dstMac.value = [1, 2, 3, 4, 5, 6]
+        assert key.to_dict()["ingressPort"] == {"value": 0, "mask": 0xFF}
+        assert key.srcIp.value == 0x0A000001 and key.vlan.value == 5
+        assert key.dstMac.value == (1, 2, 3, 4, 5, 6)
+        entry = vesktap.ServicePolicyV4TcamActionEntry(entryKey={"index": 4})
+        entry.action.redirectPort = 12
+        assert entry.action.redirectPort == 12 and entry.entryKey.index == 4
+
+    def test_text_is_the_clis_and_repr_makes_it_again(self):
+        key = Key(priority=5, ingressPort={"value": 3, "mask": 0xFFFFFFFF}, actionIndex=2)
+        assert str(key) == "DefaultFwdTcamEntryEntryKey(prio=5, port=3/0xffffffff, action=2)"
+        entry = vesktap.DefaultFwdTcamActionEntry(entryKey={"index": 1},
+                                                  action={"kind": 1, "redirectPort": 7, "flags": 1, "counterId": 4})
+        assert str(entry) == "DefaultFwdTcamActionEntryKey(index=1) -> redirect port=7 count=4"
+        assert eval(repr(entry), vars(vesktap)) == entry
+        assert "reserved" not in repr(entry) and "reserved" not in vesktap.TcamAction._fields
+
+    def test_long_records_pretty_print(self):
+        keys = [Key(priority=n) for n in range(2)]
+        assert pprint.pformat(keys).splitlines()[1].strip() == repr(keys[1]) + "]"
+
+    def test_equal_records_hash_alike_and_copies_are_independent(self):
+        a, b = Key(priority=1, vlan={"value": 2, "mask": 3}), Key(priority=1, vlan={"value": 2, "mask": 3})
+        assert a == b and hash(a) == hash(b) and len({a, b}) == 1
+        assert a != Key(priority=1) and a != vesktap.DefaultFwdTcamActionEntryKey(index=1)
+        assert (a == 1) is False
+        c = copy.deepcopy(a)
+        c.vlan.value = 9
+        assert a.vlan.value == 2
+
+    def test_byte_arrays_take_bytes_or_ints(self):
+        ip6 = vesktap.Ip6Match(value=bytes(range(16)), mask=bytearray(b"\xff" * 16))
+        assert ip6.value == tuple(range(16)) and ip6.mask == (0xFF,) * 16
+
+
+class TestBadInputs:
+    def test_unknown_fields_are_named(self):
+        with pytest.raises(TypeError, match=r"^DefaultFwdTcamEntryEntryKey has no field 'prio' "
+                                            r"\(fields: priority, ingressPort, "):
+            Key(prio=1)
+        with pytest.raises(TypeError, match=r"DefaultFwdTcamEntryEntryKey.vlan: U16Match has no field 'id'"):
+            Key({"vlan": {"id": 1}})
+        with pytest.raises(AttributeError):
+            vesktap.ServicePolicyV4TcamEntryEntryKey().reserved
+
+    def test_numbers_out_of_range(self):
+        with pytest.raises(ValueError, match=r"DefaultFwdTcamEntryEntryKey.priority: -1 is out of range \(0 to 4294967295\)"):
+            Key(priority=-1)
+        with pytest.raises(ValueError, match=r"U8Match.value: 256 is out of range \(0 to 255\)"):
+            vesktap.U8Match(value=256)
+        with pytest.raises(ValueError, match="out of range"):
+            Key(priority=1 << 70)
+        key = Key(priority=3)
+        with pytest.raises(ValueError, match=r"U16Match.mask: 65536 is out of range"):
+            key.vlan.mask = 65536
+        assert key == Key(priority=3)  # a refused value changes nothing
+
+    def test_wrong_kinds(self):
+        with pytest.raises(TypeError, match="DefaultFwdTcamEntryEntryKey.priority: expected an int, got str"):
+            Key(priority="1")
+        with pytest.raises(TypeError, match="expected an int, got bool"):
+            Key(priority=True)
+        with pytest.raises(TypeError, match="DefaultFwdTcamEntryEntryKey.vlan: expected a U16Match or a dict, got U32Match"):
+            Key(vlan=vesktap.U32Match())
+        with pytest.raises(TypeError, match=r"DefaultFwdTcamEntryEntryKey\(\) takes at most one record or dict, got 2"):
+            Key({}, {})
+        with pytest.raises(TypeError, match="expected bytes or a sequence of ints, got str"):
+            vesktap.MacMatch(value="00:11:22:33:44:55")
+
+    def test_wrong_byte_counts(self):
+        with pytest.raises(ValueError, match="MacMatch.value: expected 6 bytes, got 4"):
+            vesktap.MacMatch(value=b"\x00\x01\x02\x03")
+        with pytest.raises(ValueError, match=r"MacMatch.mask\[2\]: 300 is out of range"):
+            vesktap.MacMatch(mask=[1, 2, 300, 4, 5, 6])

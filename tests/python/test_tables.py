@@ -1,0 +1,207 @@
+"""Tables driven in this process: write, remove, step the group resolver, confirm as the
+hardware side, read, walk and snapshot. Each test runs in a process of its own at a root of
+its own, since the table interfaces live as long as the process that made them."""
+
+import subprocess
+
+import pytest
+import vesktap
+
+from conftest import in_fresh_process, run_in_child, vesktap_exe
+
+TABLE = "DefaultFwdTcamEntry"
+
+
+def key_of(intf, n):
+    """Key number n of any table type: its first field (priority or line index) is n."""
+    return intf.EntryKey(**{intf.EntryKey._fields[0]: n})
+
+
+def entry_of(intf, n, variant=0):
+    if "action" in intf.Entry._fields:
+        return {"action": {"kind": 1, "redirectPort": 1 + (n + variant) % 48, "flags": 8, "vlanId": 100 + variant}}
+    return {}
+
+
+def fdb_key(n):
+    return vesktap.DefaultFwdTcamEntryEntryKey(priority=n, ingressPort={"value": n, "mask": 0xFFFFFFFF},
+                                               vlan=vesktap.U16Match(value=10 + n, mask=0xFFF), actionIndex=n % 4)
+
+
+def fdb_entry(n):
+    return vesktap.DefaultFwdTcamEntryEntry(entryKey=fdb_key(n))
+
+
+@in_fresh_process
+def test_write_commit_confirm_read():
+    intf = vesktap.getIntf(TABLE)
+    assert intf.intfName() == "VeskTapAgg::DefaultFwdTcamEntryInterface"
+    table = intf.makeSwTable(0, clear=True)
+    assert table.unitId == 0 and table.entrys() == 0
+    handles = [table.entryWrite(fdb_key(n), fdb_entry(n)) for n in range(3)]
+    assert [h.state for h in handles] == ["created"] * 3
+    assert table.entryRead(fdb_key(1)) == fdb_entry(1)  # pending writes read at once
+    assert intf.tableVersion() == 0
+
+    assert vesktap.runUntilIdle() == 3
+    assert intf.tableVersion() == 3
+    assert [h.state for h in handles] == ["inLog"] * 3
+    assert [h.logVersion for h in handles] == [1, 2, 3]
+    assert table.hasPendingHwWrites()
+
+    table.tableStatusVersion(2)  # the hardware side has taken versions 1 and 2
+    assert [h.state for h in handles] == ["done", "done", "inLog"]
+    table.tableStatusVersion(3)
+    assert handles[2].state == "done" and not table.hasPendingHwWrites()
+    assert table.entrys() == 3
+    assert table.entryRead(fdb_key(2)).entryKey.vlan.value == 12
+
+    removed = table.entryRemove(fdb_key(0))
+    assert not table.entryHas(fdb_key(0))  # pending removal hides the committed entry
+    assert vesktap.runUntilIdle() == 1
+    table.tableStatusVersion(intf.tableVersion())
+    assert removed.state == "done" and removed.logVersion == 4
+    assert table.entryRead(fdb_key(0)) == vesktap.DefaultFwdTcamEntryEntry()
+    assert table.entryHas(fdb_key(1)) and table.entrys() == 2
+
+    # What was committed is in shared memory, where the read-only view finds it.
+    mem = vesktap.open()
+    assert mem.tableVersion(TABLE) == 4
+    assert {e.key: e.entry for e in mem.entries(TABLE, 0)} == {fdb_key(n): fdb_entry(n) for n in (1, 2)}
+
+
+@pytest.mark.parametrize("table_name", vesktap.tables())
+def test_every_table_type_takes_the_same_steps(table_name):
+    @in_fresh_process
+    def body():
+        intf = vesktap.getIntf(table_name)
+        assert intf.tableName == table_name
+        table = intf.makeSwTable(4, clear=True)
+        for n in range(5):
+            table.entryWrite(key_of(intf, n), entry_of(intf, n))
+        table.entryRemove(key_of(intf, 3))
+        assert vesktap.runUntilIdle() == 6
+        table.tableStatusVersion(intf.tableVersion())
+        expected = {key_of(intf, n): intf.Entry(entry_of(intf, n), entryKey=key_of(intf, n)) for n in (0, 1, 2, 4)}
+        assert {k: table.entryRead(k) for k in expected} == expected
+        assert not table.entryHas(key_of(intf, 3))
+        snapshot = table.getTableEntries_py()
+        assert dict(snapshot.items()) == expected
+        assert {e.key: e.entry for e in vesktap.open().entries(table_name, 4)} == expected
+    body()
+
+
+@in_fresh_process
+def test_the_walk_sees_pending_changes_over_committed_ones():
+    intf = vesktap.getIntf("ServicePolicyMacTcamAction")
+    table = intf.makeSwTable(1, clear=True)
+    key = intf.EntryKey
+    for n in range(6):
+        table.entryWrite(key(index=n), {"action": {"counterId": n}})
+    vesktap.runUntilIdle()
+    table.tableStatusVersion(intf.tableVersion())
+    table.entryWrite(key(index=2), {"action": {"counterId": 200}})  # pending over committed
+    table.entryWrite(key(index=9), {"action": {"counterId": 9}})  # pending only
+    table.entryRemove(key(index=4))  # pending removal
+
+    walked = [(e.entryKey.index, e.action.counterId) for e in table.entryIteratorConst()]
+    assert sorted(walked) == [(0, 0), (1, 1), (2, 200), (3, 3), (5, 5), (9, 9)]
+    assert [e for e in table] == list(table.entryIteratorConst())
+    pending = {2, 9}
+    assert {i for i, _ in walked[:2]} == pending  # pending writes first
+
+    assert list(table.entryIteratorConst(key(index=7))) == []  # a key the table lacks: empty walk
+    from_committed = [e.entryKey.index for e in table.entryIteratorConst({"index": 0})]
+    assert 0 == from_committed[0] and not pending & set(from_committed) and 4 not in from_committed
+
+    table.entryRemoveAll()
+    table.entryWrite(key(index=11), {})
+    assert [e.entryKey.index for e in table] == [11]  # a pending remove-all hides what is committed
+    vesktap.runUntilIdle()
+    assert [e.entryKey.index for e in table] == [11]
+
+
+@in_fresh_process
+def test_the_snapshot_is_a_copy():
+    intf = vesktap.getIntf(TABLE)
+    table = intf.makeSwTable(2, clear=True)
+    for n in range(4):
+        table.entryWrite(fdb_key(n), fdb_entry(n))
+    vesktap.runUntilIdle()
+    table.entryWrite(fdb_key(7), {})  # pending: in the snapshot too
+    snapshot = table.getTableEntries_py()
+    assert isinstance(snapshot, vesktap.DefaultFwdTcamEntrySwTable.SwTableEntries_py)
+    assert len(snapshot) == 5
+    assert set(snapshot) == {fdb_key(n) for n in (0, 1, 2, 3, 7)}
+    assert snapshot[fdb_key(2)] == fdb_entry(2)
+    assert snapshot[fdb_key(2).to_dict()] == fdb_entry(2)  # a key may be given as a dict
+    assert fdb_key(3) in snapshot and fdb_key(5) not in snapshot
+    assert snapshot.get(fdb_key(5)) is None
+    assert snapshot.tableEntries(fdb_key(5)) == vesktap.DefaultFwdTcamEntryEntry()
+    with pytest.raises(KeyError):
+        snapshot[fdb_key(5)]
+
+    table.entryRemoveAll()
+    table.entryWrite(fdb_key(8), {})
+    vesktap.runUntilIdle()
+    assert len(snapshot) == 5 and fdb_key(8) not in snapshot and snapshot[fdb_key(0)] == fdb_entry(0)
+    assert set(table.getTableEntries_py()) == {fdb_key(8)}
+
+    entry = snapshot[fdb_key(1)]
+    entry.entryKey.priority = 99  # a copy: the snapshot keeps its entry
+    assert snapshot[fdb_key(1)] == fdb_entry(1)
+
+
+def test_a_restarted_process_serves_what_was_committed(shm_root):
+
+    def first():
+        intf = vesktap.getIntf("TapTunnelTerminationTcamEntry")
+        table = intf.makeSwTable(0, clear=True)
+        for n in range(3):
+            table.entryWrite({"priority": n, "tunnelType": {"value": 2, "mask": 0xFF}}, {})
+        vesktap.runUntilIdle()
+        table.entryWrite({"priority": 50}, {})  # never committed: lost with the process
+
+    def second():
+        intf = vesktap.getIntf("TapTunnelTerminationTcamEntry")
+        table = intf.makeSwTable(0)
+        assert sorted(e.entryKey.priority for e in table) == [0, 1, 2]
+        assert all(e.entryKey.tunnelType.value == 2 for e in table)
+        assert intf.tableVersion() == 3
+
+    run_in_child(first, shm_root)
+    run_in_child(second, shm_root)
+
+
+class TestBadInputs:
+    @in_fresh_process
+    def test_table_errors_are_python_exceptions(self):
+        with pytest.raises(RuntimeError, match="call getIntf first"):
+            vesktap.runUntilIdle()
+        with pytest.raises(vesktap.UnknownTableError, match="unknown table 'Nope'"):
+            vesktap.getIntf("Nope")
+        intf = vesktap.getIntf(TABLE)
+        with pytest.raises(ValueError, match=r"unit: 70000 is out of range"):
+            intf.makeSwTable(70000)
+        table = intf.makeSwTable(0, clear=True)
+        with pytest.raises(ValueError, match="entry: its key .*prio=2.* differs from the key written, .*prio=1"):
+            table.entryWrite(fdb_key(1), fdb_entry(2))
+        with pytest.raises(TypeError, match="key: expected a DefaultFwdTcamEntryEntryKey or a dict, got int"):
+            table.entryRead(5)
+        with pytest.raises(TypeError, match="key: expected a DefaultFwdTcamEntryEntryKey or a dict, got "
+                                            "DefaultFwdTcamActionEntryKey"):
+            table.entryHas(vesktap.DefaultFwdTcamActionEntryKey(index=1))
+        with pytest.raises(TypeError, match="key.vlan: U16Match has no field 'vlan_id'"):
+            table.entryRemove({"vlan": {"vlan_id": 3}})
+        with pytest.raises(ValueError, match="version: -1 is out of range"):
+            table.tableStatusVersion(-1)
+        assert table.entrys() == 0 and vesktap.runUntilIdle() == 0  # nothing bad got in
+
+    def test_a_root_open_read_only_is_refused_for_tables(self, shm_root):
+        def body():
+            subprocess.run([vesktap_exe(), "agent", "--units", "0", "--keys", "5", "--changes", "5",
+                            "--no-wait", "--progress-ms", "0"], check=True, capture_output=True)
+            vesktap.open()
+            with pytest.raises(RuntimeError, match="open read-only in this process"):
+                vesktap.getIntf(TABLE)
+        run_in_child(body, shm_root)

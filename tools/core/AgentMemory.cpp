@@ -1,0 +1,119 @@
+#include "tools/core/AgentMemory.h"
+
+#include <filesystem>
+
+#include <fmt/format.h>
+
+#include "Asic/MountNamespace.h"
+#include "KestShard/Directory.h"
+#include "KestSharedMem/MountGroup.h"
+#include "Nimbo/Exception.h"
+#include "tools/core/TableDispatch.h"
+#include "types/TableShards.h"
+
+namespace VeskTool {
+namespace {
+
+template <class S>
+Nimbo::Ptr<S> mountReader(const Nimbo::Ptr<KestSharedMem::EntityManager>& em,
+                          const Nimbo::String& path, const char* collection, uint32_t capacity) {
+  KestShard::MountInfo info(KestShard::KestShardType::reader);
+  info.collectionInfoIs({collection, capacity, false});
+  try {
+    return KestSharedMem::mountShard<S>(em, path, S::typeName, info);
+  } catch (const Nimbo::SystemException& e) {
+    if (e.error() == ENOENT) return nullptr;
+    throw;
+  }
+}
+
+template <class Traits>
+Nimbo::Ptr<typename Traits::ConfigShard> mountConfig(
+    const Nimbo::Ptr<KestSharedMem::EntityManager>& em, Asic::UnitId unit) {
+  return mountReader<typename Traits::ConfigShard>(em, Traits::Constants::configShardPath(unit),
+                                                   "swTableEntries",
+                                                   UnitContents<Traits>::capacity);
+}
+
+}  // namespace
+
+AgentMemory::AgentMemory() : root_(KestShard::Directory::rootPath()) {
+  const std::filesystem::path agentDir =
+      std::filesystem::path(root_) / "local" / VeskTapAgg::kAgentName;
+  if (!std::filesystem::is_directory(agentDir)) {
+    throw NoAgentMemoryError(fmt::format("no agent's shared memory at {}", agentDir.string()));
+  }
+  registerTcamShards();
+  VeskTapAgg::registerTableShardTypes();
+  em_ = Asic::mountEntityManager(*Nimbo::make<Cairn::EntityManager>(VeskTapAgg::kAgentName, true));
+}
+
+template <class Traits>
+std::optional<ChangeLogSummary> AgentMemory::changeLog() const {
+  auto log =
+      mountReader<typename Traits::EntryLogShard>(em_, Traits::Constants::tableEntryLogShardPath(),
+                                                  "entryLogConfig", ChangeLogSummary::capacity);
+  if (!log) return std::nullopt;
+  const auto& changes = log->entryLogConfigColl();
+  const auto first = changes.begin();
+  return ChangeLogSummary{changes.control()->scratchpad(), changes.count(),
+                          first.valid() ? first->logVersion.value() : 0, changes.newestVersion()};
+}
+
+std::optional<Asic::LogVersion> AgentMemory::hardwareTaken(Asic::SwTableId tableId) const {
+  const auto group =
+      VeskTapAgg::TableConstants<VeskTapAgg::DefaultFwdTcamEntryTraits>::canonicalGroupName();
+  auto versions = Asic::TableVersionShard::mountReader(em_, group);
+  return versions ? versions->tableVersion(tableId) : std::nullopt;
+}
+
+template <class Traits>
+std::vector<Asic::UnitId> AgentMemory::units() const {
+  return configuredUnits(em_, Traits::Constants::configShardPathBase());
+}
+
+template <class Traits>
+std::optional<UnitContents<Traits>> AgentMemory::unit(Asic::UnitId unit, bool withEntries) const {
+  auto config = mountConfig<Traits>(em_, unit);
+  if (!config) return std::nullopt;
+  auto tcam = TcamShard<Traits>::mount(unit, KestShard::KestShardType::reader);
+  UnitContents<Traits> contents;
+  config->swTableEntriesColl().forEach([&](const auto& record) {
+    if (record.isDeleted) {
+      ++contents.tombstones;
+      return;
+    }
+    ++contents.liveEntries;
+    const auto line = tcam ? tcam->tcam().find(record.logEntry.key()) : std::nullopt;
+    const bool inHardware = line && line->logEntry == record.logEntry;
+    if (!inHardware) ++contents.notInHardware;
+    if (withEntries) contents.entries.push_back({record.logEntry, record.logVersion, inHardware});
+  });
+  if (tcam) {
+    contents.tcamLines = tcam->tcam().count();
+    contents.tcamAppliedVersion = tcam->appliedVersion();
+  }
+  return contents;
+}
+
+template <class Traits>
+std::optional<std::vector<TcamLine<Traits>>> AgentMemory::tcamLines(Asic::UnitId unit) const {
+  auto tcam = TcamShard<Traits>::mount(unit, KestShard::KestShardType::reader);
+  if (!tcam) return std::nullopt;
+  std::vector<TcamLine<Traits>> lines;
+  tcam->tcam().forEach([&](const TcamLine<Traits>& line) { lines.push_back(line); });
+  return lines;
+}
+
+#define VESK_TOOL_AGENT_MEMORY(Name, ...)                                                     \
+  template std::optional<ChangeLogSummary> AgentMemory::changeLog<VeskTapAgg::Name##Traits>() \
+      const;                                                                                  \
+  template std::vector<Asic::UnitId> AgentMemory::units<VeskTapAgg::Name##Traits>() const;    \
+  template std::optional<UnitContents<VeskTapAgg::Name##Traits>>                              \
+  AgentMemory::unit<VeskTapAgg::Name##Traits>(Asic::UnitId, bool) const;                      \
+  template std::optional<std::vector<TcamLine<VeskTapAgg::Name##Traits>>>                     \
+      AgentMemory::tcamLines<VeskTapAgg::Name##Traits>(Asic::UnitId) const;
+VESK_TAPAGG_TABLES(VESK_TOOL_AGENT_MEMORY)
+#undef VESK_TOOL_AGENT_MEMORY
+
+}  // namespace VeskTool

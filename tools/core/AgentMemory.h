@@ -1,0 +1,87 @@
+#pragma once
+
+#include <optional>
+#include <stdexcept>
+#include <vector>
+
+#include "Asic/LogVersion.h"
+#include "Asic/SwTableId.h"
+#include "Asic/TableVersionShard.h"
+#include "KestSharedMem/EntityManager.h"
+#include "tools/core/TcamShard.h"
+#include "types/TableTypes.h"
+
+namespace VeskTool {
+
+// There is no agent's namespace under the shared-memory root.
+class NoAgentMemoryError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+// A table type's change log as its collection tells it.
+struct ChangeLogSummary {
+  static constexpr uint64_t capacity = 1000000;
+  uint64_t tableVersion = 0;  // the scratchpad: the newest version committed
+  uint64_t records = 0;
+  uint64_t oldestVersion = 0;  // 0 when the log holds no record
+  uint64_t newestVersion = 0;
+};
+
+// One live entry of a unit's configuration, with the version of the change that wrote it
+// and whether the simulated TCAM holds exactly that entry.
+template <class Traits>
+struct LiveEntry {
+  typename Traits::LogEntry logEntry;
+  Asic::LogVersion version;
+  bool inHardware = false;
+};
+
+// What one unit of one table type holds: its configuration next to its simulated TCAM.
+template <class Traits>
+struct UnitContents {
+  static constexpr uint64_t capacity = 65536;
+  uint64_t liveEntries = 0;
+  uint64_t tombstones = 0;
+  uint64_t notInHardware = 0;                          // live entries the TCAM lacks or differs on
+  std::optional<uint64_t> tcamLines;                   // empty: the hardware side made no TCAM
+  std::optional<Asic::LogVersion> tcamAppliedVersion;  // likewise
+  std::vector<LiveEntry<Traits>> entries;              // filled only when asked for
+};
+
+// The shared memory of an agent (running or stopped) and of its hardware side, read
+// without changing anything: per table type the change log, what the hardware side has
+// taken and the configured units; per unit its live entries and the simulated TCAM. Every
+// read mounts what it needs read-only (a mount made once is kept by the namespace), so a
+// collection made after opening is found too. What `vesktap show` prints and what the
+// Python module returns both come from here. Opened at the shared-memory root of the
+// moment (KestShard::Directory::rootPath()); the templates are instantiated for every
+// table type. Single-threaded.
+class AgentMemory {
+ public:
+  // Throws NoAgentMemoryError naming the directory when the root holds no agent's namespace.
+  AgentMemory();
+
+  const Nimbo::String& root() const noexcept { return root_; }
+
+  // Null when the table type has no change log.
+  template <class Traits>
+  std::optional<ChangeLogSummary> changeLog() const;
+  // The version the hardware side has recorded as taken for the table type, if any.
+  std::optional<Asic::LogVersion> hardwareTaken(Asic::SwTableId tableId) const;
+  // The units that have a configuration of the table type, in the namespace's order.
+  template <class Traits>
+  std::vector<Asic::UnitId> units() const;
+  // Empty when the unit has no configuration of the table type.
+  template <class Traits>
+  std::optional<UnitContents<Traits>> unit(Asic::UnitId unit, bool withEntries) const;
+  // The lines of the unit's simulated TCAM in collection order; empty when it has none.
+  template <class Traits>
+  std::optional<std::vector<TcamLine<Traits>>> tcamLines(Asic::UnitId unit) const;
+
+ private:
+  Nimbo::String root_;
+  Nimbo::Ptr<KestSharedMem::EntityManager> em_;
+};
+
+}  // namespace VeskTool
