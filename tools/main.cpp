@@ -77,6 +77,8 @@ int main(int argc, char** argv) {
   agentCmd->add_option("--remove-all-every", spec.removeAllEvery, "about one remove-all in this many changes (0: none)");
   agentCmd->add_option("--workload", workloadFile, "read the changes from this file instead")->check(CLI::ExistingFile);
   agentCmd->add_option("--window", agent.window, "changes in flight at most")->check(CLI::Range(1, 10000000));
+  int targetLatencyUs = int(agent.targetLatency.count());
+  agentCmd->add_option("--target-latency-us", targetLatencyUs, "size the window for answers within this many microseconds (0: keep --window in flight)")->check(CLI::NonNegativeNumber);
   agentCmd->add_flag("--no-wait", noWait, "finish once everything is committed, without waiting for the hardware side");
   agentCmd->add_flag("--no-verify", noVerify, "do not read back the keys the workload touched");
   agentCmd->add_option("--progress-ms", progressMs, "print progress this often (0: never)")->check(CLI::NonNegativeNumber);
@@ -119,6 +121,7 @@ int main(int argc, char** argv) {
           }
         }
       }
+      agent.targetLatency = std::chrono::microseconds(targetLatencyUs);
       agent.waitForHardware = !noWait;
       agent.verify = !noVerify;
       agent.progressEvery = std::chrono::milliseconds(progressMs);
