@@ -85,10 +85,11 @@ int main(int argc, char** argv) {
   agentCmd->add_option("--report-json", reportJson, "write the report as JSON to this file");
 
   HardwareOptions hw;
-  int hwDelayUs = 0, hwIdleMs = 0, hwProgressMs = 0;
+  int hwDelayUs = 0, hwIdleMs = 0, hwProgressMs = 0, hwSpinUs = int(hw.spinFor.count());
   auto* hwCmd = app.add_subcommand("hw", "Run the hardware side: apply the change logs to simulated TCAMs");
   hwCmd->add_option("--delay", hwDelayUs, "microseconds per change, to model a slow TCAM")->check(CLI::NonNegativeNumber);
   hwCmd->add_option("--rate", hw.rate, "changes per second at most (0: no limit)");
+  hwCmd->add_option("--spin-us", hwSpinUs, "after work, look again without sleeping for this many microseconds")->check(CLI::NonNegativeNumber);
   hwCmd->add_option("--exit-when-idle", hwIdleMs, "stop after this many milliseconds without work (0: never)")->check(CLI::NonNegativeNumber);
   hwCmd->add_option("--progress-ms", hwProgressMs, "print progress this often (0: never)")->check(CLI::NonNegativeNumber);
 
@@ -132,6 +133,7 @@ int main(int argc, char** argv) {
     }
     if (*hwCmd) {
       hw.delay = std::chrono::microseconds(hwDelayUs);
+      hw.spinFor = std::chrono::microseconds(hwSpinUs);
       hw.exitWhenIdle = std::chrono::milliseconds(hwIdleMs);
       hw.progressEvery = std::chrono::milliseconds(hwProgressMs);
       const HardwareReport report = runHardwareSide(hw, std::cout);

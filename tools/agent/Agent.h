@@ -18,7 +18,7 @@ struct AgentOptions {
   uint32_t window = 20000;              // changes in flight (written, not yet answered) at most
   // The confirmation latency the window is sized for: it shrinks while answers take longer
   // and grows while they come faster and the window is full. 0: always `window` in flight.
-  std::chrono::microseconds targetLatency{500};
+  std::chrono::microseconds targetLatency{1000};
   bool waitForHardware = true;          // finish only when every change is confirmed
   bool verify = true;                   // read back every key the workload touched
   std::chrono::milliseconds progressEvery{1000};  // 0: no progress lines
