@@ -63,8 +63,8 @@ class OrderedSwTableAccessor {
   static void answer(const Nimbo::Ptr<EntryHandle>& handle, EntryState state);
   static void clearTransient(T& table, const EntryKey& key, const EntryVersion& committed, bool add);
   static void traceConfigRead(const EntryKey& key);
-  static Nimbo::Ptr<NeededEntry> neededWith(const Nimbo::Ptr<const NeededEntry>& needed,
-                                            const Dependency& dependency);
+  static Nimbo::Ptr<const NeededEntry> neededWith(const Nimbo::Ptr<const NeededEntry>& needed,
+                                                  const Dependency& dependency);
   static void commitFailed(const Nimbo::Ptr<EntryHandle>& handle, bool isTableDelete,
                            const EntryKey& key);
   static void commitTableDelete(T& table, const ResolverEntry& resolverEntry,
@@ -227,16 +227,18 @@ void OrderedSwTableAccessor<T>::answer(const Nimbo::Ptr<EntryHandle>& handle, En
   }
 }
 
+// `needed` itself when the dependency adds nothing: every commit would copy an empty set.
 template <class T>
-Nimbo::Ptr<NeededEntry> OrderedSwTableAccessor<T>::neededWith(
+Nimbo::Ptr<const NeededEntry> OrderedSwTableAccessor<T>::neededWith(
     const Nimbo::Ptr<const NeededEntry>& needed, const Dependency& dependency) {
+  const std::optional<NeededEntry::Need> need =
+      dependency ? dependency->tableVersion() : std::nullopt;
+  if (needed && !need) return needed;
   auto all = Nimbo::make<NeededEntry>();
   if (needed) {
     for (const auto& [table, version] : needed->needs()) all->needIs(table, version);
   }
-  if (dependency) {
-    if (const auto need = dependency->tableVersion()) all->add(*need);
-  }
+  if (need) all->add(*need);
   return all;
 }
 
@@ -329,7 +331,7 @@ void OrderedSwTableAccessor<T>::commitEntryWrite(T& table, const ResolverEntry& 
 template <class T>
 void OrderedSwTableAccessor<T>::commitEntry(T& table,
                                             const Nimbo::Ptr<Asic::ResolverEntry>& base) {
-  const auto* resolverEntry = dynamic_cast<const ResolverEntry*>(base.ptr());
+  const auto* resolverEntry = Nimbo::downCast<const ResolverEntry>(base.ptr());
   VESK_ASSERT(resolverEntry != nullptr);
   const bool isEntryDelete = resolverEntry->isEntryDeleted();
   const bool isTableDelete = resolverEntry->isTableDeleted();

@@ -77,16 +77,19 @@ int main(int argc, char** argv) {
   agentCmd->add_option("--remove-all-every", spec.removeAllEvery, "about one remove-all in this many changes (0: none)");
   agentCmd->add_option("--workload", workloadFile, "read the changes from this file instead")->check(CLI::ExistingFile);
   agentCmd->add_option("--window", agent.window, "changes in flight at most")->check(CLI::Range(1, 10000000));
+  int targetLatencyUs = int(agent.targetLatency.count());
+  agentCmd->add_option("--target-latency-us", targetLatencyUs, "size the window for answers within this many microseconds (0: keep --window in flight)")->check(CLI::NonNegativeNumber);
   agentCmd->add_flag("--no-wait", noWait, "finish once everything is committed, without waiting for the hardware side");
   agentCmd->add_flag("--no-verify", noVerify, "do not read back the keys the workload touched");
   agentCmd->add_option("--progress-ms", progressMs, "print progress this often (0: never)")->check(CLI::NonNegativeNumber);
   agentCmd->add_option("--report-json", reportJson, "write the report as JSON to this file");
 
   HardwareOptions hw;
-  int hwDelayUs = 0, hwIdleMs = 0, hwProgressMs = 0;
+  int hwDelayUs = 0, hwIdleMs = 0, hwProgressMs = 0, hwSpinUs = int(hw.spinFor.count());
   auto* hwCmd = app.add_subcommand("hw", "Run the hardware side: apply the change logs to simulated TCAMs");
   hwCmd->add_option("--delay", hwDelayUs, "microseconds per change, to model a slow TCAM")->check(CLI::NonNegativeNumber);
   hwCmd->add_option("--rate", hw.rate, "changes per second at most (0: no limit)");
+  hwCmd->add_option("--spin-us", hwSpinUs, "after work, look again without sleeping for this many microseconds")->check(CLI::NonNegativeNumber);
   hwCmd->add_option("--exit-when-idle", hwIdleMs, "stop after this many milliseconds without work (0: never)")->check(CLI::NonNegativeNumber);
   hwCmd->add_option("--progress-ms", hwProgressMs, "print progress this often (0: never)")->check(CLI::NonNegativeNumber);
 
@@ -129,6 +132,7 @@ int main(int argc, char** argv) {
           }
         }
       }
+      agent.targetLatency = std::chrono::microseconds(targetLatencyUs);
       agent.waitForHardware = !noWait;
       agent.verify = !noVerify;
       agent.progressEvery = std::chrono::milliseconds(progressMs);
@@ -139,6 +143,7 @@ int main(int argc, char** argv) {
     }
     if (*hwCmd) {
       hw.delay = std::chrono::microseconds(hwDelayUs);
+      hw.spinFor = std::chrono::microseconds(hwSpinUs);
       hw.exitWhenIdle = std::chrono::milliseconds(hwIdleMs);
       hw.progressEvery = std::chrono::milliseconds(hwProgressMs);
       const HardwareReport report = runHardwareSide(hw, std::cout);

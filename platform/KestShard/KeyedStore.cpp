@@ -268,13 +268,15 @@ void KeyedStore::insertOrReplace(const unsigned char* record) {
   Change change(*this);
   const uint32_t index = allocateSlot();
   Slot& s = slot(index);
-  storeRelease(s.sequence, s.sequence + 1);
+  // Odd while filled, whatever a writer stopped while filling this free slot left in it.
+  const uint32_t writing = s.sequence | 1u;
+  storeRelease(s.sequence, writing);
   s.hash = hash;
   s.next = pos.found ? slot(pos.current - 1).next : pos.current;
   std::memcpy(s.record(), record, layout.recordSize);
   s.check = checksum(s.record(), hash);
   s.state = kLive;
-  storeRelease(s.sequence, s.sequence + 1);
+  storeRelease(s.sequence, writing + 1);
   const int markedChange =
       int(isMarked(record)) - int(pos.found && isMarked(slot(pos.current - 1).record()));
   storeRelease(*pos.link, index + 1);  // the record is now visible

@@ -153,12 +153,16 @@ bool VersionStore::atOrAfter(uint64_t key, unsigned char* out) const {
   return seek(key, false, false, out);
 }
 
+// The sequence is made odd, not incremented: a writer stopped inside an append leaves the
+// slot past the tail odd, outside the span its next mount repairs, and an increment would
+// then leave the rewritten slot odd for good (every reader retrying it forever).
 void VersionStore::writeSlot(Slot& s, const unsigned char* record) {
-  storeRelease(s.sequence, s.sequence + 1);
+  const uint32_t writing = s.sequence | 1u;
+  storeRelease(s.sequence, writing);
   std::memcpy(s.record(), record, geometry().layout.recordSize);
   s.check = checksum(s.record(), 0);
   s.state = kLive;
-  storeRelease(s.sequence, s.sequence + 1);
+  storeRelease(s.sequence, writing + 1);
 }
 
 void VersionStore::insertOrReplace(const unsigned char* record) {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <typeinfo>
 #include <utility>
 
 #include "Nimbo/ThreadControl.h"
@@ -102,9 +103,19 @@ Ptr<T> make(Args&&... args) {
   return Ptr<T>(new T(std::forward<Args>(args)...));
 }
 
+// dynamic_cast<T*>(p), the common case first: an object of exactly class T is known by its
+// type_info, one comparison, where dynamic_cast walks the class hierarchy.
+template <class T, class U>
+T* downCast(U* p) {
+  if constexpr (requires { static_cast<T*>(p); }) {
+    if (p && typeid(*p) == typeid(T)) return static_cast<T*>(p);
+  }
+  return dynamic_cast<T*>(p);
+}
+
 template <class T, class U>
 Ptr<T> dynamicPtrCast(const Ptr<U>& p) {
-  return Ptr<T>(dynamic_cast<T*>(p.ptr()));
+  return Ptr<T>(downCast<T>(p.ptr()));
 }
 
 }  // namespace Nimbo

@@ -34,11 +34,14 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 // One run of the agent's event loop; lives on the stack of runAgent.
-class AgentLoop {
+class AgentLoop final : public TableDriver::Answers {
  public:
   AgentLoop(const AgentOptions& options, std::ostream& out, AgentReport& report)
       : options_(options), out_(out), report_(report), signals_(io_, SIGTERM, SIGINT),
-        pollTimer_(io_), progressTimer_(io_) {}
+        pollTimer_(io_), progressTimer_(io_), issued_(options.workload.size()),
+        limit_(adaptive() ? std::min(options.window, kFirstWindow) : options.window) {
+    report_.latenciesUs.reserve(options.workload.size());
+  }
 
   void run() {
     makeTables();
@@ -82,19 +85,36 @@ class AgentLoop {
                options_.units.size(), report_.restoredEntries, report_.restoreMs);
   }
 
-  // Issues changes until `window` are in flight or the workload is done.
+  // Issues changes until the window is full or the workload is done.
   void feed() {
     const auto& changes = options_.workload;
-    while (next_ < changes.size() && unsettled() < options_.window) {
-      const Change& c = changes[next_++];
+    while (next_ < changes.size() && unsettled() < limit_) {
+      const Change& c = changes[next_];
       ++inFlight_;
       ++report_.tables[c.table].accepted;
-      const auto issued = Clock::now();
-      drivers_[c.table]->apply(c, [this, table = c.table, issued](bool confirmed) {
-        answered(table, confirmed, issued);
-      });
+      issued_[next_] = Clock::now();
+      drivers_[c.table]->apply(c, next_, *this);
+      ++next_;
     }
+    if (next_ < changes.size()) windowFilled_ = true;
     maybeFinish();
+  }
+
+  bool adaptive() const { return options_.waitForHardware && options_.targetLatency.count() > 0; }
+
+  // After a round of answers: a window whose answers come later than the target shrinks by
+  // a quarter; one whose answers come in under half of it grows by a quarter, if it was
+  // full (else more room would not have been used).
+  void resizeWindow() {
+    if (!adaptive()) return;
+    const double target = double(options_.targetLatency.count());
+    if (slowestUs_ > target) {
+      limit_ = std::max(std::min(kSmallestWindow, options_.window), limit_ - limit_ / 4);
+    } else if (slowestUs_ < target / 2 && windowFilled_) {
+      limit_ = std::min(options_.window, limit_ + limit_ / 4 + 1);
+    }
+    slowestUs_ = 0;
+    windowFilled_ = false;
   }
 
   // Changes still to be answered, or without waiting for the hardware, to be committed.
@@ -102,16 +122,19 @@ class AgentLoop {
     return options_.waitForHardware ? inFlight_ : resolver_->resolverQueueSize();
   }
 
-  void answered(uint8_t table, bool confirmed, Clock::time_point issued) {
+  void answered(uint64_t change, bool confirmed) override {
     --inFlight_;
+    const uint8_t table = options_.workload[change].table;
     if (confirmed) {
       ++report_.tables[table].confirmed;
-      report_.latenciesUs.push_back(
-          std::chrono::duration<double, std::micro>(Clock::now() - issued).count());
+      const double us =
+          std::chrono::duration<double, std::micro>(Clock::now() - issued_[change]).count();
+      report_.latenciesUs.push_back(us);
+      slowestUs_ = std::max(slowestUs_, us);
     } else {
       ++report_.tables[table].failed;
     }
-    if (!feedPosted_ && next_ < options_.workload.size() && inFlight_ <= options_.window / 2) {
+    if (!feedPosted_ && next_ < options_.workload.size() && inFlight_ < limit_) {
       feedPosted_ = true;
       asio::post(io_, [this] {
         feedPosted_ = false;
@@ -137,7 +160,10 @@ class AgentLoop {
         moved = true;
       }
     }
-    if (moved) resolver_->maybeUpdateSuspend();
+    if (moved) {
+      resizeWindow();
+      resolver_->maybeUpdateSuspend();
+    }
     if (!options_.waitForHardware) maybeFinish();
     pollTimer_.expires_after(options_.pollEvery);
     pollTimer_.async_wait([this](const asio::error_code& error) {
@@ -193,10 +219,17 @@ class AgentLoop {
   Nimbo::Ptr<Asic::GroupResolver> resolver_;
   std::vector<std::unique_ptr<TableDriver>> drivers_;
   std::vector<Asic::LogVersion> taken_;
+  std::vector<Clock::time_point> issued_;  // per change of the workload, when it was written
   size_t next_ = 0;
   uint32_t inFlight_ = 0;
+  uint32_t limit_;                // changes in flight at most, now
+  bool windowFilled_ = false;     // feed stopped at the limit since the last resize
+  double slowestUs_ = 0;          // slowest answer since the last resize
   bool feedPosted_ = false;
   Clock::time_point start_;
+
+  static constexpr uint32_t kFirstWindow = 256;
+  static constexpr uint32_t kSmallestWindow = 16;
 };
 
 }  // namespace

@@ -15,11 +15,14 @@ struct AgentOptions {
   std::vector<uint16_t> units{0};
   bool clear = false;                   // clear the units' tables instead of restoring them
   std::vector<Change> workload;
-  uint32_t window = 20000;              // changes in flight (written, not yet answered)
+  uint32_t window = 20000;              // changes in flight (written, not yet answered) at most
+  // The confirmation latency the window is sized for: it shrinks while answers take longer
+  // and grows while they come faster and the window is full. 0: always `window` in flight.
+  std::chrono::microseconds targetLatency{1000};
   bool waitForHardware = true;          // finish only when every change is confirmed
   bool verify = true;                   // read back every key the workload touched
   std::chrono::milliseconds progressEvery{1000};  // 0: no progress lines
-  std::chrono::microseconds pollEvery{100};       // how often the table-version map is read
+  std::chrono::microseconds pollEvery{25};        // how often the table-version map is read
 };
 
 // What one agent run did, for its summary and for the demo.
@@ -41,9 +44,11 @@ struct AgentReport {
 
 // The agent: one event loop (asio) on one thread. Makes the ten table types through their
 // interfaces, the tables of its units (restored, or cleared), then writes the workload with
-// at most `window` changes in flight, lets the group resolver commit them whenever it has
-// work, and turns what the hardware side records in the table-version map into
-// tableStatusVersion calls, which answer the clients. Stops when every change is answered
+// at most `window` changes in flight (fewer while answers take longer than
+// `targetLatency`: a change waits behind every change in flight, so a window larger than
+// the hardware side needs to keep busy only adds queueing to each answer), lets the group
+// resolver commit them whenever it has work, and turns what the hardware side records in
+// the table-version map into tableStatusVersion calls, which answer the clients. Stops when every change is answered
 // (or committed, without waiting for the hardware), or on SIGTERM/SIGINT.
 AgentReport runAgent(const AgentOptions& options, std::ostream& out);
 void printAgentSummary(const AgentReport& report, std::ostream& out);

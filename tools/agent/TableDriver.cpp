@@ -29,10 +29,10 @@ class TableDriverOf final : public TableDriver {
     return entries;
   }
 
-  void apply(const Change& c, Answer answer) override {
+  void apply(const Change& c, uint64_t number, Answers& answers) override {
     SwTable& table = *tables_.at(c.unit);
-    auto handler = [answer = std::move(answer)](const Handle& handle) {
-      answer(handle->entryState() == Asic::EntryState::done);
+    auto handler = [&answers, number](const Handle& handle) {
+      answers.answered(number, handle->entryState() == Asic::EntryState::done);
     };
     switch (c.kind) {
       case ChangeKind::write: {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <vector>
 
@@ -15,15 +14,22 @@ namespace VeskTool {
 // Made per table type by tableDriverFor(); owned by the agent; its event thread only.
 class TableDriver {
  public:
-  // Called once per change with whether it was confirmed (else it failed).
-  using Answer = std::function<void(bool confirmed)>;
+  // Told once per change, by the number the agent gave it, whether it was confirmed (else
+  // it failed). A number rather than a callback per change: the table's response handler
+  // then holds two words and is stored without an allocation.
+  class Answers {
+   public:
+    virtual ~Answers() = default;
+    virtual void answered(uint64_t change, bool confirmed) = 0;
+  };
 
   virtual ~TableDriver() = default;
   virtual Asic::SwTableId tableId() const = 0;
   // getIntf, then makeSwTable of every unit; returns the entries the tables hold.
   virtual uint64_t makeTables(const Nimbo::Ptr<Asic::OrderedTableInterface>& orderedTableIntf,
                               const std::vector<uint16_t>& units, bool clear) = 0;
-  virtual void apply(const Change& change, Answer answer) = 0;
+  // Applies change number `change`; its answer goes to `answers`, which outlives it.
+  virtual void apply(const Change& change, uint64_t number, Answers& answers) = 0;
   virtual void hardwareTook(Asic::LogVersion version) = 0;
   virtual uint64_t committed() const = 0;
   // Whether a client reading key `key` of `unit` gets the entry of `variant` (null: none).

@@ -175,7 +175,7 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
       fmt::print(out, "hw: {} changes applied\n", total);
       out.flush();
     }
-    if (!applied) std::this_thread::sleep_for(options.pollEvery);
+    if (!applied && now - lastWork >= options.spinFor) std::this_thread::sleep_for(options.pollEvery);
   }
   for (size_t t = 0; t < kTableCount; ++t) report.taken[t] = tables[t]->processed();
   return report;

@@ -10,7 +10,11 @@
 namespace VeskTool {
 
 struct HardwareOptions {
-  std::chrono::microseconds pollEvery{50};
+  std::chrono::microseconds pollEvery{50};   // sleep between looks at the logs when idle
+  // After work, look again at once for this long before sleeping: an agent writing a
+  // stream of changes commits the next ones within microseconds, and a sleep (with its
+  // timer slack) would add a tenth of a millisecond to each of their answers.
+  std::chrono::microseconds spinFor{200};
   std::chrono::microseconds delay{0};  // per change, to model a slow TCAM
   uint64_t rate = 0;                   // at most this many changes a second; 0: no limit
   std::chrono::milliseconds exitWhenIdle{0};  // 0: run until SIGTERM or SIGINT

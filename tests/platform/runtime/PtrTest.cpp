@@ -20,6 +20,11 @@ class Derived : public Counted {
   using Counted::Counted;
 };
 
+class MoreDerived : public Derived {
+ public:
+  using Derived::Derived;
+};
+
 // Goes back to its owner's free list instead of being deleted.
 class Pooled : public Nimbo::Node {
  public:
@@ -50,6 +55,19 @@ TEST(Ptr, CopiesMovesAndConversionsKeepTheCountExact) {
     EXPECT_EQ(destroyed, 0);
   }
   EXPECT_EQ(destroyed, 1);
+}
+
+TEST(Ptr, DynamicCastTakesTheClassAndItsSubclassesAndRefusesTheRest) {
+  int destroyed = 0;
+  const Nimbo::Ptr<Nimbo::Node> exact = Nimbo::make<Derived>(&destroyed);
+  const Nimbo::Ptr<Nimbo::Node> deeper = Nimbo::make<MoreDerived>(&destroyed);
+  const Nimbo::Ptr<Nimbo::Node> shallower = Nimbo::make<Counted>(&destroyed);
+  EXPECT_EQ(Nimbo::dynamicPtrCast<Derived>(exact).ptr(), exact.ptr());
+  EXPECT_EQ(Nimbo::dynamicPtrCast<const Derived>(exact).ptr(), exact.ptr());
+  EXPECT_EQ(Nimbo::dynamicPtrCast<Derived>(deeper).ptr(), deeper.ptr());
+  EXPECT_EQ(Nimbo::dynamicPtrCast<Derived>(shallower), nullptr);
+  EXPECT_EQ(Nimbo::dynamicPtrCast<Derived>(Nimbo::Ptr<Nimbo::Node>()), nullptr);
+  EXPECT_EQ(Nimbo::downCast<MoreDerived>(exact.ptr()), nullptr);
 }
 
 TEST(Ptr, LastUserGoneRunsOnceWhenTheCountDropsToZero) {

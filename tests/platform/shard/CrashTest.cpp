@@ -120,8 +120,14 @@ TEST_P(CrashTest, WriterKilledAnywhereLeavesEveryRecordOldOrNewAndLosesNothingCo
   for (auto [id, generation] : records) {
     ASSERT_EQ(*shard->records.find(Record::of(id, 0).key), Record::of(id, generation));
   }
-  shard->records.insertOrReplace(Record::of(9999, 1));  // and it goes on working
-  shard->log.insertOrReplace(LogRecord::of(done + 10));
+  // And it goes on working, also in the slots the killed writer was filling.
+  for (uint64_t v = done + 10; v < done + 20; ++v) {
+    shard->records.insertOrReplace(Record::of(uint32_t(9000 + v - done), v));
+    shard->log.insertOrReplace(LogRecord::of(v));
+    ASSERT_EQ(*shard->records.find(Record::of(uint32_t(9000 + v - done), 0).key),
+              Record::of(uint32_t(9000 + v - done), v));
+    ASSERT_TRUE(shard->log.find(v).has_value());
+  }
   munmap(completed, sizeof(std::atomic<uint64_t>));
 }
 
