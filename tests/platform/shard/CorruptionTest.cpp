@@ -34,6 +34,21 @@ class Damage {
     static_cast<unsigned char*>(hit)[at] ^= 0x5a;
   }
   unsigned char* base() const { return base_; }
+  // The stored copy of `value` (found by content).
+  template <class T>
+  unsigned char* find(const T& value) const {
+    return static_cast<unsigned char*>(memmem(base_ + 8192, size_ - 8192, &value, sizeof value));
+  }
+  // What a writer killed inside a change of the slot after the one holding `newest` (slots
+  // `stride` bytes apart, the sequence word first in a slot header of `headerSize` bytes)
+  // leaves behind: that slot odd, and the header between two steps of a change.
+  template <class T>
+  void stopWriterFilling(const T& newest, ptrdiff_t stride, size_t headerSize) {
+    unsigned char* record = find(newest);
+    ASSERT_NE(record, nullptr);
+    *reinterpret_cast<uint32_t*>(record + stride - ptrdiff_t(headerSize)) |= 1;
+    reinterpret_cast<KestShard::SegmentHeader*>(base_)->generation |= 1;
+  }
 
  private:
   int fd_;
@@ -99,6 +114,32 @@ TEST_F(CorruptionTest, DamagedLogRecordIsReported) {
   Damage(segmentFile(root, "log", "log")).flipInside(LogRecord::of(4), 20);
   EXPECT_THROW(shard->log.find(4), Nimbo::CorruptionDetectedException);
   EXPECT_TRUE(shard->log.find(5)->whole());
+}
+
+// A writer killed while it filled the next slot leaves that slot odd. The next writer mount
+// repairs what lies within the collection's span, not past it, so the next writer must fill
+// such a slot so that it ends even; otherwise every later read of it retries and fails.
+TEST_F(CorruptionTest, ASlotLeftOddByAKilledWriterIsFilledAgainWhole) {
+  {
+    auto shard = mountTestShard("odd");
+    for (uint64_t v = 1; v <= 5; ++v) shard->log.insertOrReplace(LogRecord::of(v));
+    for (uint32_t id = 1; id <= 5; ++id) shard->records.insertOrReplace(Record::of(id, 1));
+    unmount("odd");
+  }
+  {
+    Damage log(segmentFile(root, "odd", "log"));
+    log.stopWriterFilling(LogRecord::of(5), log.find(LogRecord::of(5)) - log.find(LogRecord::of(4)), 16);
+    Damage records(segmentFile(root, "odd", "records"));
+    records.stopWriterFilling(Record::of(5, 1),
+                              records.find(Record::of(5, 1)) - records.find(Record::of(4, 1)), 24);
+  }
+  auto shard = mountTestShard("odd");
+  shard->log.insertOrReplace(LogRecord::of(6));
+  shard->records.insertOrReplace(Record::of(6, 1));
+  EXPECT_TRUE(shard->log.find(6)->whole());
+  EXPECT_TRUE(shard->records.find(Record::of(6, 0).key)->whole());
+  EXPECT_EQ(shard->log.count(), 6u);
+  EXPECT_EQ(shard->records.count(), 6u);
 }
 
 TEST_F(CorruptionTest, DamagedHeaderIsReportedOnLookupAndRepairedByTheWriter) {
