@@ -153,6 +153,18 @@ TEST_F(CliTest, ShowReadsBackWhatTheAgentWroteAndThatTheHardwareAgrees) {
   }
 }
 
+TEST_F(CliTest, EveryChangeIsConfirmedIncludingRemoveAllsWhichHaveNoAnswerOfTheirOwn) {
+  Vesktap hw({"hw"});
+  Vesktap agent({"agent", "--units", "0", "1", "--keys", "50", "--changes", "3000", "--remove-all-every", "40",
+                 "--progress-ms", "0"});
+  ASSERT_TRUE(agent.awaitOutput("total: ")) << agent.out() << agent.err();
+  EXPECT_EQ(agent.wait(), 0) << agent.err();
+  EXPECT_NE(agent.out().find("total: 3000 accepted, 3000 committed, 3000 confirmed"), std::string::npos)
+      << agent.out();
+  hw.signal(SIGTERM);
+  EXPECT_EQ(hw.wait(), 0) << hw.err();
+}
+
 TEST_F(CliTest, ASecondAgentIsRefusedAndTheFirstStopsCleanlyOnSigterm) {
   // No hardware side: the first agent commits and then waits for answers that never come.
   Vesktap agent({"agent", "--units", "0", "--tables", "ServicePolicyMacTcamEntry", "--keys", "500", "--changes", "3000",

@@ -45,13 +45,18 @@ class TableDriverOf final : public TableDriver {
         table.entryRemoveWithResponseHandler(keyOf<Traits>(c.key), nullptr, handler);
         break;
       case ChangeKind::removeAll:
-        table.entryRemoveAllWithResponseHandler(nullptr, handler);
+        table.entryRemoveAllWithResponseHandler(nullptr, handler);  // answers a failure only
+        removeAlls_[c.unit].pending.push_back({number, &answers});
         break;
     }
   }
 
   void hardwareTook(Asic::LogVersion version) override {
     for (auto& [unit, table] : tables_) table->tableStatusVersion(version);
+    for (auto& [unit, removeAlls] : removeAlls_) {
+      if (!tables_.at(unit)->transientRemoveAllVersion().valid()) removeAlls.logged(intf_->entryLog()->tableVersion().value());
+      removeAlls.answerTakenUpTo(version.value());
+    }
   }
 
   uint64_t committed() const override {
@@ -67,8 +72,35 @@ class TableDriverOf final : public TableDriver {
   }
 
  private:
+  // A remove-all's handle is never answered when it succeeds and is not handed to the
+  // client, so the agent answers it itself: once the unit has no remove-all pending, every
+  // earlier one is in the log at or below the log's current version, and it is confirmed
+  // when the hardware side has taken that version (possibly a little later than it could
+  // have been, never earlier).
+  struct RemoveAlls {
+    struct Waiting {
+      uint64_t number;
+      Answers* answers;
+      uint64_t version = 0;
+    };
+    std::vector<Waiting> pending, inLog;
+
+    void logged(uint64_t logVersion) {
+      for (Waiting& w : pending) inLog.push_back({w.number, w.answers, logVersion});
+      pending.clear();
+    }
+    void answerTakenUpTo(uint64_t taken) {
+      std::erase_if(inLog, [&](const Waiting& w) {
+        if (w.version > taken) return false;
+        w.answers->answered(w.number, true);
+        return true;
+      });
+    }
+  };
+
   Nimbo::Ptr<Interface> intf_;
   std::map<uint16_t, Nimbo::Ptr<SwTable>> tables_;
+  std::map<uint16_t, RemoveAlls> removeAlls_;
 };
 
 }  // namespace
