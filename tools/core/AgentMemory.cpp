@@ -8,29 +8,17 @@
 #include "KestShard/Directory.h"
 #include "KestSharedMem/MountGroup.h"
 #include "Nimbo/Exception.h"
+#include "tools/core/ReaderMount.h"
 #include "tools/core/TableDispatch.h"
 #include "types/TableShards.h"
 
 namespace VeskTool {
 namespace {
 
-template <class S>
-Nimbo::Ptr<S> mountReader(const Nimbo::Ptr<KestSharedMem::EntityManager>& em,
-                          const Nimbo::String& path, const char* collection, uint32_t capacity) {
-  KestShard::MountInfo info(KestShard::KestShardType::reader);
-  info.collectionInfoIs({collection, capacity, false});
-  try {
-    return KestSharedMem::mountShard<S>(em, path, S::typeName, info);
-  } catch (const Nimbo::SystemException& e) {
-    if (e.error() == ENOENT) return nullptr;
-    throw;
-  }
-}
-
 template <class Traits>
 Nimbo::Ptr<typename Traits::ConfigShard> mountConfig(
     const Nimbo::Ptr<KestSharedMem::EntityManager>& em, Asic::UnitId unit) {
-  return mountReader<typename Traits::ConfigShard>(em, Traits::Constants::configShardPath(unit),
+  return mountAgentShard<typename Traits::ConfigShard>(em, Traits::Constants::configShardPath(unit),
                                                    "swTableEntries",
                                                    UnitContents<Traits>::capacity);
 }
@@ -51,7 +39,7 @@ AgentMemory::AgentMemory() : root_(KestShard::Directory::rootPath()) {
 template <class Traits>
 std::optional<ChangeLogSummary> AgentMemory::changeLog() const {
   auto log =
-      mountReader<typename Traits::EntryLogShard>(em_, Traits::Constants::tableEntryLogShardPath(),
+      mountAgentShard<typename Traits::EntryLogShard>(em_, Traits::Constants::tableEntryLogShardPath(),
                                                   "entryLogConfig", ChangeLogSummary::capacity);
   if (!log) return std::nullopt;
   const auto& changes = log->entryLogConfigColl();

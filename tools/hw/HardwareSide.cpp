@@ -11,6 +11,7 @@
 #include "Asic/TableVersionShard.h"
 #include "KestSharedMem/MountGroup.h"
 #include "Nimbo/Exception.h"
+#include "tools/core/ReaderMount.h"
 #include "tools/core/TcamShard.h"
 #include "types/TableShards.h"
 
@@ -19,20 +20,6 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 volatile std::sig_atomic_t stopRequested = 0;
-
-// Mounts a shard of the agent's read-only; null while the agent has not made it.
-template <class S>
-Nimbo::Ptr<S> mountAgentShard(const Nimbo::Ptr<KestSharedMem::EntityManager>& em,
-                              const Nimbo::String& path, const char* collection, uint32_t capacity) {
-  KestShard::MountInfo info(KestShard::KestShardType::reader);
-  info.collectionInfoIs({collection, capacity, false});
-  try {
-    return KestSharedMem::mountShard<S>(em, path, S::typeName, info);
-  } catch (const Nimbo::SystemException& e) {
-    if (e.error() == ENOENT) return nullptr;
-    throw;
-  }
-}
 
 class HwTable {
  public:
