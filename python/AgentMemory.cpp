@@ -53,7 +53,7 @@ class PyAgentMemory {
     if (!contents) {
       std::string units;
       for (Asic::UnitId u : memory.units<Traits>())
-        units += (units.empty() ? "" : ", ") + std::to_string(u.value());
+        units.append(units.empty() ? "" : ", ").append(std::to_string(u.value()));
       throw UnknownUnitError(fmt::format("{} has no unit {} (units: {})", Traits::tableName, unit,
                                          units.empty() ? "none" : units));
     }

@@ -18,7 +18,7 @@ size_t tableIndexOrThrow(const std::string& name) {
   if (index == VeskTool::kTableCount) {
     std::string names;
     for (const auto& row : VeskTapAgg::kCatalogue)
-      names += (names.empty() ? "" : ", ") + std::string(row.name);
+      names.append(names.empty() ? "" : ", ").append(row.name);
     throw UnknownTableError(fmt::format("unknown table '{}' (tables: {})", name, names));
   }
   return index;

@@ -55,8 +55,9 @@ void assign(F& target, py::handle value, const std::string& where);
 // Sets the fields a mapping names, leaving the others as they are.
 template <Record R>
 void assignFields(R& record, const py::dict& fields, const std::string& where) {
-  for (auto [name, value] : fields) {
-    const std::string fieldName = py::str(name);
+  for (const auto& item : fields) {
+    const py::handle value = item.second;
+    const std::string fieldName = py::str(item.first);
     bool found = false;
     forEachField<R>([&](const auto& f) {
       if (f.shown && fieldName == f.name) {
@@ -67,7 +68,7 @@ void assignFields(R& record, const py::dict& fields, const std::string& where) {
     if (!found) {
       std::string names;
       forEachField<R>([&](const auto& f) {
-        if (f.shown) names += (names.empty() ? "" : ", ") + std::string(f.name);
+        if (f.shown) names.append(names.empty() ? "" : ", ").append(f.name);
       });
       const std::string prefix = where == recordName<R>() ? "" : where + ": ";
       throw py::type_error(fmt::format("{}{} has no field '{}' (fields: {})", prefix,

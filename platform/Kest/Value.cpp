@@ -21,7 +21,7 @@ Nimbo::String formatValue(const Value& value) {
     Nimbo::String operator()(uint64_t number) const { return fmt::format("{}", number); }
     Nimbo::String operator()(const Nimbo::String& text) const { return text; }
     Nimbo::String operator()(const Nimbo::Ptr<Nimbo::Node>& node) const {
-      return node ? "<" + classNameOf(*node) + ">" : Nimbo::String("none");
+      return node ? fmt::format("<{}>", classNameOf(*node)) : Nimbo::String("none");
     }
   };
   return std::visit(Format{}, value);
