@@ -27,18 +27,22 @@ inline std::string neededText(const Nimbo::Ptr<const Asic::NeededEntry>& needed)
 
 // Mounts shard S at `path` as its writer, its collection `collection` (picked out of the
 // shard by `collectionOf`) with `capacity` records; a wiped collection is logged as
-// "<item>::<table type>".
+// "<item>::<table type>" and `wiped` set.
 template <class Traits, class S, class CollectionOf>
 Nimbo::Ptr<S> mountWriter(const Asic::EntryLogBase& log, const Nimbo::String& path,
                           const char* collection, uint32_t capacity, const char* item,
-                          CollectionOf collectionOf) {
+                          CollectionOf collectionOf, bool& wiped) {
+  wiped = false;
   return checkAndwriteMountShard<S>(
       log.entityManager(), S::typeName, path, log.agentName(),
       [&](KestShard::MountInfo& info) { info.collectionInfoIs({collection, capacity, false}); },
       [&](S* shard) -> Nimbo::Ptr<KestShard::CollectionControl> {
         return shard ? collectionOf(*shard).control() : nullptr;
       },
-      [&] { Kest::log(messageHandles<Traits>.error, fmt::format("{}::{}", item, Traits::tableName)); });
+      [&] {
+        wiped = true;
+        Kest::log(messageHandles<Traits>.error, fmt::format("{}::{}", item, Traits::tableName));
+      });
 }
 
 }  // namespace entry_log_detail
@@ -68,17 +72,27 @@ template <TableTraits Traits>
 void TableEntryLog<Traits>::mountShardChangeLog() {
   VESK_ENTRY_LOG_TRACE(8, "");
   const Nimbo::String path = Traits::Constants::tableEntryLogShardPath();
+  bool wiped = false;
   tableEntryLog_ = entry_log_detail::mountWriter<Traits, EntryLogShard>(
       *this, path, "entryLogConfig", kChangeLogCapacity, "entryLog",
-      [](const EntryLogShard& shard) -> const auto& { return shard.entryLogConfigColl(); });
+      [](const EntryLogShard& shard) -> const auto& { return shard.entryLogConfigColl(); }, wiped);
   VESK_ASSERT(tableEntryLog_);
   const auto& changes = tableEntryLog_->entryLogConfigColl();
   // A writer stopped after appending a change but before storing its version leaves the
   // scratchpad one behind the log: the log's newest version is the one given out.
   const uint64_t stored = changes.control()->scratchpad();
   const uint64_t newest = changes.newestVersion();
-  if (newest > stored) changes.control()->scratchpadIs(newest);
-  tableVersionIs(Asic::LogVersion(std::max(stored, newest)));
+  uint64_t version = std::max(stored, newest);
+  if (wiped) {
+    // The changes the hardware side had not taken are gone with the log: new versions
+    // start above what it has taken, and every unit's configuration is logged again as it
+    // is mounted, so that the hardware side ends up with exactly the configuration.
+    const uint64_t taken = groupInterface()->tableVersion(tableId()).value_or(Asic::LogVersion()).value();
+    version = std::max(version, taken);
+    relogOnMount_ = true;
+  }
+  if (version != stored) changes.control()->scratchpadIs(version);
+  tableVersionIs(Asic::LogVersion(version));
   VESK_ENTRY_LOG_TRACE(2, " Mounted entryLog: {}, tableVersion: {}", path, tableVersion());
 }
 
@@ -86,20 +100,94 @@ template <TableTraits Traits>
 void TableEntryLog<Traits>::mountShardConfig(Asic::UnitId unitId, Asic::LogVersion logVersion) {
   VESK_ENTRY_LOG_TRACE(8, " unitId:{}, logVersion: {}", unitId, logVersion);
   const Nimbo::String path = Traits::Constants::configShardPath(unitId);
+  bool wiped = false;
   Nimbo::Ptr<ConfigShard> cfgShard = entry_log_detail::mountWriter<Traits, ConfigShard>(
       *this, path, "swTableEntries", kConfigCapacity, "entryCfg",
-      [](const ConfigShard& shard) -> const auto& { return shard.swTableEntriesColl(); });
+      [](const ConfigShard& shard) -> const auto& { return shard.swTableEntriesColl(); }, wiped);
   VESK_ASSERT(cfgShard);
   tableConfigShardIs(unitId, cfgShard);
   VESK_ENTRY_LOG_TRACE(2, " Mounted config for unitId: {} at {}", unitId, path);
   // The collection counts its tombstones: a unit without any is not walked, so that a
   // restart costs the same however many entries the unit holds.
-  if (!logVersion.valid() || cfgShard->swTableEntriesColl().markedCount() == 0) return;
-  cfgShard->swTableEntriesColl().forEach([&](const ConfigShardEntry& record) {
-    if (record.isDeleted && record.logVersion <= logVersion) {
-      cfgShard->swTableEntriesDel(record.logEntry.key());
+  if (logVersion.valid() && cfgShard->swTableEntriesColl().markedCount() != 0) {
+    cfgShard->swTableEntriesColl().forEach([&](const ConfigShardEntry& record) {
+      if (record.isDeleted && record.logVersion <= logVersion) {
+        cfgShard->swTableEntriesDel(record.logEntry.key());
+      }
+    });
+  }
+  if (wiped) {
+    // The unit's entries are gone: the hardware side drops them too.
+    tableDel(nullptr, unitId);
+  } else if (relogOnMount_) {
+    relog(*cfgShard, unitId, recordsOf(*cfgShard, [](const ConfigShardEntry&) { return true; }));
+  } else {
+    finishChange(*cfgShard, unitId);
+  }
+}
+
+template <TableTraits Traits>
+void TableEntryLog<Traits>::intentIs(ConfigShard& shard, Asic::LogVersion version) {
+  shard.swTableEntriesColl().control()->scratchpadIs(version.value());
+}
+
+// A writer stopped between writing the unit's configuration and appending the change left
+// records that no change names. When their version is still the next one, the change is
+// appended as it would have been (several records of one version are a unit delete);
+// otherwise they are logged again under new versions. Either way the hardware side gets
+// them and no version names two changes.
+template <TableTraits Traits>
+void TableEntryLog<Traits>::finishChange(ConfigShard& shard, Asic::UnitId unitId) {
+  const Asic::LogVersion unfinished(shard.swTableEntriesColl().control()->scratchpad());
+  if (!unfinished.valid()) return;
+  std::optional<LogShardEntry> change;
+  try {
+    change = tableEntryLog_->entryLogConfigColl().find(unfinished);
+  } catch (const Nimbo::CorruptionDetectedException& e) {
+    tableEntryLog_->entryLogConfigColl().map().doCorruptionDetected(e.what());
+  }
+  if (!change || change->unitId != unitId) {
+    const auto records =
+        recordsOf(shard, [&](const ConfigShardEntry& r) { return r.logVersion == unfinished; });
+    VESK_ENTRY_LOG_TRACE(2, " Finishing the change of unitId: {} at version: {} ({} records)",
+                         unitId, unfinished, records.size());
+    if (!records.empty() && tableVersion().value() + 1 == unfinished.value()) {
+      tableVersionInc(1);
+      const bool one = records.size() == 1;
+      const DeleteKind kind = !one ? DeleteKind::unitDelete
+                              : records.front().isDeleted ? DeleteKind::entryDelete
+                                                          : DeleteKind::write;
+      appendChange(unfinished, kind, unitId, one ? records.front().logEntry.key() : EntryKey{},
+                   nullptr);
+    } else {
+      relog(shard, unitId, records);
     }
+  }
+  intentIs(shard, Asic::LogVersion());
+}
+
+template <TableTraits Traits>
+template <class Select>
+std::vector<typename Traits::ConfigShardEntry> TableEntryLog<Traits>::recordsOf(
+    const ConfigShard& shard, Select&& select) const {
+  std::vector<ConfigShardEntry> records;
+  shard.swTableEntriesColl().forEach([&](const ConfigShardEntry& record) {
+    if (select(record)) records.push_back(record);
   });
+  return records;
+}
+
+template <TableTraits Traits>
+void TableEntryLog<Traits>::relog(ConfigShard& shard, Asic::UnitId unitId,
+                                  std::vector<ConfigShardEntry> records) {
+  for (ConfigShardEntry& record : records) {
+    record.logVersion = tableVersionInc(1);
+    intentIs(shard, record.logVersion);
+    shard.swTableEntriesIs(record);
+    appendChange(record.logVersion, record.isDeleted ? DeleteKind::entryDelete : DeleteKind::write,
+                 unitId, record.logEntry.key(), nullptr);
+  }
+  intentIs(shard, Asic::LogVersion());
 }
 
 template <TableTraits Traits>
@@ -189,14 +277,18 @@ Asic::LogVersion TableEntryLog<Traits>::entryIs(
   ConfigShardEntry record{};
   record.logEntry = logEntry;
   record.logVersion = version;
+  intentIs(shard, version);
   try {
     shard.swTableEntriesIs(record);
   } catch (...) {
     // Nothing was written (a full configuration, say): the version was not used.
     tableVersionIs(Asic::LogVersion(version.value() - 1));
+    intentIs(shard, Asic::LogVersion());
     throw;
   }
-  return appendChange(version, DeleteKind::write, unitId, key, neededEntry);
+  appendChange(version, DeleteKind::write, unitId, key, neededEntry);
+  intentIs(shard, Asic::LogVersion());
+  return version;
 }
 
 template <TableTraits Traits>
@@ -223,8 +315,11 @@ Asic::LogVersion TableEntryLog<Traits>::entryDel(
   const Asic::LogVersion version = tableVersionInc(1);
   stored->isDeleted = true;
   stored->logVersion = version;
+  intentIs(shard, version);
   shard.swTableEntriesIs(*stored);
-  return appendChange(version, DeleteKind::entryDelete, unitId, key, neededEntry);
+  appendChange(version, DeleteKind::entryDelete, unitId, key, neededEntry);
+  intentIs(shard, Asic::LogVersion());
+  return version;
 }
 
 template <TableTraits Traits>
@@ -234,6 +329,7 @@ Asic::LogVersion TableEntryLog<Traits>::tableDel(
                        unitId);
   const Asic::LogVersion version = tableVersionInc(1);
   ConfigShard& shard = mountedConfig(unitId);
+  intentIs(shard, version);
   shard.swTableEntriesColl().forEach([&](const ConfigShardEntry& record) {
     if (record.isDeleted) return;
     ConfigShardEntry tombstone = record;
@@ -241,7 +337,9 @@ Asic::LogVersion TableEntryLog<Traits>::tableDel(
     tombstone.logVersion = version;
     shard.swTableEntriesIs(tombstone);
   });
-  return appendChange(version, DeleteKind::unitDelete, unitId, EntryKey{}, neededEntry);
+  appendChange(version, DeleteKind::unitDelete, unitId, EntryKey{}, neededEntry);
+  intentIs(shard, Asic::LogVersion());
+  return version;
 }
 
 template <TableTraits Traits>

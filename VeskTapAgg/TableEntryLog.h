@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "Asic/EntryLogBase.h"
 #include "Asic/NeededEntry.h"
@@ -25,8 +26,11 @@ namespace VeskTapAgg {
 // configuration, appends the change, stores the version and tells the group interface, so
 // that a writer stopped between two steps leaves what a remount understands: the table
 // version reloaded from the scratchpad is never above the newest change it names, and a
-// configuration record may name a version the change log has not got yet (it is then
-// rewritten with the next version, which is larger).
+// configuration record that names a version the change log has not got is logged again
+// under a new version when its unit is mounted (the unit's configuration keeps, in its
+// scratchpad, the version of the change being written to it). A lost change log starts
+// above what the hardware side has taken, and every unit is logged again as it is mounted;
+// a lost configuration is a unit delete for the hardware side.
 //
 // Written once for every table type over its traits; <T>EntryLog (EntryLog.h) names each.
 // Owned by the table type's interface by reference count; single-threaded: the agent's
@@ -107,6 +111,14 @@ class TableEntryLog : public Asic::EntryLogBase {
   ConfigShard& mountedConfig(Asic::UnitId unitId) const;
   // The stored record of `key`, or a default record when there is none or it is damaged.
   ConfigShardEntry configRecord(const ConfigShard& shard, const EntryKey& key) const;
+  // The unit's configuration remembers the version of the change being written to it
+  // (none once the change is in the change log), so that its next mount can finish it.
+  void intentIs(ConfigShard& shard, Asic::LogVersion version);
+  void finishChange(ConfigShard& shard, Asic::UnitId unitId);
+  template <class Select>
+  std::vector<ConfigShardEntry> recordsOf(const ConfigShard& shard, Select&& select) const;
+  // Logs `records` of the unit again, each under a new version.
+  void relog(ConfigShard& shard, Asic::UnitId unitId, std::vector<ConfigShardEntry> records);
   // Steps 2 to 5 of every writer, after the configuration is written.
   Asic::LogVersion appendChange(Asic::LogVersion version, DeleteKind kind, Asic::UnitId unitId,
                                 const EntryKey& key,
@@ -117,6 +129,7 @@ class TableEntryLog : public Asic::EntryLogBase {
 
   Nimbo::Ptr<EntryLogShard> tableEntryLog_;
   ConfigShardMap tableConfigShard_;
+  bool relogOnMount_ = false;  // the change log was lost: units are logged again at mount
 };
 
 }  // namespace VeskTapAgg

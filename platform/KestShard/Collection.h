@@ -79,12 +79,14 @@ bool stepReporting(Shard::ShardMapBase& map, Step&& step) {
 }
 
 // The walk of forEach: positions `it` with `start`, then visits whole records and steps
-// past damaged ones to the end.
+// past damaged ones (counted in `damaged`) to the end.
 template <class Iterator, class Start, class Visit>
-void walkReporting(Shard::ShardMapBase& map, Iterator& it, Start&& start, Visit& visit) {
+void walkReporting(Shard::ShardMapBase& map, Iterator& it, Start&& start, Visit& visit,
+                   uint32_t& damaged) {
   bool whole = stepReporting(map, start);
   while (it.valid()) {
     if (whole) visit(*it);
+    else ++damaged;
     whole = stepReporting(map, [&] { ++it; });
   }
 }
@@ -172,11 +174,23 @@ class KeyedCollection {
 
   // Visits every record in collection order. `visit` may change the collection: the walk
   // holds its place by key. A damaged record is reported to doCorruptionDetected and
-  // skipped; a damaged chain is reported and ends the walk.
+  // skipped; a damaged chain is reported and ends the walk. A walk that reached more or
+  // fewer records than the collection counts, with nothing changed meanwhile, met a damaged
+  // index: a reader reports it, the writer rebuilds the index and walks again (so `visit`
+  // may see a record twice then).
   template <class Visit>
   void forEach(Visit&& visit) const {
-    Iterator it(store_.ptr());
-    walkReporting(*store_, it, [&] { it.position(firstStep()); }, visit);
+    for (int pass = 0; pass < 2; ++pass) {
+      const uint64_t generation = store_->generation();
+      uint32_t visited = 0;
+      auto counting = [&](const Record& r) {
+        ++visited;
+        visit(r);
+      };
+      Iterator it(store_.ptr());
+      walkReporting(*store_, it, [&] { it.position(firstStep()); }, counting, visited);
+      if (!store_->walkMissed(visited, generation)) return;
+    }
   }
 
   Shard::ShardMapBase& map() const noexcept { return *store_; }
@@ -274,7 +288,8 @@ class VersionCollection {
   template <class Visit>
   void forEach(Visit&& visit) const {
     Iterator it(store_.ptr());
-    walkReporting(*store_, it, [&] { it.position(firstStep()); }, visit);
+    uint32_t damaged = 0;
+    walkReporting(*store_, it, [&] { it.position(firstStep()); }, visit, damaged);
   }
 
   Shard::ShardMapBase& map() const noexcept { return *store_; }

@@ -1,5 +1,6 @@
 #include "KestShard/KeyedStore.h"
 
+#include <algorithm>
 #include <cstring>
 #include <vector>
 
@@ -24,13 +25,31 @@ static_assert(sizeof(uint32_t) * 4 + sizeof(uint64_t) == 24);
 
 namespace {
 constexpr uint32_t kFree = 0;
-constexpr uint32_t kLive = 0x4556494cu;  // "LIVE"
+constexpr uint32_t kLive = 0x4556494cu;   // "LIVE"
+constexpr uint32_t kDying = 0x44414544u;  // "DEAD": being unlinked by an erase
 }  // namespace
 
 KeyedStore::KeyedStore(Nimbo::Ptr<Segment> segment, Nimbo::String name)
     : Store(std::move(segment), std::move(name)),
       salt_(static_cast<uint32_t>(header().salt ^ (header().salt >> 32))) {
-  if (writable() && recoveryNeeded()) recover();
+  if (!writable()) return;
+  const bool plausible = derivedWordsPlausible();
+  if (!plausible) {
+    repaired(fmt::format("header words damaged (count {}, high-water mark {}, free list at {})",
+                         header().count, header().highWater, header().freeHead));
+  }
+  if (recoveryNeeded() || !plausible) {
+    recover();
+    recovered();
+  }
+}
+
+// Cheap checks of the header's derived words, so that a damaged count or free list is
+// rebuilt at the mount rather than trusted.
+bool KeyedStore::derivedWordsPlausible() const noexcept {
+  const SegmentHeader& h = header();
+  return h.highWater <= geometry().slotCount && h.count <= h.highWater &&
+         h.count <= geometry().capacity && h.markedCount <= h.count && h.freeHead <= h.highWater;
 }
 
 uint32_t KeyedStore::hashOf(const unsigned char* key) const noexcept {
@@ -111,7 +130,7 @@ KeyedStore::Outcome KeyedStore::seekInBucket(uint32_t bucket, uint32_t hash,
       outHash = slotHash;
       if (checksum(out, slotHash) != check) {
         why = fmt::format("record in slot {} fails its checksum", index);
-        return Outcome::inconsistent;
+        return Outcome::damagedRecord;
       }
       if (take) return Outcome::found;
     }
@@ -197,15 +216,30 @@ bool KeyedStore::precedes(uint32_t hashA, const unsigned char* keyA, uint32_t ha
   return order(hashA, keyA, hashB, keyB) < 0;
 }
 
-// The writer's view of a chain: where `key` is or would be linked.
+// The writer's view of a chain: where `key` is or would be linked. A chain that makes no
+// sense is damage: the index is rebuilt from the records and the chain walked again.
 KeyedStore::Position KeyedStore::position(uint32_t bucket, uint32_t hash,
-                                          const unsigned char* key) const {
+                                          const unsigned char* key) {
+  Position pos{};
+  Nimbo::String why;
+  if (positionIn(bucket, hash, key, pos, why)) return pos;
+  repairIndex(why);
+  why.clear();
+  if (!positionIn(bucket, hash, key, pos, why)) throwCorrupt(why);
+  return pos;
+}
+
+bool KeyedStore::positionIn(uint32_t bucket, uint32_t hash, const unsigned char* key,
+                            Position& pos, Nimbo::String& why) const {
   const uint32_t used = header().highWater;
-  Position pos{bucketWord(bucket), *bucketWord(bucket), false};
+  pos = Position{bucketWord(bucket), *bucketWord(bucket), false};
+  uint32_t prevHash = 0;
   for (uint32_t steps = 0; pos.current != 0; ++steps) {
     const uint32_t index = pos.current - 1;
-    if (index >= used || steps > used || slot(index).state != kLive) {
-      throwCorrupt(fmt::format("bucket {} has a broken chain at slot {}", bucket, index));
+    if (index >= used || steps > used || slot(index).state != kLive ||
+        bucketOf(slot(index).hash) != bucket || slot(index).hash < prevHash) {
+      why = fmt::format("bucket {} has a broken chain at slot {}", bucket, index);
+      return false;
     }
     Slot& s = slot(index);
     int cmp = order(s.hash, s.record() + geometry().layout.keyOffset, hash, key);
@@ -217,25 +251,29 @@ KeyedStore::Position KeyedStore::position(uint32_t bucket, uint32_t hash,
       pos.found = cmp == 0;
       break;
     }
+    prevHash = s.hash;
     pos.link = &s.next;
     pos.current = s.next;
   }
-  return pos;
+  return true;
 }
 
 uint32_t KeyedStore::allocateSlot() {
   SegmentHeader& h = header();
   if (h.freeHead != 0) {
-    const uint32_t index = h.freeHead - 1;
+    uint32_t index = h.freeHead - 1;
     if (index >= h.highWater || slot(index).state != kFree) {
-      storeRelease(h.freeHead, 0u);  // drop the damaged list; the next mount rebuilds it
-      throwCorrupt(fmt::format("free list points at slot {} which is not free", index));
+      repairIndex(fmt::format("free list points at slot {} which is not free", index));
+      if (h.freeHead == 0) return allocateSlot();
+      index = h.freeHead - 1;
     }
     storeRelease(h.freeHead, slot(index).next);
     return index;
   }
   if (h.highWater >= geometry().slotCount) {
-    throwCorrupt("no free slot although the count is below capacity; a writer mount repairs it");
+    repairIndex("no free slot although the count is below capacity");
+    if (h.freeHead == 0) throwCorrupt("no free slot although the count is below capacity");
+    return allocateSlot();
   }
   segment()->reserve(geometry().slotOffset(h.highWater), geometry().slotSize);
   const uint32_t index = h.highWater;
@@ -298,6 +336,9 @@ bool KeyedStore::erase(const unsigned char* key) {
   if (!pos.found) return false;
   Change change(*this);
   const bool marked = isMarked(slot(pos.current - 1).record());
+  // Marked first: a writer stopped before the slot is freed leaves a record its next mount
+  // knows to be gone, not one to link again.
+  storeRelease(slot(pos.current - 1).state, kDying);
   storeRelease(*pos.link, slot(pos.current - 1).next);
   freeSlot(pos.current - 1);
   storeRelease(header().count, header().count - 1);
@@ -305,42 +346,127 @@ bool KeyedStore::erase(const unsigned char* key) {
   return true;
 }
 
-// Rebuilds what a stopped writer may have left behind: the count, the free list, slots
-// filled but never linked or unlinked but never freed, an odd generation. Chains are
-// walked once; a chain that breaks is cut where it breaks and the loss is reported.
+bool KeyedStore::repairIndex(const Nimbo::String& why) {
+  repaired(fmt::format("{}; the index is rebuilt from the records", why));
+  if (header().generation & 1) {
+    recover();  // inside a change already: it ends as the change does
+  } else {
+    Change change(*this);
+    recover();
+  }
+  storeRelease(header().repairAtMount, 0u);
+  return true;
+}
+
+bool KeyedStore::walkMissed(uint32_t visited, uint64_t generationBefore) {
+  const uint64_t now = loadAcquire(header().generation);
+  if (now != generationBefore || (now & 1)) return false;  // changed meanwhile: no verdict
+  const uint32_t stored = count();
+  if (visited == stored) return false;
+  const Nimbo::String why =
+      fmt::format("a walk reached {} of its {} records: the index is damaged", visited, stored);
+  if (!writable()) {
+    doCorruptionDetected(why);
+    return false;
+  }
+  return repairIndex(why);
+}
+
+uint64_t KeyedStore::generation() const noexcept { return loadAcquire(header().generation); }
+
+// Rebuilds the index, the free list and the counts from the slots themselves, which carry
+// their own checksums: after a writer stopped inside a change, and after damage to any
+// derived word. The chains are walked first, so that of two records of one key (a replace
+// that stopped before the old one was freed) the linked one is kept; a whole record that
+// no chain reaches (hidden by a damaged link, or an insert that stopped before its link)
+// is linked again; a record being erased is let go; a damaged one is reported and dropped.
 void KeyedStore::recover() {
   SegmentHeader& h = header();
   const Geometry& g = geometry();
+  const RecordLayout& layout = g.layout;
   if (h.highWater > g.slotCount) {
     repaired(fmt::format("high-water mark {} beyond {} slots", h.highWater, g.slotCount));
     h.highWater = g.slotCount;
   }
-  std::vector<bool> linked(h.highWater, false);
-  uint32_t live = 0, marked = 0;
+  const uint32_t used = h.highWater;
+  h.repairAtMount = 1;  // until the index is whole again, whatever stops this rebuild
+  // A linked slot is kept if it is a live slot of its bucket, even when its record fails
+  // its checksum: that damage stays visible to whoever reads the key, and a rewrite heals
+  // it. A slot no chain reaches is linked again only when its record proves itself whole.
+  auto linkable = [&](uint32_t index, uint32_t bucket) {
+    const Slot& s = slot(index);
+    return s.state == kLive && !(s.sequence & 1) && bucketOf(s.hash) == bucket;
+  };
+  auto whole = [&](uint32_t index) {
+    Slot& s = slot(index);
+    return s.state == kLive && !(s.sequence & 1) &&
+           s.hash == hashOf(s.record() + layout.keyOffset) && checksum(s.record(), s.hash) == s.check;
+  };
+  std::vector<uint8_t> linked(used, 0);
+  uint32_t broken = 0;
   for (uint32_t b = 0; b < g.bucketCount; ++b) {
     if (!bucketReserved(b)) continue;
-    uint32_t* link = bucketWord(b);
-    uint32_t prevHash = 0;
-    while (*link != 0) {
-      const uint32_t index = *link - 1;
-      bool broken = index >= h.highWater || linked[index] || slot(index).state != kLive ||
-                    bucketOf(slot(index).hash) != b || slot(index).hash < prevHash;
-      if (broken) {
-        repaired(fmt::format("bucket {} chain broken at slot {}; records after it are lost", b,
-                             index));
-        *link = 0;
+    uint32_t link = *bucketWord(b);
+    for (uint32_t steps = 0; link != 0 && steps <= used; ++steps) {
+      const uint32_t index = link - 1;
+      if (index >= used || linked[index] || !linkable(index, b)) {
+        ++broken;
         break;
       }
-      linked[index] = true;
-      ++live;
-      marked += isMarked(slot(index).record()) ? 1 : 0;
-      prevHash = slot(index).hash;
-      link = &slot(index).next;
+      linked[index] = 1;
+      link = slot(index).next;
     }
   }
+  struct Kept {
+    uint32_t index;
+    uint32_t hash;
+  };
+  std::vector<Kept> kept;
+  uint32_t damaged = 0;
+  for (uint32_t index = 0; index < used; ++index) {
+    const uint32_t state = slot(index).state;
+    if (state == kFree || state == kDying) continue;
+    if (linked[index] || whole(index)) kept.push_back({index, slot(index).hash});
+    else ++damaged;
+  }
+  auto keyOf = [&](uint32_t index) { return slot(index).record() + layout.keyOffset; };
+  std::sort(kept.begin(), kept.end(), [&](const Kept& a, const Kept& b) {
+    const uint32_t ba = bucketOf(a.hash), bb = bucketOf(b.hash);
+    if (ba != bb) return ba < bb;
+    if (int c = order(a.hash, keyOf(a.index), b.hash, keyOf(b.index)); c != 0) return c < 0;
+    return linked[a.index] > linked[b.index];  // of one key, the linked record first
+  });
+  for (uint32_t b = 0; b < g.bucketCount; ++b) {
+    if (bucketReserved(b)) *bucketWord(b) = 0;
+  }
+  std::vector<uint8_t> keep(used, 0);
+  uint32_t live = 0, marked = 0, relinked = 0, duplicates = 0;
+  uint32_t* tail = nullptr;
+  uint32_t tailBucket = UINT32_MAX;
+  for (size_t i = 0; i < kept.size(); ++i) {
+    const Kept& k = kept[i];
+    if (i > 0 && kept[i - 1].hash == k.hash &&
+        order(k.hash, keyOf(kept[i - 1].index), k.hash, keyOf(k.index)) == 0) {
+      ++duplicates;
+      continue;
+    }
+    const uint32_t b = bucketOf(k.hash);
+    if (b != tailBucket) {
+      segment()->reserve(g.indexOffset + uint64_t(b) * 4, 4);
+      tail = bucketWord(b);
+      tailBucket = b;
+    }
+    *tail = k.index + 1;
+    tail = &slot(k.index).next;
+    *tail = 0;
+    keep[k.index] = 1;
+    relinked += linked[k.index] ? 0 : 1;
+    ++live;
+    marked += isMarked(slot(k.index).record()) ? 1 : 0;
+  }
   uint32_t freeHead = 0;
-  for (uint32_t index = h.highWater; index-- > 0;) {
-    if (linked[index]) continue;
+  for (uint32_t index = used; index-- > 0;) {
+    if (keep[index]) continue;
     slot(index).state = kFree;
     slot(index).next = freeHead;
     freeHead = index + 1;
@@ -348,7 +474,15 @@ void KeyedStore::recover() {
   h.freeHead = freeHead;
   h.count = live;
   h.markedCount = marked;
-  recovered();
+  // After a stopped writer one record may be linked again (an insert that had not been
+  // published yet) and one dropped as a duplicate: that is the change left half done.
+  const bool crash = (h.generation & 1) != 0;
+  if (broken || damaged || (!crash && (relinked || duplicates))) {
+    repaired(fmt::format(
+        "index rebuilt: {} records kept, {} linked again, {} broken chains, {} damaged records "
+        "dropped",
+        live, relinked, broken, damaged));
+  }
 }
 
 }  // namespace KestShard

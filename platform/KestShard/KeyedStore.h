@@ -41,6 +41,14 @@ class VESK_EXPORT KeyedStore : public Store {
   bool precedes(uint32_t hashA, const unsigned char* keyA, uint32_t hashB,
                 const unsigned char* keyB) const noexcept;
 
+  // The change counter a walk reads before it starts, for walkMissed.
+  uint64_t generation() const noexcept;
+  // A full walk visited `visited` records while the generation stayed `generationBefore`:
+  // fewer or more than the count means a damaged index. A reader reports it; the writer
+  // rebuilds the index and returns true (the walk should run again).
+  bool walkMissed(uint32_t visited, uint64_t generationBefore);
+  bool repairIndex(const Nimbo::String& why) override;
+
  private:
   struct Slot;
   enum class Seek { exact, after, atOrAfter, first };
@@ -68,7 +76,10 @@ class VESK_EXPORT KeyedStore : public Store {
             uint32_t& outHash) const;
   void prefetchAfter(uint32_t bucket) const noexcept;
 
-  Position position(uint32_t bucket, uint32_t hash, const unsigned char* key) const;
+  Position position(uint32_t bucket, uint32_t hash, const unsigned char* key);
+  bool positionIn(uint32_t bucket, uint32_t hash, const unsigned char* key, Position& pos,
+                  Nimbo::String& why) const;
+  bool derivedWordsPlausible() const noexcept;
   uint32_t allocateSlot();
   void freeSlot(uint32_t index);
   void recover();

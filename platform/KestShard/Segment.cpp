@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/mman.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -157,9 +158,19 @@ Nimbo::Ptr<Segment> Segment::create(const Directory& dir, const Nimbo::String& n
   try {
     if (env.lock(fd, LOCK_EX | LOCK_NB) != 0) throwSystemError("cannot lock", path, errno);
     if (env.truncate(fd, off_t(geometry.fileSize)) != 0) throwSystemError("cannot size", path, errno);
+    // The first chunk holds the header and the allocation bits themselves: it is reserved
+    // before any of its pages is touched, since on a full tmpfs even reading a page that
+    // has no backing store raises SIGBUS.
+    if (int error = env.reserve(fd, 0, kChunkSize); error != 0) {
+      throw Nimbo::SystemException(
+          fmt::format("cannot create {}: {} (free space on its filesystem, or set VESK_SHM_ROOT "
+                      "to a larger one)",
+                      path, std::strerror(error)),
+          error);
+    }
     seg->mapFile();
-    seg->reserve(0, 2 * kPageSize);
     seg->initializeHeader(identity, wiped);
+    allocationBits(seg->base_)[0] |= 1;
     if (env.renameAt(dir.fd(), tmpName.c_str(), name.c_str()) != 0) {
       throwSystemError("cannot install", path, errno);
     }
@@ -169,6 +180,7 @@ Nimbo::Ptr<Segment> Segment::create(const Directory& dir, const Nimbo::String& n
   }
   seg->created_ = true;
   std::memcpy(seg->identity_, seg->base_, sizeof seg->identity_);
+  seg->claimWriter();
   return seg;
 }
 
@@ -199,7 +211,19 @@ Nimbo::Ptr<Segment> Segment::openWriter(const Directory& dir, const Nimbo::Strin
   seg->mapFile();
   seg->checkMatches(identity);
   std::memcpy(seg->identity_, seg->base_, sizeof seg->identity_);
+  seg->claimWriter();
   return seg;
+}
+
+// Readers that find a change left half done ask whether its writer still lives.
+void Segment::claimWriter() {
+  storeRelease(header().writerPid, uint32_t(::getpid()));
+  storeRelease(header().writerMountedNs, Env::current().nowNs());
+}
+
+bool Segment::writerGone() const noexcept {
+  const auto pid = pid_t(loadAcquire(header().writerPid));
+  return pid > 0 && ::kill(pid, 0) != 0 && errno == ESRCH;
 }
 
 Nimbo::Ptr<Segment> Segment::openReader(const Directory& dir, const Nimbo::String& name,

@@ -63,8 +63,12 @@ class VESK_EXPORT Segment : public Nimbo::Node {
   // Nimbo::CorruptionDetectedException naming the damage. A writer rewrites the identity
   // from its own copy before throwing, so the damage is reported once.
   void checkHeader() const;
+  // Whether the process that last mounted this segment as its writer has exited (false
+  // when unknown). Readers use it to tell a change left half done from one in progress.
+  bool writerGone() const noexcept;
 
  private:
+  void claimWriter();
   Segment(int fd, Nimbo::String path, const Geometry& geometry, bool writable);
   void mapFile();
   void initializeHeader(const Identity& identity, bool wiped);

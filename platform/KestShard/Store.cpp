@@ -3,6 +3,7 @@
 #include <sched.h>
 
 #include <cstring>
+#include <thread>
 
 #include <fmt/format.h>
 
@@ -77,15 +78,31 @@ bool Store::generationIs(uint64_t generation) const noexcept {
   return loadRelaxed(header().generation) == generation;
 }
 
-void Store::backoff(uint32_t tries) const noexcept {
-  if (tries > 16) sched_yield();
+void Store::ReaderWait::next() {
+  const auto now = std::chrono::steady_clock::now();
+  if (tries_ == 0) deadline_ = now + kReaderPatience;
+  if (now > deadline_) store_.throwBusy();
+  ++tries_;
+  if (tries_ <= 16) return;
+  if (tries_ <= 64) {
+    sched_yield();
+    return;
+  }
+  const auto pause = std::chrono::microseconds(std::min<uint32_t>(1000, 10u << std::min(tries_ - 64, 7u)));
+  std::this_thread::sleep_for(pause);
+}
+
+bool Store::ReaderWait::writerGone() {
+  if (tries_ < 16) return false;  // a live writer's change is over in microseconds
+  if (gone_ < 0) gone_ = store_.segment_->writerGone() ? 1 : 0;
+  return gone_ == 1;
 }
 
 void Store::throwBusy() const {
   throw Nimbo::Exception(fmt::format(
-      "{}: no stable read after {} attempts; its writer is changing it without pause or stopped "
-      "in the middle of a change (a writer mount repairs that)",
-      segment_->path(), kReaderTries));
+      "{}: no stable read within {} ms: its writer (pid {}) keeps changing it or is stopped in "
+      "the middle of a change; try again, or restart the agent so that its mount repairs it",
+      segment_->path(), kReaderPatience.count(), loadAcquire(header().writerPid)));
 }
 
 }  // namespace KestShard

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -68,38 +69,70 @@ class VESK_EXPORT Store : public Shard::ShardMapBase {
     found,         // a record read whole under its slot's sequence word: always trusted
     absent,        // nothing there: trusted only if no change ran meanwhile
     inconsistent,  // a link or word that makes no sense: damage, unless a change ran
+    damagedRecord,  // a record that fails its checksum: damage, unless a change ran; no
+                    // rebuild of the index mends it
   };
 
   // Runs attempt() until it gives an answer that no concurrent change can have spoiled.
-  // The writer runs it once; readers retry (yielding) for a bounded time, then give up with
-  // a clear error. An inconsistency seen while nothing changed is damage: it is thrown as
-  // Nimbo::CorruptionDetectedException with the message attempt() left in `why`.
+  //
+  // The writer runs it once; an inconsistency it meets is damage, and it repairs what is
+  // derived from the records (repairIndex()) and tries once more before it throws
+  // Nimbo::CorruptionDetectedException, so that damage to an index hides nothing.
+  //
+  // Readers retry while the writer is inside a change, backing off to sleeps, and trust a
+  // change left half done by a writer that has exited (each record is old or new). They
+  // give up with a clear error after kReaderPatience; they never spin. An inconsistency
+  // seen while nothing changed is damage, thrown with the message attempt() left in `why`.
   template <class Attempt>
   void stable(Attempt&& attempt) const {
     Nimbo::String why;
     if (writable()) {
-      if (attempt(why) == Outcome::inconsistent) throwCorrupt(why);
+      Outcome outcome = attempt(why);
+      if (outcome == Outcome::inconsistent && const_cast<Store*>(this)->repairIndex(why)) {
+        why.clear();
+        outcome = attempt(why);
+      }
+      if (outcome == Outcome::inconsistent || outcome == Outcome::damagedRecord) throwCorrupt(why);
       return;
     }
-    for (uint32_t tries = 0; tries < kReaderTries; ++tries) {
-      uint64_t before = loadGeneration();
-      Outcome outcome = attempt(why);
+    ReaderWait wait(*this);
+    for (;;) {
+      const uint64_t before = loadGeneration();
+      const Outcome outcome = attempt(why);
       if (outcome == Outcome::found) return;
-      if (!(before & 1) && generationIs(before)) {
+      if (generationIs(before) && (!(before & 1) || wait.writerGone())) {
         if (outcome == Outcome::absent) return;
         throwCorrupt(why);
       }
-      backoff(tries);
+      wait.next();
     }
-    throwBusy();
   }
 
-  static constexpr uint32_t kReaderTries = 100000;
+  // The writer met `why`: an engine whose index is derived from its records reports it,
+  // rebuilds the index inside a change (readers wait it out) and returns true.
+  virtual bool repairIndex(const Nimbo::String&) { return false; }
+
+  static constexpr std::chrono::milliseconds kReaderPatience{2000};
 
  private:
+  // A reader's bounded wait for a stable read: a few immediate retries, then yields, then
+  // sleeps growing to a millisecond; throws the busy error once the patience is spent.
+  class ReaderWait {
+   public:
+    explicit ReaderWait(const Store& store) : store_(store) {}
+    void next();
+    // Whether the writer stopped for good, leaving its change half done (asked once).
+    bool writerGone();
+
+   private:
+    const Store& store_;
+    uint32_t tries_ = 0;
+    std::chrono::steady_clock::time_point deadline_{};
+    int gone_ = -1;
+  };
+
   uint64_t loadGeneration() const noexcept;
   bool generationIs(uint64_t generation) const noexcept;
-  void backoff(uint32_t tries) const noexcept;
   [[noreturn]] void throwBusy() const;
 
   Nimbo::Ptr<Segment> segment_;

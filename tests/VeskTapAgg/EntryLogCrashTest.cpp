@@ -6,6 +6,10 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <set>
+#include <string_view>
+
+#include "KestShard/Env.h"
 
 #include "VeskTapAgg/EntryLogTestSupport.h"
 
@@ -206,6 +210,72 @@ TEST(EntryLogRemountTest, AChangeLoggedButNotCountedIsCountedAtMount) {
   EXPECT_EQ(agent.log().tableEntryLog()->entryLogConfigColl().control()->scratchpad(), 2u);
   agent.mounted();
   EXPECT_EQ(agent.write(3), LogVersion(3)) << "version 2 is not given out twice";
+}
+
+// Stops the process (SIGKILL) when the change log asks for more space: by then the
+// change being appended has already been written to the unit's configuration.
+class KillAtChangeLogGrowth : public KestShard::EnvWrapper {
+ public:
+  KillAtChangeLogGrowth() : EnvWrapper(KestShard::Env::system()) {}
+  int openAt(int d, const char* name, int flags, mode_t mode) override {
+    const int fd = EnvWrapper::openAt(d, name, flags, mode);
+    if (std::string_view(name).starts_with("entryLogConfig")) logFds_.push_back(fd);
+    return fd;
+  }
+  int reserve(int fd, off_t offset, off_t len) override {
+    if (armed && std::find(logFds_.begin(), logFds_.end(), fd) != logFds_.end()) raise(SIGKILL);
+    return EnvWrapper::reserve(fd, offset, len);
+  }
+  bool armed = false;
+
+ private:
+  std::vector<int> logFds_;
+};
+
+// A kill between a change's configuration write and its change-log append: after the
+// remount every configuration record is named by the change of its version (the change
+// is finished under a new version), and no version names two records.
+TEST(EntryLogRemountTest, AConfigurationWriteWithoutItsChangeIsLoggedAtMount) {
+  TempShmRoot root;
+  fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    static KillAtChangeLogGrowth env;
+    KestShard::Env::currentIs(&env);
+    Agent agent;
+    agent.mounted();
+    agent.write(0);
+    env.armed = true;
+    for (uint32_t n = 1;; ++n) agent.write(n % 4000);  // until the log grows
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+
+  Agent agent;
+  auto& log = agent.mounted();
+  std::map<uint64_t, uint32_t> changeKeys;  // version -> key id, from the change log
+  for (const auto& c : agent.changes()) {
+    uint32_t id;
+    std::memcpy(&id, &c.key, sizeof id);
+    changeKeys[c.logVersion.value()] = id;
+  }
+  std::set<uint64_t> versions;
+  uint32_t records = 0;
+  log.tableConfigShard(UnitId(0))->swTableEntriesColl().forEach([&](const auto& record) {
+    uint32_t id;
+    std::memcpy(&id, &record.logEntry.entryKey, sizeof id);
+    const uint64_t v = record.logVersion.value();
+    ++records;
+    EXPECT_TRUE(versions.insert(v).second) << "version " << v << " names two records";
+    ASSERT_TRUE(changeKeys.count(v)) << "key " << id << " at version " << v << " has no change";
+    EXPECT_EQ(changeKeys[v], id);
+    EXPECT_LE(v, log.tableVersion().value());
+  });
+  EXPECT_GT(records, 1u);
+  const uint64_t next = agent.write(5000).value();
+  EXPECT_EQ(next, log.tableVersion().value());
+  EXPECT_FALSE(versions.count(next)) << "a new change reuses no version";
 }
 
 }  // namespace

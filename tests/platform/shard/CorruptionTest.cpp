@@ -1,6 +1,8 @@
 #include <fcntl.h>
 #include <sys/mman.h>
 
+#include <set>
+
 #include "ShardTestSupport.h"
 #include "Kest/Log.h"
 #include "KestShard/SegmentLayout.h"
@@ -158,35 +160,95 @@ TEST_F(CorruptionTest, DamagedHeaderIsReportedOnLookupAndRepairedByTheWriter) {
   EXPECT_TRUE(shard->records.find(Record::of(1, 0).key)->whole()) << "repaired after the report";
 }
 
-// A mount that finds the collection closed cleanly trusts it; the writer that meets the
-// damage asks the next mount to repair it.
-TEST_F(CorruptionTest, BrokenChainIsCutAtTheWriterMountAfterItWasMet) {
+// The first non-empty bucket word of a keyed collection's index.
+uint32_t& firstUsedBucket(Damage& d, uint32_t buckets) {
+  auto* words = reinterpret_cast<uint32_t*>(d.base() + 8192);
+  uint32_t b = 0;
+  while (b + 1 < buckets && words[b] == 0) ++b;
+  return words[b];
+}
+
+// The index is derived from the records: a writer that meets a broken link rebuilds it
+// from the slots, and nothing the chain held is lost.
+TEST_F(CorruptionTest, ADamagedLinkHidesNothingFromTheWriter) {
   auto shard = mountTestShard("chain", 64);
   for (uint32_t id = 0; id < 64; ++id) shard->records.insertOrReplace(Record::of(id, 1));
   shard.reset();
   unmount("chain");
   {
     Damage d(segmentFile(root, "chain", "records"));
-    auto* buckets = reinterpret_cast<uint32_t*>(d.base() + 8192);
-    for (int b = 0; b < 64; ++b) {
-      if (buckets[b]) {
-        buckets[b] = 60000;  // far outside the used slots
-        break;
-      }
-    }
+    firstUsedBucket(d, 64) = 60000;  // far outside the used slots
   }
   shard = mountTestShard("chain", 64);
-  EXPECT_TRUE(shard->records.store().mountRepairs().empty());
-  shard->records.forEach([](const Record&) {});
-  EXPECT_GE(shard->records.map().corruptionsDetected(), 1u);
+  for (uint32_t id = 0; id < 64; ++id) {
+    auto found = shard->records.find(Record::of(id, 0).key);
+    ASSERT_TRUE(found.has_value()) << id;
+    EXPECT_TRUE(found->whole()) << id;
+  }
+  EXPECT_EQ(shard->records.count(), 64u);
+  EXPECT_FALSE(shard->records.store().mountRepairs().empty()) << "the rebuild is reported";
+  EXPECT_TRUE(shard->records.erase(Record::of(0, 0).key));
+  shard->records.insertOrReplace(Record::of(1000, 1));  // fully usable again
+  EXPECT_TRUE(shard->records.contains(Record::of(1000, 0).key));
   shard.reset();
   unmount("chain");
   shard = mountTestShard("chain", 64);
-  EXPECT_EQ(shard->records.store().mountRepairs().size(), 1u);
-  EXPECT_LT(shard->records.count(), 64u);
-  for (auto it = shard->records.begin(); it != shard->records.end(); ++it) EXPECT_TRUE(it->whole());
-  shard->records.insertOrReplace(Record::of(1000, 1));  // fully usable again
-  EXPECT_TRUE(shard->records.contains(Record::of(1000, 0).key));
+  EXPECT_TRUE(shard->records.store().mountRepairs().empty()) << "the rebuilt index was left whole";
+  EXPECT_EQ(shard->records.count(), 64u);
+}
+
+// A chain cut off at its bucket word is invisible to a lookup; a full walk counts what it
+// reached against the collection's count: a reader reports the shortfall, the writer
+// rebuilds the index and walks everything.
+TEST_F(CorruptionTest, AWalkThatMissesRecordsReportsAndTheWriterRecoversThem) {
+  auto shard = mountTestShard("cut", 64);
+  for (uint32_t id = 0; id < 64; ++id) shard->records.insertOrReplace(Record::of(id, 1));
+  shard.reset();
+  unmount("cut");
+  {
+    Damage d(segmentFile(root, "cut", "records"));
+    firstUsedBucket(d, 64) = 0;
+  }
+  {
+    Kest::LogCapture log;
+    auto reader = mountTestShard("cut", 64, 1024, KestShard::KestShardType::reader);
+    size_t walked = 0;
+    reader->records.forEach([&](const Record&) { ++walked; });
+    EXPECT_LT(walked, 64u);
+    EXPECT_GE(reader->records.map().corruptionsDetected(), 1u);
+    ASSERT_FALSE(log.records().empty());
+    EXPECT_NE(log.records().back().text.find("a walk reached"), std::string::npos);
+    reader.reset();
+    unmount("cut");
+  }
+  shard = mountTestShard("cut", 64);
+  std::set<uint32_t> seen;
+  shard->records.forEach([&](const Record& r) { seen.insert(r.key.id); });
+  EXPECT_EQ(seen.size(), 64u);
+  EXPECT_TRUE(shard->records.contains(Record::of(*seen.begin(), 0).key));
+  for (uint32_t id = 0; id < 64; ++id) EXPECT_TRUE(shard->records.contains(Record::of(id, 0).key)) << id;
+}
+
+// Counts, the high-water mark and the free list are derived words too: implausible ones
+// are rebuilt by the writer's mount rather than trusted.
+TEST_F(CorruptionTest, DamagedCountsAreRebuiltAtTheWriterMount) {
+  auto shard = mountTestShard("counts", 64);
+  for (uint32_t id = 0; id < 40; ++id) shard->records.insertOrReplace(Record::of(id, 1));
+  for (uint32_t id = 0; id < 10; ++id) shard->records.erase(Record::of(id, 0).key);
+  shard.reset();
+  unmount("counts");
+  {
+    Damage d(segmentFile(root, "counts", "records"));
+    auto& h = *reinterpret_cast<KestShard::SegmentHeader*>(d.base());
+    h.count = 5000;
+    h.freeHead = 4000;
+  }
+  shard = mountTestShard("counts", 64);
+  EXPECT_EQ(shard->records.count(), 30u);
+  EXPECT_FALSE(shard->records.store().mountRepairs().empty());
+  for (uint32_t id = 100; id < 134; ++id) shard->records.insertOrReplace(Record::of(id, 1));
+  EXPECT_EQ(shard->records.count(), 64u) << "every freed slot is found again";
+  EXPECT_THROW(shard->records.insertOrReplace(Record::of(999, 1)), Nimbo::CapacityExceededException);
 }
 
 }  // namespace

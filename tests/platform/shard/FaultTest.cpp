@@ -1,4 +1,6 @@
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 
 #include <cerrno>
 
@@ -132,6 +134,50 @@ TEST_F(FaultTest, ReaderMapFailureIsAClearError) {
   }
   int status = 0;
   waitpid(child, &status, 0);
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+// A real tmpfs too small for what is asked of it: every mount and insert either works or
+// throws a clear error; nothing touches a page without backing store (that is SIGBUS on
+// tmpfs, even for a read), and what was stored stays readable. The tmpfs is mounted in a
+// private mount namespace of a child process, so nothing outlives the test.
+TEST_F(FaultTest, AFullTmpfsIsAnErrorNeverASignal) {
+  fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool isolated = unshare(CLONE_NEWNS) == 0 ||
+                          unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;
+    std::filesystem::create_directories(root.path());
+    if (!isolated || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", root.path().c_str(), "tmpfs", 0, "size=320k,mode=0700") != 0) {
+      _exit(77);
+    }
+    uint32_t stored = 0, refused = 0;
+    for (int s = 0; s < 12; ++s) {
+      try {
+        auto shard = mountTestShard("full" + std::to_string(s), 4096, 4096);
+        for (uint32_t id = 0; id < 2000; ++id) {
+          shard->records.insertOrReplace(Record::of(id, 1));
+          ++stored;
+        }
+      } catch (const Nimbo::SystemException& e) {
+        if (e.error() != ENOSPC) {
+          fprintf(stderr, "unexpected: %s\n", e.what());
+          _exit(2);
+        }
+        ++refused;
+      }
+    }
+    auto first = mountTestShard("full0", 4096, 4096);
+    for (uint32_t id = 0; id < std::min<uint32_t>(stored, 2000); ++id) {
+      if (!first->records.find(Record::of(id, 0).key)) _exit(3);
+    }
+    _exit(refused > 0 && stored > 0 ? 0 : 4);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  ASSERT_TRUE(WIFEXITED(status)) << "died by signal " << WTERMSIG(status);
+  if (WEXITSTATUS(status) == 77) GTEST_SKIP() << "no tmpfs can be mounted here";
   EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 

@@ -103,5 +103,26 @@ TEST_F(ReaderTest, ReaderGivesUpClearlyOnAWriterStoppedMidChange) {
   EXPECT_EQ(shard->records.store().segment()->header().generation % 2, 0u);
 }
 
+// The same stop, by a writer process that has exited: its change will never end, every
+// record is old or new, and a reader trusts what it sees (absences too) instead of waiting.
+TEST_F(ReaderTest, ReaderTrustsAChangeLeftHalfDoneByAWriterThatExited) {
+  pid_t writer = fork();
+  if (writer == 0) {
+    auto shard = mountTestShard("exited");
+    shard->records.insertOrReplace(Record::of(1, 1));
+    shard->records.store().segment()->header().generation |= 1;
+    _exit(0);  // no unmount: as killed
+  }
+  int status = 0;
+  waitpid(writer, &status, 0);
+  ASSERT_EQ(WEXITSTATUS(status), 0);
+  auto reader = mountTestShard("exited", 1024, 1024, KestShard::KestShardType::reader);
+  EXPECT_TRUE(reader->records.find(Record::of(1, 0).key)->whole());
+  EXPECT_FALSE(reader->records.find(Record::of(2, 0).key).has_value());
+  size_t walked = 0;
+  reader->records.forEach([&](const Record& r) { walked += r.whole() ? 1 : 0; });
+  EXPECT_EQ(walked, 1u);
+}
+
 }  // namespace
 }  // namespace ShardTest
