@@ -83,10 +83,11 @@ void TableEntryLog<Traits>::mountShardChangeLog() {
   const uint64_t stored = changes.control()->scratchpad();
   const uint64_t newest = changes.newestVersion();
   uint64_t version = std::max(stored, newest);
-  if (wiped) {
-    // The changes the hardware side had not taken are gone with the log: new versions
-    // start above what it has taken, and every unit's configuration is logged again as it
-    // is mounted, so that the hardware side ends up with exactly the configuration.
+  if (wiped || !changes.store().mountRepairs().empty()) {
+    // The changes the hardware side had not taken are gone with the log (lost, or dropped
+    // by a repair of its damaged span): new versions start above what it has taken, and
+    // every unit's configuration is logged again as it is mounted, so that the hardware
+    // side ends up with exactly the configuration.
     const uint64_t taken = groupInterface()->tableVersion(tableId()).value_or(Asic::LogVersion()).value();
     version = std::max(version, taken);
     relogOnMount_ = true;
@@ -126,19 +127,22 @@ void TableEntryLog<Traits>::mountShardConfig(Asic::UnitId unitId, Asic::LogVersi
   }
 }
 
+// The top bit of the word says the change is a unit delete, whose walk a mount must finish.
 template <TableTraits Traits>
-void TableEntryLog<Traits>::intentIs(ConfigShard& shard, Asic::LogVersion version) {
-  shard.swTableEntriesColl().control()->scratchpadIs(version.value());
+void TableEntryLog<Traits>::intentIs(ConfigShard& shard, Asic::LogVersion version, bool unitDelete) {
+  shard.swTableEntriesColl().control()->scratchpadIs(version.value() | (uint64_t(unitDelete) << 63));
 }
 
 // A writer stopped between writing the unit's configuration and appending the change left
-// records that no change names. When their version is still the next one, the change is
-// appended as it would have been (several records of one version are a unit delete);
-// otherwise they are logged again under new versions. Either way the hardware side gets
-// them and no version names two changes.
+// records that no change names. A unit delete is finished whole (every record still live
+// is made a tombstone too); the change is then appended as it would have been when its
+// version is still the next one, or else its records are logged again under new versions.
+// Either way the hardware side gets them and no version names two changes.
 template <TableTraits Traits>
 void TableEntryLog<Traits>::finishChange(ConfigShard& shard, Asic::UnitId unitId) {
-  const Asic::LogVersion unfinished(shard.swTableEntriesColl().control()->scratchpad());
+  const uint64_t word = shard.swTableEntriesColl().control()->scratchpad();
+  const bool unitDelete = word >> 63;
+  const Asic::LogVersion unfinished(word & ~(uint64_t(1) << 63));
   if (!unfinished.valid()) return;
   std::optional<LogShardEntry> change;
   try {
@@ -147,20 +151,31 @@ void TableEntryLog<Traits>::finishChange(ConfigShard& shard, Asic::UnitId unitId
     tableEntryLog_->entryLogConfigColl().map().doCorruptionDetected(e.what());
   }
   if (!change || change->unitId != unitId) {
-    const auto records =
-        recordsOf(shard, [&](const ConfigShardEntry& r) { return r.logVersion == unfinished; });
-    VESK_ENTRY_LOG_TRACE(2, " Finishing the change of unitId: {} at version: {} ({} records)",
-                         unitId, unfinished, records.size());
-    if (!records.empty() && tableVersion().value() + 1 == unfinished.value()) {
-      tableVersionInc(1);
-      const bool one = records.size() == 1;
-      const DeleteKind kind = !one ? DeleteKind::unitDelete
-                              : records.front().isDeleted ? DeleteKind::entryDelete
-                                                          : DeleteKind::write;
-      appendChange(unfinished, kind, unitId, one ? records.front().logEntry.key() : EntryKey{},
-                   nullptr);
+    VESK_ENTRY_LOG_TRACE(2, " Finishing the change of unitId: {} at version: {}", unitId, unfinished);
+    const bool next = tableVersion().value() + 1 == unfinished.value();
+    if (unitDelete) {
+      if (next) tableVersionInc(1);
+      const Asic::LogVersion version = next ? unfinished : tableVersionInc(1);
+      intentIs(shard, version, true);
+      for (ConfigShardEntry record : recordsOf(shard, [&](const ConfigShardEntry& r) {
+             return !r.isDeleted || r.logVersion == unfinished;
+           })) {
+        record.isDeleted = true;
+        record.logVersion = version;
+        shard.swTableEntriesIs(record);
+      }
+      appendChange(version, DeleteKind::unitDelete, unitId, EntryKey{}, nullptr);
     } else {
-      relog(shard, unitId, records);
+      const auto records =
+          recordsOf(shard, [&](const ConfigShardEntry& r) { return r.logVersion == unfinished; });
+      if (records.size() == 1 && next) {
+        tableVersionInc(1);
+        appendChange(unfinished,
+                     records.front().isDeleted ? DeleteKind::entryDelete : DeleteKind::write,
+                     unitId, records.front().logEntry.key(), nullptr);
+      } else {
+        relog(shard, unitId, records);
+      }
     }
   }
   intentIs(shard, Asic::LogVersion());
@@ -329,7 +344,7 @@ Asic::LogVersion TableEntryLog<Traits>::tableDel(
                        unitId);
   const Asic::LogVersion version = tableVersionInc(1);
   ConfigShard& shard = mountedConfig(unitId);
-  intentIs(shard, version);
+  intentIs(shard, version, true);
   shard.swTableEntriesColl().forEach([&](const ConfigShardEntry& record) {
     if (record.isDeleted) return;
     ConfigShardEntry tombstone = record;

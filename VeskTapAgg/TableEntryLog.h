@@ -113,7 +113,7 @@ class TableEntryLog : public Asic::EntryLogBase {
   ConfigShardEntry configRecord(const ConfigShard& shard, const EntryKey& key) const;
   // The unit's configuration remembers the version of the change being written to it
   // (none once the change is in the change log), so that its next mount can finish it.
-  void intentIs(ConfigShard& shard, Asic::LogVersion version);
+  void intentIs(ConfigShard& shard, Asic::LogVersion version, bool unitDelete = false);
   void finishChange(ConfigShard& shard, Asic::UnitId unitId);
   template <class Select>
   std::vector<ConfigShardEntry> recordsOf(const ConfigShard& shard, Select&& select) const;

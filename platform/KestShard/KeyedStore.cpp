@@ -389,6 +389,10 @@ void KeyedStore::recover() {
     h.highWater = g.slotCount;
   }
   const uint32_t used = h.highWater;
+  // Every slot below the mark is read, and may be freed, below. A damaged mark can reach
+  // past the chunks the slots were reserved in: those get backing store before they are
+  // touched, so that a full filesystem is an error here rather than a SIGBUS.
+  segment()->reserve(g.slotOffset(0), uint64_t(used) * g.slotSize);
   h.repairAtMount = 1;  // until the index is whole again, whatever stops this rebuild
   // A linked slot is kept if it is a live slot of its bucket, even when its record fails
   // its checksum: that damage stays visible to whoever reads the key, and a rewrite heals
@@ -427,7 +431,7 @@ void KeyedStore::recover() {
     const uint32_t state = slot(index).state;
     if (state == kFree || state == kDying) continue;
     if (linked[index] || whole(index)) kept.push_back({index, slot(index).hash});
-    else ++damaged;
+    else if (!(slot(index).sequence & 1)) ++damaged;  // odd: a fill a writer did not finish
   }
   auto keyOf = [&](uint32_t index) { return slot(index).record() + layout.keyOffset; };
   std::sort(kept.begin(), kept.end(), [&](const Kept& a, const Kept& b) {
