@@ -10,9 +10,12 @@ uint64_t numberFrom(py::handle value, uint64_t max, const std::string& where) {
   if (!py::isinstance<py::int_>(value) || py::isinstance<py::bool_>(value)) {
     throw py::type_error(fmt::format("{}: expected an int, got {}", where, typeNameOf(value)));
   }
-  int overflow = 0;
-  const long long number = PyLong_AsLongLongAndOverflow(value.ptr(), &overflow);
-  if (overflow != 0 || number < 0 || uint64_t(number) > max) {
+  // Unsigned conversion covers 0 to 2**64-1; it raises OverflowError for anything
+  // negative or larger, which becomes the one range error below.
+  const unsigned long long number = PyLong_AsUnsignedLongLong(value.ptr());
+  const bool overflow = number == static_cast<unsigned long long>(-1) && PyErr_Occurred();
+  if (overflow) PyErr_Clear();
+  if (overflow || number > max) {
     throw py::value_error(fmt::format("{}: {} is out of range (0 to {})", where,
                                       py::repr(value).cast<std::string>(), max));
   }

@@ -6,12 +6,15 @@
 //   vesktap show [options]       what the shared memory holds, as text or JSON
 //
 // VESK_SHM_ROOT picks the shared-memory root (default /dev/shm/vesk); VESK_TRACE switches
-// tracing on, e.g. VESK_TRACE="DefaultFwdTcamEntrySwTable/2".
+// tracing on, e.g. VESK_TRACE="DefaultFwdTcamEntrySwTable/2"; VESK_LOG_STDERR=1 copies the
+// system-log messages (wiped or damaged shared memory, relaunches) to stderr, which
+// happens anyway where there is no syslog socket. A usage error exits 2, any other
+// failure 1, each with one line on stderr.
 
 #include <unistd.h>
 
+#include <charconv>
 #include <climits>
-#include <fstream>
 #include <iostream>
 
 #include <CLI/CLI.hpp>
@@ -19,6 +22,7 @@
 
 #include "Nimbo/Exception.h"
 #include "tools/agent/Agent.h"
+#include "tools/core/ReportFile.h"
 #include "tools/demo/Demo.h"
 #include "tools/hw/HardwareSide.h"
 #include "tools/show/Show.h"
@@ -26,6 +30,46 @@
 namespace {
 
 using namespace VeskTool;
+
+// The command line asks for something that cannot be done: exit code 2.
+class UsageError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+constexpr uint64_t kMaxChanges = 100000000;  // a workload's changes take ~30 bytes each in the agent
+
+// A whole number from `min` to `max`, written in decimal; anything else (a sign, a
+// fraction, a number out of range) is refused naming the word as given, cut short.
+CLI::Validator whole(uint64_t min, uint64_t max) {
+  return CLI::Validator(
+      [min, max](std::string& word) -> std::string {
+        uint64_t value = 0;
+        const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
+        if (error != std::errc() || end != word.data() + word.size() || value < min || value > max) {
+          return fmt::format("'{}' is not a whole number from {} to {}", echoed(word), min, max);
+        }
+        word = std::to_string(value);  // decimal for the conversion too: "010" is ten
+        return {};
+      },
+      fmt::format("{} to {}", min, max));
+}
+
+// CLI11's message on one line, an overlong word (a value of the user's) cut short.
+std::string oneLine(const std::string& message) {
+  std::string line, word;
+  for (char c : message + ' ') {
+    if (c != ' ' && c != '\n') {
+      word += c;
+      continue;
+    }
+    // Paths and option lists may be long; only a word far longer than any of them is cut.
+    if (!line.empty() && !word.empty()) line += ' ';
+    line += word.size() > 4 * kMaxEchoed ? echoed(word) : word;
+    word.clear();
+  }
+  return line;
+}
 
 std::string selfPath() {
   char path[PATH_MAX];
@@ -38,7 +82,7 @@ std::vector<uint8_t> tableIndices(const std::vector<std::string>& names) {
   std::vector<uint8_t> indices;
   for (const auto& name : names) {
     const size_t index = tableIndexOf(name);
-    if (index == kTableCount) throw CLI::ValidationError("--tables", "unknown table '" + name + "'");
+    if (index == kTableCount) throw UsageError("--tables: unknown table '" + echoed(name) + "'");
     indices.push_back(uint8_t(index));
   }
   if (indices.empty()) {
@@ -52,80 +96,106 @@ std::vector<uint8_t> tableIndices(const std::vector<std::string>& names) {
 int main(int argc, char** argv) {
   CLI::App app{"VeskTap: software tables of a switch's TCAMs, in shared memory"};
   app.require_subcommand(1);
+  app.footer(
+      "Environment: VESK_SHM_ROOT the shared-memory root (default /dev/shm/vesk); VESK_TRACE "
+      "tracing, e.g. DefaultFwdTcamEntrySwTable/2; VESK_LOG_STDERR=1 copies system-log messages "
+      "(wiped or damaged shared memory, relaunches) to stderr, as happens anyway without a syslog "
+      "socket (0: never).\nExit codes: 0 done, 1 failed, 2 usage error.");
 
   DemoOptions demo;
   auto* demoCmd = app.add_subcommand("demo", "Run hardware side and agent, kill and restart the agent, check that everything agrees");
-  demoCmd->add_option("--units", demo.units, "units per table type")->check(CLI::Range(1, 64));
-  demoCmd->add_option("--keys", demo.keys, "keys per table and unit")->check(CLI::Range(1, 65536));
-  demoCmd->add_option("--changes", demo.changes, "changes in the workload")->check(CLI::PositiveNumber);
-  demoCmd->add_option("--seed", demo.seed, "seed of the generated workload");
+  demoCmd->add_option("--units", demo.units, "units per table type")->transform(whole(1, 64));
+  demoCmd->add_option("--keys", demo.keys, "keys per table and unit")->transform(whole(1, 65536));
+  demoCmd->add_option("--changes", demo.changes, "changes in the workload")->transform(whole(1, kMaxChanges));
+  demoCmd->add_option("--seed", demo.seed, "seed of the generated workload")->transform(whole(0, UINT64_MAX));
   demoCmd->add_flag("--keep", demo.keep, "keep the shared-memory root afterwards");
 
   AgentOptions agent;
   WorkloadSpec spec;
   std::vector<std::string> tableNames;
   std::string workloadFile, reportJson;
-  int progressMs = 1000;
+  int progressMs = 1000, giveUpMs = 0;
   bool noWait = false, noVerify = false;
   auto* agentCmd = app.add_subcommand("agent", "Run the agent: restore (or clear) the units' tables and apply a workload");
-  agentCmd->add_option("--units", agent.units, "units to drive")->check(CLI::Range(0, 65535));
+  agentCmd->footer(
+      "Changes that wait on the hardware side (none running, or a change log full) are told "
+      "once and waited for without using the CPU; --give-up-ms ends the wait.");
+  agentCmd->add_option("--units", agent.units, "units to drive")->transform(whole(0, 65535));
   agentCmd->add_flag("--clear", agent.clear, "clear the units' tables instead of restoring them");
   agentCmd->add_option("--tables", tableNames, "table types the generated workload writes (default: all)");
-  agentCmd->add_option("--seed", spec.seed, "seed of the generated workload");
-  agentCmd->add_option("--keys", spec.keys, "keys per table and unit")->check(CLI::Range(1, 65536));
-  agentCmd->add_option("--changes", spec.changes, "changes in the generated workload");
-  agentCmd->add_option("--remove-all-every", spec.removeAllEvery, "about one remove-all in this many changes (0: none)");
-  agentCmd->add_option("--workload", workloadFile, "read the changes from this file instead")->check(CLI::ExistingFile);
-  agentCmd->add_option("--window", agent.window, "changes in flight at most")->check(CLI::Range(1, 10000000));
+  agentCmd->add_option("--seed", spec.seed, "seed of the generated workload")->transform(whole(0, UINT64_MAX));
+  agentCmd->add_option("--keys", spec.keys, "keys per table and unit")->transform(whole(1, 65536));
+  agentCmd->add_option("--changes", spec.changes, "changes in the generated workload")->transform(whole(0, kMaxChanges));
+  agentCmd->add_option("--remove-all-every", spec.removeAllEvery, "about one remove-all in this many changes (0: none)")->transform(whole(0, UINT32_MAX));
+  agentCmd->add_option("--workload", workloadFile,
+                       fmt::format("read the changes from this file instead (a regular file of at most {} MiB, "
+                                   "lines of at most {} characters)", kMaxWorkloadBytes >> 20, kMaxWorkloadLine))
+      ->check(CLI::ExistingFile);
+  agentCmd->add_option("--window", agent.window, "changes in flight at most")->transform(whole(1, 10000000));
   int targetLatencyUs = int(agent.targetLatency.count());
-  agentCmd->add_option("--target-latency-us", targetLatencyUs, "size the window for answers within this many microseconds (0: keep --window in flight)")->check(CLI::NonNegativeNumber);
+  agentCmd->add_option("--target-latency-us", targetLatencyUs, "size the window for answers within this many microseconds (0: keep --window in flight)")->transform(whole(0, 60000000));
   agentCmd->add_flag("--no-wait", noWait, "finish once everything is committed, without waiting for the hardware side");
   agentCmd->add_flag("--no-verify", noVerify, "do not read back the keys the workload touched");
-  agentCmd->add_option("--progress-ms", progressMs, "print progress this often (0: never)")->check(CLI::NonNegativeNumber);
-  agentCmd->add_option("--report-json", reportJson, "write the report as JSON to this file");
+  agentCmd->add_option("--progress-ms", progressMs, "print progress this often, when it moved (0: never)")->transform(whole(0, INT_MAX));
+  agentCmd->add_option("--give-up-ms", giveUpMs, "give up (exit 1) when changes have waited this long with no hardware side taking any (0: wait until Ctrl-C)")->transform(whole(0, INT_MAX));
+  agentCmd->add_option("--report-json", reportJson, "write the report as JSON to this file (refused before the run if it cannot be written)");
 
   HardwareOptions hw;
   int hwDelayUs = 0, hwIdleMs = 0, hwProgressMs = 0, hwSpinUs = int(hw.spinFor.count());
   auto* hwCmd = app.add_subcommand("hw", "Run the hardware side: apply the change logs to simulated TCAMs");
-  hwCmd->add_option("--delay", hwDelayUs, "microseconds per change, to model a slow TCAM")->check(CLI::NonNegativeNumber);
-  hwCmd->add_option("--rate", hw.rate, "changes per second at most (0: no limit)");
-  hwCmd->add_option("--spin-us", hwSpinUs, "after work, look again without sleeping for this many microseconds")->check(CLI::NonNegativeNumber);
-  hwCmd->add_option("--exit-when-idle", hwIdleMs, "stop after this many milliseconds without work (0: never)")->check(CLI::NonNegativeNumber);
-  hwCmd->add_option("--progress-ms", hwProgressMs, "print progress this often (0: never)")->check(CLI::NonNegativeNumber);
+  hwCmd->footer(
+      "A TCAM file it cannot use (a symlink, a directory, another owner or mode) stops it with "
+      "exit 1, naming the file; what it waits for (an agent, a change it cannot read) it says once.");
+  hwCmd->add_option("--delay", hwDelayUs, "microseconds per change, to model a slow TCAM")->transform(whole(0, 1000000));
+  hwCmd->add_option("--rate", hw.rate, "changes per second at most (0: no limit)")->transform(whole(0, 1000000000));
+  hwCmd->add_option("--spin-us", hwSpinUs, "after work, look again without sleeping for this many microseconds")->transform(whole(0, 1000000));
+  hwCmd->add_option("--exit-when-idle", hwIdleMs, "stop after this many milliseconds without work (0: never)")->transform(whole(0, INT_MAX));
+  hwCmd->add_option("--progress-ms", hwProgressMs, "print progress this often, when it moved (0: never)")->transform(whole(0, INT_MAX));
 
   ShowOptions show;
   std::string showTable;
   int showUnit = -1;
   auto* showCmd = app.add_subcommand("show", "Show what the shared memory of an agent and its hardware side holds");
   showCmd->add_option("--table", showTable, "only this table type");
-  showCmd->add_option("--unit", showUnit, "only this unit")->check(CLI::Range(0, 65535));
+  showCmd->add_option("--unit", showUnit, "only this unit")->transform(whole(0, 65535));
   showCmd->add_flag("--entries", show.entries, "list every live entry");
   showCmd->add_flag("--json", show.json, "print JSON");
 
   // Every refusal is one line on stderr, as for the errors the commands themselves raise.
   app.failure_message([](const CLI::App*, const CLI::Error& e) {
-    return fmt::format("vesktap: {} (see --help)\n", e.what());
+    return fmt::format("vesktap: {} (see --help)\n", oneLine(e.what()));
   });
   const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
   if (argc > 1 && argv[1][0] != '-' &&
       std::none_of(commands.begin(), commands.end(), [&](const CLI::App* c) { return c->check_name(argv[1]); })) {
-    fmt::print(std::cerr, "vesktap: unknown command '{}' (demo, agent, hw or show; see --help)\n", argv[1]);
+    fmt::print(std::cerr, "vesktap: unknown command '{}' (demo, agent, hw or show; see --help)\n", echoed(argv[1]));
     return 2;
   }
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    const int code = app.exit(e);  // prints the help, or the one-line refusal
+    return code == 0 ? 0 : 2;
+  }
   try {
     if (*demoCmd) {
       demo.exe = selfPath();
       return runDemo(demo, std::cout);
     }
     if (*agentCmd) {
+      if (!reportJson.empty()) {
+        try {
+          checkWritable(reportJson);
+        } catch (const std::runtime_error& e) {
+          throw UsageError(fmt::format("--report-json: {}", e.what()));
+        }
+      }
       if (workloadFile.empty()) {
         spec.tables = tableIndices(tableNames);
         spec.units = agent.units;
         agent.workload = generateWorkload(spec);
       } else {
-        std::ifstream in(workloadFile);
-        agent.workload = parseWorkload(in);
+        agent.workload = readWorkloadFile(workloadFile);
         for (const Change& c : agent.workload) {
           if (std::find(agent.units.begin(), agent.units.end(), c.unit) == agent.units.end()) {
             throw std::invalid_argument(fmt::format("{}: unit {} is not one of --units", formatChange(c), c.unit));
@@ -136,9 +206,16 @@ int main(int argc, char** argv) {
       agent.waitForHardware = !noWait;
       agent.verify = !noVerify;
       agent.progressEvery = std::chrono::milliseconds(progressMs);
+      agent.giveUpAfter = std::chrono::milliseconds(giveUpMs);
       const AgentReport report = runAgent(agent, std::cout);
       printAgentSummary(report, std::cout);
-      if (!reportJson.empty()) std::ofstream(reportJson) << agentReportJson(report) << "\n";
+      std::cout.flush();
+      if (!reportJson.empty()) writeReport(reportJson, agentReportJson(report) + "\n");
+      if (report.gaveUp) {
+        throw std::runtime_error(fmt::format(
+            "gave up after {} ms without a hardware side taking changes (start `vesktap hw` on "
+            "this shared-memory root, or raise --give-up-ms)", giveUpMs));
+      }
       return report.mismatches == 0 ? 0 : 1;
     }
     if (*hwCmd) {
@@ -146,7 +223,7 @@ int main(int argc, char** argv) {
       hw.spinFor = std::chrono::microseconds(hwSpinUs);
       hw.exitWhenIdle = std::chrono::milliseconds(hwIdleMs);
       hw.progressEvery = std::chrono::milliseconds(hwProgressMs);
-      const HardwareReport report = runHardwareSide(hw, std::cout);
+      const HardwareReport report = runHardwareSide(hw, std::cout, std::cerr);
       uint64_t applied = 0;
       for (uint64_t a : report.applied) applied += a;
       fmt::print(std::cout, "hw: {} changes applied\n", applied);
@@ -155,12 +232,15 @@ int main(int argc, char** argv) {
     if (*showCmd) {
       if (!showTable.empty()) {
         show.table = tableIndexOf(showTable);
-        if (*show.table == kTableCount) throw std::invalid_argument("unknown table '" + showTable + "'");
+        if (*show.table == kTableCount) throw UsageError("--table: unknown table '" + echoed(showTable) + "'");
       }
       if (showUnit >= 0) show.unit = uint16_t(showUnit);
       VeskTool::show(show, std::cout);
       return 0;
     }
+  } catch (const UsageError& e) {
+    fmt::print(std::cerr, "vesktap: {} (see --help)\n", e.what());
+    return 2;
   } catch (const std::exception& e) {
     fmt::print(std::cerr, "vesktap: {}\n", e.what());
     return 1;

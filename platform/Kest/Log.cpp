@@ -1,10 +1,13 @@
 #include "Kest/Log.h"
 
 #include <errno.h>
+#include <sys/stat.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <map>
 
 #include "Kest/Clock.h"
@@ -31,6 +34,28 @@ void openSystemLog() {
     return true;
   }();
   (void)opened;
+}
+
+// VESK_LOG_STDERR=1: always, 0: never; otherwise when there is no syslog socket, where
+// syslog(3) would drop the message without a word. Asked at every message (they are
+// few), so that a process that changes its environment or gains a socket is followed.
+bool mirrorToStderr() {
+  if (const char* env = std::getenv("VESK_LOG_STDERR");
+      env && (env[0] == '0' || env[0] == '1') && !env[1]) {
+    return env[0] == '1';
+  }
+  struct stat socket;
+  return stat(_PATH_LOG, &socket) != 0 || !S_ISSOCK(socket.st_mode);
+}
+
+// One write, so that lines of processes sharing the terminal do not interleave.
+void writeToStderr(const std::string& line) {
+  for (size_t done = 0; done < line.size();) {
+    const ssize_t n = ::write(STDERR_FILENO, line.data() + done, line.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;  // nowhere to say it: the system log still has it, if there is one
+    done += size_t(n);
+  }
 }
 
 }  // namespace
@@ -109,6 +134,9 @@ void log(LogHandle& handle, const Nimbo::String& argument) {
   std::string text = logText(d.format, argument);
   openSystemLog();
   syslog(int(d.severity), "%%%s: %s", d.name, text.c_str());  // the text is data, not a format
+  if (mirrorToStderr()) {
+    writeToStderr(std::string(program_invocation_short_name) + ": %" + d.name + ": " + text + "\n");
+  }
   if (LogCapture* capture = currentCapture()) {
     capture->records_.push_back({d.name, d.severity, std::move(text), nowUtc()});
   }

@@ -56,7 +56,9 @@ VESK_EXPORT LogHandle* findLogHandle(std::string_view name);
 // Writes the handle's message, its format applied to `argument`, to the system log at
 // the descriptor's severity as "%NAME: text", and to the current LogCapture, unless the
 // handle's rate limit holds it back. The argument is inserted as is, never read as a
-// format.
+// format. The line goes to stderr too, as "program: %NAME: text", when there is no syslog
+// socket (/dev/log) to take it, or always with VESK_LOG_STDERR=1 (never with
+// VESK_LOG_STDERR=0), so that an operator running a tool sees it.
 VESK_EXPORT void log(LogHandle& handle, const Nimbo::String& argument);
 
 // `format` with its first "%s" replaced by `argument` and each "%%" by "%"; any other "%"

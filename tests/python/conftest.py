@@ -31,8 +31,16 @@ def vesktap_exe():
     return exe
 
 
-def run_vesktap(root, *args, check=True):
+def program_env(root):
+    """The environment of a vesktap process on `root`. A sanitizer build preloads its
+    runtime into this interpreter; the program carries its own and must not get it twice."""
     env = dict(os.environ, VESK_SHM_ROOT=root)
+    env.pop("LD_PRELOAD", None)
+    return env
+
+
+def run_vesktap(root, *args, check=True):
+    env = program_env(root)
     result = subprocess.run([vesktap_exe(), *args], env=env, capture_output=True, text=True, timeout=240)
     if check and result.returncode != 0:
         pytest.fail(f"vesktap {' '.join(args)} exited {result.returncode}:\n{result.stdout}{result.stderr}",

@@ -8,7 +8,7 @@ import subprocess
 import pytest
 import vesktap
 
-from conftest import run_vesktap, show_json, vesktap_exe
+from conftest import program_env, run_vesktap, show_json, vesktap_exe
 
 ENTRY_TABLES = [t for t in vesktap.tables() if t.endswith("Entry")]
 ACTION_TABLES = [t for t in vesktap.tables() if t.endswith("Action")]
@@ -69,7 +69,7 @@ def test_reads_exactly_what_the_agent_wrote(shm_root):
 
 
 def test_reads_the_tcam_the_hardware_side_programmed(shm_root):
-    env = dict(os.environ, VESK_SHM_ROOT=shm_root)
+    env = program_env(shm_root)
     hw = subprocess.Popen([vesktap_exe(), "hw", "--exit-when-idle", "1500"], env=env,
                           stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
     try:

@@ -2,12 +2,13 @@
 hardware side, read, walk and snapshot. Each test runs in a process of its own at a root of
 its own, since the table interfaces live as long as the process that made them."""
 
+import os
 import subprocess
 
 import pytest
 import vesktap
 
-from conftest import in_fresh_process, run_in_child, vesktap_exe
+from conftest import in_fresh_process, program_env, run_in_child, vesktap_exe
 
 TABLE = "DefaultFwdTcamEntry"
 
@@ -195,12 +196,26 @@ class TestBadInputs:
             table.entryRemove({"vlan": {"vlan_id": 3}})
         with pytest.raises(ValueError, match="version: -1 is out of range"):
             table.tableStatusVersion(-1)
+        with pytest.raises(ValueError, match=r"version: 18446744073709551616 is out of range \(0 to 18446744073709551615\)"):
+            table.tableStatusVersion(1 << 64)
         assert table.entrys() == 0 and vesktap.runUntilIdle() == 0  # nothing bad got in
+
+    @in_fresh_process
+    def test_log_versions_take_the_whole_unsigned_64_bit_range(self):
+        intf = vesktap.getIntf(TABLE)
+        table = intf.makeSwTable(0, clear=True)
+        handles = [table.entryWrite(fdb_key(n), fdb_entry(n)) for n in range(2)]
+        assert vesktap.runUntilIdle() == 2
+        table.tableStatusVersion(1 << 63)  # past the signed range: every change is taken
+        assert [h.state for h in handles] == ["done", "done"]
+        table.tableStatusVersion((1 << 64) - 1)
+        assert table.entrys() == 2
 
     def test_a_root_open_read_only_is_refused_for_tables(self, shm_root):
         def body():
             subprocess.run([vesktap_exe(), "agent", "--units", "0", "--keys", "5", "--changes", "5",
-                            "--no-wait", "--progress-ms", "0"], check=True, capture_output=True)
+                            "--no-wait", "--progress-ms", "0"], check=True, capture_output=True,
+                           env=program_env(os.environ["VESK_SHM_ROOT"]))
             vesktap.open()
             with pytest.raises(RuntimeError, match="open read-only in this process"):
                 vesktap.getIntf(TABLE)

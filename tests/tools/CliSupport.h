@@ -2,17 +2,26 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 namespace VeskTest {
+
+// The program under test: the one built with the tests, or VESKTAP_EXE, to run the same
+// tests against another build.
+inline const char* vesktapExe() {
+  const char* exe = getenv("VESKTAP_EXE");
+  return exe && *exe ? exe : VESKTAP_EXE;
+}
 
 // The vesktap program run as a user runs it, its output kept in files.
 class Vesktap {
@@ -26,10 +35,10 @@ class Vesktap {
     if (pid_ == 0) {
       dup2(open(outPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDOUT_FILENO);
       dup2(open(errPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600), STDERR_FILENO);
-      std::vector<char*> argv{const_cast<char*>(VESKTAP_EXE)};
+      std::vector<char*> argv{const_cast<char*>(vesktapExe())};
       for (auto& a : args) argv.push_back(a.data());
       argv.push_back(nullptr);
-      execv(VESKTAP_EXE, argv.data());
+      execv(vesktapExe(), argv.data());
       _exit(127);
     }
   }
@@ -52,11 +61,13 @@ class Vesktap {
     return code_;
   }
   void signal(int sig) const { kill(pid_, sig); }
+  pid_t pid() const { return pid_; }
   std::string out() const { return read(outPath_); }
   std::string err() const { return read(errPath_); }
-  // Waits until the output holds `text`; false if the program ended first.
-  bool awaitOutput(const std::string& text) {
-    for (int i = 0; i < 3000; ++i) {
+  // Waits until the output holds `text`; false if the program ended first, or had not
+  // written it after `seconds`.
+  bool awaitOutput(const std::string& text, int seconds = 30) {
+    for (int i = 0; i < seconds * 100; ++i) {
       if (out().find(text) != std::string::npos) return true;
       if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
         waited_ = true;
@@ -79,6 +90,18 @@ class Vesktap {
   bool waited_ = false;
   int code_ = -1;
 };
+
+// The CPU time a running process has used so far, in seconds.
+inline double cpuSeconds(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
+  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::istringstream fields(stat.substr(stat.rfind(')') + 2));  // after "pid (name) "
+  std::string field;
+  unsigned long long utime = 0, stime = 0;
+  for (int i = 3; i <= 13; ++i) fields >> field;  // state ... cmajflt
+  fields >> utime >> stime;
+  return double(utime + stime) / double(sysconf(_SC_CLK_TCK));
+}
 
 // Runs vesktap to its end.
 struct Run {

@@ -46,6 +46,14 @@ class CliTest : public ::testing::Test {
     return path;
   }
 
+  // A file of these lines, under the root.
+  std::string textFile(const std::string& name, const std::vector<std::string>& lines) {
+    const std::string path = root_ + "/" + name;
+    std::ofstream file(path);
+    for (const auto& line : lines) file << line << "\n";
+    return path;
+  }
+
   Json showJson(std::vector<std::string> extra = {}) {
     std::vector<std::string> args{"show", "--json"};
     args.insert(args.end(), extra.begin(), extra.end());
@@ -90,6 +98,20 @@ std::map<uint16_t, std::map<std::string, std::string>> shownEntries(const Json& 
 }
 
 size_t lines(const std::string& text) { return size_t(std::count(text.begin(), text.end(), '\n')); }
+
+size_t occurrences(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+// The CPU a waiting process uses over a second: a process that sleeps while it waits uses
+// next to none, one that polls in a loop most of a core.
+double cpuSecondsOverASecond(const Vesktap& process) {
+  const double before = VeskTest::cpuSeconds(process.pid());
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  return VeskTest::cpuSeconds(process.pid()) - before;
+}
 
 TEST_F(CliTest, DemoKillsAndRestoresTheAgentAndEverythingAgrees) {
   const auto demo = run({"demo", "--units", "2", "--keys", "300", "--changes", "6000"});
@@ -165,6 +187,184 @@ TEST_F(CliTest, EveryChangeIsConfirmedIncludingRemoveAllsWhichHaveNoAnswerOfThei
   EXPECT_EQ(hw.wait(), 0) << hw.err();
 }
 
+// --- Waiting: every wait ends or is told, once, and costs no CPU ---
+
+TEST_F(CliTest, ARemoveAllIsConfirmedWhenItLogsNothingOrComesFirst) {
+  Vesktap hw({"hw"});
+  const std::vector<std::vector<std::string>> runs = {
+      {"removeAll DefaultFwdTcamAction 1"},  // the first change on a fresh root
+      {"write DefaultFwdTcamAction 0 1 1", "removeAll DefaultFwdTcamAction 1"},  // unit 1 holds nothing
+      {"removeAll DefaultFwdTcamAction 1"},  // nothing to remove, every earlier change taken
+      {"removeAll DefaultFwdTcamAction 0", "removeAll DefaultFwdTcamAction 0"},  // the second empties nothing
+  };
+  for (const auto& changes : runs) {
+    const std::string what = fmt::format("{}", fmt::join(changes, "; "));
+    Vesktap agent({"agent", "--units", "0", "1", "--workload", textFile("changes.txt", changes), "--progress-ms", "0"});
+    ASSERT_TRUE(agent.awaitOutput("total: ")) << what << ": " << agent.out() << agent.err();
+    EXPECT_EQ(agent.wait(), 0) << what << ": " << agent.err();
+    EXPECT_NE(agent.out().find(fmt::format("total: {0} accepted, {0} committed, {0} confirmed", changes.size())),
+              std::string::npos)
+        << what << ": " << agent.out();
+  }
+  hw.signal(SIGTERM);
+  EXPECT_EQ(hw.wait(), 0) << hw.err();
+}
+
+TEST_F(CliTest, AnAgentWithoutAHardwareSideSaysSoOnceAndWaitsWithoutUsingTheCpu) {
+  Vesktap agent({"agent", "--units", "0", "--tables", "ServicePolicyV4TcamEntry", "--keys", "50", "--changes", "100",
+                 "--progress-ms", "20"});
+  ASSERT_TRUE(agent.awaitOutput("agent: no hardware side is taking changes: ")) << agent.out() << agent.err();
+  EXPECT_LT(cpuSecondsOverASecond(agent), 0.1);
+  const std::string waiting = agent.out();
+  EXPECT_NE(waiting.find(" committed changes of ServicePolicyV4TcamEntry wait since "), std::string::npos) << waiting;
+  EXPECT_NE(waiting.find("start `vesktap hw`"), std::string::npos) << waiting;
+  EXPECT_EQ(occurrences(waiting, "no hardware side"), 1u) << waiting;
+  EXPECT_LE(occurrences(waiting, "progress: "), 2u) << "a line when it moved, not at every tick: " << waiting;
+
+  // A hardware side ends the wait, and the agent says so.
+  Vesktap hw({"hw"});
+  ASSERT_TRUE(agent.awaitOutput("total: ")) << agent.out() << agent.err();
+  EXPECT_EQ(agent.wait(), 0) << agent.err();
+  EXPECT_NE(agent.out().find("agent: a hardware side is taking changes now"), std::string::npos) << agent.out();
+  EXPECT_NE(agent.out().find("total: 100 accepted, 100 committed, 100 confirmed"), std::string::npos) << agent.out();
+  hw.signal(SIGTERM);
+  EXPECT_EQ(hw.wait(), 0) << hw.err();
+
+  // Asked to, an agent gives up instead, in one line.
+  const auto gaveUp = run({"agent", "--units", "0", "--tables", "ServicePolicyV4TcamEntry", "--keys", "50", "--seed",
+                           "7", "--changes", "100", "--progress-ms", "0", "--give-up-ms", "300"});
+  EXPECT_EQ(gaveUp.code, 1);
+  EXPECT_EQ(lines(gaveUp.err), 1u) << gaveUp.err;
+  EXPECT_NE(gaveUp.err.find("gave up after 300 ms without a hardware side taking changes"), std::string::npos)
+      << gaveUp.err;
+  EXPECT_NE(gaveUp.out.find("(gave up waiting)"), std::string::npos) << gaveUp.out;
+}
+
+TEST_F(CliTest, AFullChangeLogIsToldOnceAndWaitedForWithoutUsingTheCpuAndNothingIsLost) {
+  // 16 units of 62,500 keys fill the change log of one table type (1,000,000 records): the
+  // 100 changes of a 17th unit must wait for the hardware side.
+  const std::string path = root_ + "/full.txt";
+  {
+    std::ofstream file(path);
+    for (int unit = 0; unit < 16; ++unit) {
+      for (int key = 0; key < 62500; ++key) file << "write DefaultFwdTcamAction " << unit << " " << key << " 1\n";
+    }
+    for (int key = 0; key < 100; ++key) file << "write DefaultFwdTcamAction 16 " << key << " 2\n";
+  }
+  std::vector<std::string> args{"agent", "--workload", path, "--no-wait", "--no-verify", "--progress-ms", "0",
+                                "--units"};
+  for (int unit = 0; unit <= 16; ++unit) args.push_back(std::to_string(unit));
+  Vesktap agent(args);
+  ASSERT_TRUE(agent.awaitOutput("agent: change log of DefaultFwdTcamAction is full: ", 100)) << agent.out() << agent.err();
+  EXPECT_LT(cpuSecondsOverASecond(agent), 0.1);
+  const std::string full = agent.out();
+  EXPECT_NE(full.find("1000000 changes the hardware side has not taken"), std::string::npos) << full;
+  EXPECT_NE(full.find("holding 100 changes back, nothing is lost; waiting for the hardware side"), std::string::npos)
+      << full;
+  EXPECT_EQ(occurrences(full, " is full"), 1u) << full;
+
+  Vesktap hw({"hw"});
+  ASSERT_TRUE(agent.awaitOutput("total: ", 100)) << agent.out() << agent.err();
+  EXPECT_EQ(agent.wait(), 0) << agent.err();
+  EXPECT_NE(agent.out().find("total: 1000100 accepted, 1000100 committed"), std::string::npos) << agent.out();
+  hw.signal(SIGTERM);
+  EXPECT_EQ(hw.wait(), 0) << hw.err();
+  const Json shown = showJson({"--table", "DefaultFwdTcamAction", "--unit", "16"});
+  EXPECT_EQ(tableIn(shown, "DefaultFwdTcamAction")["units"][0]["liveEntries"], 100);
+}
+
+TEST_F(CliTest, AHardwareSideThatCannotUseATcamSaysWhichFileAndStops) {
+  const auto write = [&](const std::string& key) {
+    const auto agent = run({"agent", "--units", "0", "--workload",
+                            textFile("changes.txt", {"write DefaultFwdTcamAction 0 " + key + " 1"}), "--no-wait",
+                            "--progress-ms", "0"});
+    ASSERT_EQ(agent.code, 0) << agent.err;
+  };
+  write("1");
+  ASSERT_EQ(run({"hw", "--exit-when-idle", "300"}).code, 0);  // makes the TCAM of unit 0
+  const std::string tcam = root_ + "/local/VeskTapAggHw/DefaultFwdTcamAction/tcam/0/tcam";
+  ASSERT_TRUE(std::filesystem::is_regular_file(tcam));
+
+  // The next change needs the TCAM of unit 0: a symlink or a directory in its place stops
+  // the hardware side with the file named, rather than leaving it polling forever.
+  write("2");
+  std::filesystem::rename(tcam, root_ + "/elsewhere");
+  const auto refused = [&](const std::string& what) {
+    const auto hw = run({"hw", "--exit-when-idle", "300"});
+    EXPECT_EQ(hw.code, 1) << what;
+    EXPECT_EQ(lines(hw.err), 1u) << what << ": " << hw.err;
+    EXPECT_NE(hw.err.find("cannot use the TCAM of DefaultFwdTcamAction unit 0"), std::string::npos) << hw.err;
+    EXPECT_NE(hw.err.find(tcam), std::string::npos) << hw.err;
+    EXPECT_NE(hw.err.find("remove that file"), std::string::npos) << hw.err;
+  };
+  std::filesystem::create_symlink(root_ + "/elsewhere", tcam);
+  refused("a symlink");
+  std::filesystem::remove(tcam);
+  std::filesystem::create_directory(tcam);
+  refused("a directory");
+
+  // Removed, it is made anew and the hardware side goes on.
+  std::filesystem::remove(tcam);
+  const auto hw = run({"hw", "--exit-when-idle", "300"});
+  EXPECT_EQ(hw.code, 0) << hw.err;
+  EXPECT_NE(hw.out.find("hw: 1 changes applied"), std::string::npos) << hw.out;
+}
+
+TEST_F(CliTest, AHardwareSideThatCannotReadAChangeSaysWhichAndHowToMendIt) {
+  ASSERT_EQ(run({"agent", "--units", "0", "--tables", "DefaultFwdTcamAction", "--keys", "1000", "--changes", "1000",
+                 "--no-wait", "--progress-ms", "0"})
+                .code,
+            0);
+  // Damage records in the middle of the change log: the hardware side cannot go past them.
+  const std::string log =
+      root_ + "/local/VeskTapAgg/VeskTapAgg.VeskTapAggGroup/VeskTapAgg/DefaultFwdTcamAction/entryLog/entryLogConfig";
+  {
+    std::fstream file(log, std::ios::in | std::ios::out | std::ios::binary);
+    std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    const size_t used = bytes.find_last_not_of('\0');
+    ASSERT_NE(used, std::string::npos);
+    file.seekp(std::streamoff(used / 2));
+    file.write(std::string(400, '\x5a').data(), 400);
+  }
+  const auto stuck = run({"hw", "--exit-when-idle", "300"});
+  EXPECT_EQ(stuck.code, 1);
+  EXPECT_EQ(lines(stuck.err), 1u) << stuck.err;
+  EXPECT_NE(stuck.err.find("the hardware side stopped idle without applying change "), std::string::npos) << stuck.err;
+  EXPECT_NE(stuck.err.find("of DefaultFwdTcamAction"), std::string::npos) << stuck.err;
+
+  // It names the file, and what it says to do mends it.
+  EXPECT_NE(stuck.err.find(log), std::string::npos) << stuck.err;
+  EXPECT_NE(stuck.err.find("stop the agent, delete "), std::string::npos) << stuck.err;
+  std::filesystem::remove(log);
+  ASSERT_EQ(run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--progress-ms", "0"}).code, 0);
+  const auto mended = run({"hw", "--exit-when-idle", "300"});
+  EXPECT_EQ(mended.code, 0) << mended.err;
+  const Json unit = tableIn(showJson(), "DefaultFwdTcamAction")["units"][0];
+  EXPECT_EQ(unit["notInHardware"], 0) << unit;
+  EXPECT_EQ(unit["tcamLines"], unit["liveEntries"]) << unit;
+}
+
+TEST_F(CliTest, WhatTheSystemLogIsToldTheOperatorSeesOnStderr) {
+  ASSERT_EQ(run({"agent", "--units", "0", "--changes", "50", "--no-wait", "--progress-ms", "0"}).code, 0);
+  // Damage the header of a unit's configuration: the next agent wipes and rebuilds it,
+  // and tells the system log, which an operator without a syslog reader never sees.
+  const std::string config =
+      root_ + "/local/VeskTapAgg/VeskTapAgg.VeskTapAggGroup/VeskTapAgg/DefaultFwdTcamAction/config/0/swTableEntries";
+  ASSERT_TRUE(std::filesystem::is_regular_file(config));
+  {
+    std::fstream file(config, std::ios::in | std::ios::out | std::ios::binary);
+    file.write(std::string(64, '\xff').data(), 64);
+  }
+  setenv("VESK_LOG_STDERR", "1", 1);
+  const auto restart = run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--progress-ms", "0"});
+  unsetenv("VESK_LOG_STDERR");
+  EXPECT_EQ(restart.code, 0) << restart.err;
+  EXPECT_NE(restart.err.find("vesktap: %HW_ABSTRACTION_ERROR: Hardware abstraction error: unable to load item: "
+                             "entryCfg::DefaultFwdTcamAction"),
+            std::string::npos)
+      << restart.err;
+}
+
 TEST_F(CliTest, ASecondAgentIsRefusedAndTheFirstStopsCleanlyOnSigterm) {
   // No hardware side: the first agent commits a window of changes and then waits for
   // answers that never come.
@@ -224,30 +424,65 @@ TEST_F(CliTest, AHardwareSideKilledAndRestartedResumesWithoutApplyingAnythingTwi
   EXPECT_EQ(table["units"][0]["tcamLines"], table["units"][0]["liveEntries"]);
 }
 
+// --- Bad input: one clear line, exit 2 for a usage error, 1 for anything else ---
+
 TEST_F(CliTest, BadInputIsOneClearLineAndANonZeroExit) {
-  const std::string badWorkload = workloadFile({}) + ".bad";
-  std::ofstream(badWorkload) << "write DefaultFwdTcamEntry 0 1\nwrite Foo 0 1\n";
+  const std::string badWorkload = textFile("changes.txt", {"write DefaultFwdTcamEntry 0 1", "write Foo 0 1"});
+  const std::string longLine =
+      textFile("long.txt", {"write DefaultFwdTcamEntry 0 1", "write DefaultFwdTcamEntry 0 " + std::string(5000, '1')});
+  const std::string longToken = textFile("token.txt", {"write " + std::string(1000, 'T') + " 0 1"});
+  const std::string hugeName(100000, 'x');  // about as long as one argument may be
   const struct {
     std::vector<std::string> args;
     std::string error;
+    int code;
   } cases[] = {
-      {{"agent", "--tables", "Foo"}, "unknown table 'Foo'"},
-      {{"agent", "--units", "70000"}, "70000"},
-      {{"agent", "--workload", badWorkload}, "line 2: unknown table 'Foo'"},
-      {{"agent", "--workload", root_ + "/missing"}, "missing"},
-      {{"show", "--table", "Foo"}, "unknown table 'Foo'"},
-      {{"show"}, "no agent's shared memory at " + root_},
-      {{"frobnicate"}, "unknown command 'frobnicate'"},
+      {{"agent", "--tables", "Foo"}, "--tables: unknown table 'Foo'", 2},
+      {{"agent", "--tables", hugeName}, "--tables: unknown table '" + std::string(40, 'x') + "...'", 2},
+      {{"agent", "--units", "70000"}, "--units: '70000' is not a whole number from 0 to 65535", 2},
+      {{"agent", "--changes", "-5"}, "--changes: '-5' is not a whole number from 0 to 100000000", 2},
+      {{"agent", "--changes", "99999999999"}, "'99999999999' is not a whole number from 0 to 100000000", 2},
+      {{"agent", "--keys", "0"}, "--keys: '0' is not a whole number from 1 to 65536", 2},
+      {{"agent", "--window", "1e3"}, "--window: '1e3' is not a whole number", 2},
+      {{"agent", "--seed", "-1", "--changes", "10", "--no-wait"}, "--seed: '-1' is not a whole number", 2},
+      {{"agent", "--progress-ms", hugeName}, "--progress-ms: '" + std::string(40, 'x') + "...' is not a whole number", 2},
+      {{"agent", "--frobnicate"}, "--frobnicate", 2},
+      {{"hw", "--rate", "-5"}, "--rate: '-5' is not a whole number from 0 to 1000000000", 2},
+      {{"hw", "--delay", "-1"}, "--delay: '-1' is not a whole number", 2},
+      {{"demo", "--changes", "0"}, "--changes: '0' is not a whole number from 1 to 100000000", 2},
+      {{"show", "--unit", "-1"}, "--unit: '-1' is not a whole number from 0 to 65535", 2},
+      {{"show", "--table", "Foo"}, "--table: unknown table 'Foo'", 2},
+      {{"frobnicate"}, "unknown command 'frobnicate'", 2},
+      {{}, "A subcommand is required", 2},
+      {{"agent", "--workload", root_ + "/missing"}, "missing", 2},
+      {{"agent", "--changes", "10", "--no-wait", "--report-json", root_},
+       "--report-json: cannot write the report to " + root_ + ": Is a directory", 2},
+      {{"agent", "--changes", "10", "--no-wait", "--report-json", "/proc/vesk/report.json"},
+       "cannot write the report to /proc/vesk/report.json", 2},
+      {{"agent", "--workload", badWorkload}, badWorkload + ":2: unknown table 'Foo'", 1},
+      {{"agent", "--workload", "/dev/zero"}, "/dev/zero: not a regular file", 1},
+      {{"agent", "--workload", longLine}, longLine + ":2: line longer than 1024 characters", 1},
+      {{"agent", "--workload", longToken}, longToken + ":1: unknown table '" + std::string(40, 'T') + "...'", 1},
+      {{"show"}, "no agent's shared memory at " + root_, 1},
   };
   for (const auto& c : cases) {
     const auto result = run(c.args);
-    const std::string what = fmt::format("vesktap {}", fmt::join(c.args, " "));
-    EXPECT_NE(result.code, 0) << what;
+    const std::string what = fmt::format("vesktap {}", fmt::join(c.args, " ")).substr(0, 200);
+    EXPECT_EQ(result.code, c.code) << what << ": " << result.err;
     EXPECT_EQ(lines(result.err), 1u) << what << ": " << result.err;
+    EXPECT_LT(result.err.size(), 400u) << what << ": " << result.err;
     EXPECT_NE(result.err.find(c.error), std::string::npos) << what << ": " << result.err;
   }
-  // The refused workload wrote nothing.
+  // Nothing refused wrote anything, nor left a report behind.
   EXPECT_FALSE(std::filesystem::exists(root_ + "/local"));
+
+  // A report that cannot be written when the run ends is an error too.
+  const auto full = run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--report-json", "/dev/full"});
+  EXPECT_EQ(full.code, 1);
+  EXPECT_EQ(lines(full.err), 1u) << full.err;
+  EXPECT_NE(full.err.find("cannot write the report to /dev/full: No space left on device"), std::string::npos)
+      << full.err;
+  EXPECT_NE(full.out.find("total: 0 accepted"), std::string::npos) << "the run itself is reported: " << full.out;
 
   setenv("VESK_SHM_ROOT", "/proc/vesk", 1);
   const auto unwritable = run({"agent", "--changes", "1", "--no-wait"});

@@ -14,7 +14,7 @@ namespace {
 std::string parseError(const std::string& text) {
   std::istringstream in(text);
   try {
-    parseWorkload(in);
+    parseWorkload(in, "changes.txt");
   } catch (const std::invalid_argument& e) {
     return e.what();
   }
@@ -29,7 +29,7 @@ TEST(WorkloadFileTest, EveryFormOfChangeReadsBackAsWritten) {
       "write DefaultFwdTcamEntry 3 18\n"
       "  remove DefaultFwdTcamEntry 65535 4294967295\n"
       "removeAll DefaultFwdTcamEntry 2\n");
-  const auto changes = parseWorkload(in);
+  const auto changes = parseWorkload(in, "changes.txt");
   ASSERT_EQ(changes.size(), 4u);
   EXPECT_EQ(changes[0], (Change{ChangeKind::write, 1, 3, 17, 9}));
   EXPECT_EQ(changes[1], (Change{ChangeKind::write, 1, 3, 18, 0}));
@@ -37,7 +37,7 @@ TEST(WorkloadFileTest, EveryFormOfChangeReadsBackAsWritten) {
   EXPECT_EQ(changes[3], (Change{ChangeKind::removeAll, 1, 2, 0, 0}));
   for (const Change& c : changes) {
     std::istringstream again(formatChange(c));
-    EXPECT_EQ(parseWorkload(again), std::vector<Change>{c}) << formatChange(c);
+    EXPECT_EQ(parseWorkload(again, "again"), std::vector<Change>{c}) << formatChange(c);
   }
 }
 
@@ -47,7 +47,7 @@ TEST(WorkloadFileTest, EveryTableOfTheCatalogueIsKnownByName) {
     text << "write " << VeskTapAgg::kCatalogue[t].name << " 0 " << t << "\n";
   }
   std::istringstream in(text.str());
-  const auto changes = parseWorkload(in);
+  const auto changes = parseWorkload(in, "changes.txt");
   ASSERT_EQ(changes.size(), kTableCount);
   for (size_t t = 0; t < kTableCount; ++t) EXPECT_EQ(changes[t].table, t);
 }
@@ -55,20 +55,39 @@ TEST(WorkloadFileTest, EveryTableOfTheCatalogueIsKnownByName) {
 TEST(WorkloadFileTest, AMalformedLineIsNamedByNumberAndNothingIsReturned) {
   const std::string ok = "write DefaultFwdTcamEntry 0 1\n";
   EXPECT_EQ(parseError(ok + "insert DefaultFwdTcamEntry 0 1\n"),
-            "line 2: unknown change 'insert' (write, remove or removeAll)");
-  EXPECT_EQ(parseError(ok + ok + "write NoSuchTable 0 1\n"), "line 3: unknown table 'NoSuchTable'");
+            "changes.txt:2: unknown change 'insert' (write, remove or removeAll)");
+  EXPECT_EQ(parseError(ok + ok + "write NoSuchTable 0 1\n"), "changes.txt:3: unknown table 'NoSuchTable'");
   EXPECT_EQ(parseError("write DefaultFwdTcamEntry 65536 1\n"),
-            "line 1: bad unit id '65536' (a number from 0 to 65535)");
+            "changes.txt:1: bad unit id '65536' (a number from 0 to 65535)");
   EXPECT_EQ(parseError("write DefaultFwdTcamEntry 0 -1\n"),
-            "line 1: bad key '-1' (a number from 0 to 4294967295)");
+            "changes.txt:1: bad key '-1' (a number from 0 to 4294967295)");
   EXPECT_EQ(parseError("write DefaultFwdTcamEntry 0 12x\n"),
-            "line 1: bad key '12x' (a number from 0 to 4294967295)");
+            "changes.txt:1: bad key '12x' (a number from 0 to 4294967295)");
   EXPECT_EQ(parseError("write DefaultFwdTcamEntry 0\n"),
-            "line 1: expected 'write <table> <unit> <key> [variant]'");
+            "changes.txt:1: expected 'write <table> <unit> <key> [variant]'");
   EXPECT_EQ(parseError("remove DefaultFwdTcamEntry 0 1 2\n"),
-            "line 1: expected 'remove <table> <unit> <key>'");
+            "changes.txt:1: expected 'remove <table> <unit> <key>'");
   EXPECT_EQ(parseError("removeAll DefaultFwdTcamEntry 0 1\n"),
-            "line 1: expected 'removeAll <table> <unit>'");
+            "changes.txt:1: expected 'removeAll <table> <unit>'");
+}
+
+TEST(WorkloadFileTest, WhatIsNoWorkloadIsRefusedWithoutReadingItWholeOrEchoingItWhole) {
+  const std::string ok = "write DefaultFwdTcamEntry 0 1\n";
+  // A line as long as allowed is read; one character more is refused, whatever follows.
+  const std::string longest = "# " + std::string(kMaxWorkloadLine - 2, 'x');
+  EXPECT_EQ(parseError(longest + "\n" + ok), "(parsed)");
+  EXPECT_EQ(parseError(ok + longest + "x\n" + ok),
+            "changes.txt:2: line longer than 1024 characters (is this a workload file?)");
+  EXPECT_EQ(parseError(ok + std::string(3000, '\0')),
+            "changes.txt:2: line longer than 1024 characters (is this a workload file?)");
+  EXPECT_EQ(parseError(ok + std::string(10, '\0') + "\n"), "changes.txt:2: binary data (is this a workload file?)");
+  // A long word is echoed cut short.
+  const std::string word(1000, 't');
+  EXPECT_EQ(parseError("write " + word + " 0 1\n"),
+            "changes.txt:1: unknown table '" + std::string(kMaxEchoed, 't') + "...'");
+  EXPECT_EQ(parseError(ok + word + "\n"),
+            "changes.txt:2: unknown change '" + std::string(kMaxEchoed, 't') + "...' (write, remove or removeAll)");
+  EXPECT_EQ(echoed(std::string(kMaxEchoed, 'k')), std::string(kMaxEchoed, 'k')) << "short enough: as is";
 }
 
 TEST(WorkloadGeneratorTest, TheSameSeedGivesTheSameChangesWithinTheGivenTablesUnitsAndKeys) {

@@ -11,6 +11,7 @@
 #include "Asic/Constants.h"
 #include "Asic/OrderedTableInterface.h"
 #include "tools/agent/TableDriver.h"
+#include "tools/agent/WaitWatch.h"
 #include "types/TableTypes.h"
 
 namespace VeskTool {
@@ -38,8 +39,10 @@ class AgentLoop final : public TableDriver::Answers {
  public:
   AgentLoop(const AgentOptions& options, std::ostream& out, AgentReport& report)
       : options_(options), out_(out), report_(report), signals_(io_, SIGTERM, SIGINT),
-        pollTimer_(io_), progressTimer_(io_), issued_(options.workload.size()),
-        limit_(adaptive() ? std::min(options.window, kFirstWindow) : options.window) {
+        pollTimer_(io_), progressTimer_(io_), waitWatch_(out, options.waitForHardware, kSilentFor),
+        issued_(options.workload.size()),
+        limit_(adaptive() ? std::min(options.window, kFirstWindow) : options.window),
+        pollInterval_(options.pollEvery) {
     report_.latenciesUs.reserve(options.workload.size());
   }
 
@@ -48,7 +51,7 @@ class AgentLoop final : public TableDriver::Answers {
     resolver_ = group_->groupResolver();
     resolver_->schedulerIs([this] {
       asio::post(io_, [this] {
-        resolver_->runUntilIdle();
+        if (resolver_->runUntilIdle() > 0) answersDue();
         if (!options_.waitForHardware) feed();  // the window counts uncommitted changes then
       });
     });
@@ -58,13 +61,14 @@ class AgentLoop final : public TableDriver::Answers {
       io_.stop();
     });
     start_ = Clock::now();
+    lastActivity_ = start_;
     asio::post(io_, [this] { feed(); });
     pollHardware();
     if (options_.progressEvery.count() > 0) printProgress();
     io_.run();
     report_.runSeconds = std::chrono::duration<double>(Clock::now() - start_).count();
     for (size_t t = 0; t < kTableCount; ++t) report_.tables[t].committed = drivers_[t]->committed();
-    if (options_.verify && !report_.interrupted) verify();
+    if (options_.verify && !report_.interrupted && !report_.gaveUp) verify();
   }
 
  private:
@@ -149,28 +153,63 @@ class AgentLoop final : public TableDriver::Answers {
     if (unsettled() == 0) io_.stop();
   }
 
-  // Reads what the hardware side has taken of each table type and passes it on.
+  // Reads what the hardware side has taken of each table type and passes it on; tells the
+  // operator when changes wait on it (WaitWatch), and gives up after `giveUpAfter`.
   void pollHardware() {
     bool moved = false;
+    auto& shown = shownTables_;
+    shown.resize(kTableCount);
     for (size_t t = 0; t < kTableCount; ++t) {
-      const auto taken = group_->tableVersion(drivers_[t]->tableId());
+      TableDriver& driver = *drivers_[t];
+      const auto taken = group_->tableVersion(driver.tableId());
       if (taken && taken_[t] < *taken) {
         taken_[t] = *taken;
-        drivers_[t]->hardwareTook(*taken);
+        driver.hardwareTook(*taken);
         moved = true;
       }
+      driver.answerRemoveAlls(taken_[t]);
+      shown[t] = {VeskTapAgg::kCatalogue[t].name, driver.logVersion().value(), taken_[t].value(),
+                  driver.logRecords(), driver.logCapacity()};
     }
+    const auto now = Clock::now();
     if (moved) {
+      lastActivity_ = now;
       resizeWindow();
       resolver_->maybeUpdateSuspend();
     }
     if (!options_.waitForHardware) maybeFinish();
-    pollTimer_.expires_after(options_.pollEvery);
+    waitWatch_.look(shown, resolver_->resolverQueueSize(), now);
+    if (options_.giveUpAfter.count() > 0 && waitWatch_.stalledFor(now) >= options_.giveUpAfter) {
+      report_.gaveUp = true;
+      io_.stop();
+      return;
+    }
+    // Fast while answers come or are due; then ever slower, so that waiting costs nothing.
+    if (now - lastActivity_ < kBusyFor) {
+      pollInterval_ = options_.pollEvery;
+    } else {
+      pollInterval_ = std::min<std::chrono::microseconds>(pollInterval_ * 2, kSlowestPoll);
+    }
+    armPoll();
+  }
+
+  void armPoll() {
+    pollTimer_.expires_after(pollInterval_);  // cancels a wait already armed
     pollTimer_.async_wait([this](const asio::error_code& error) {
       if (!error) pollHardware();
     });
   }
 
+  // Changes were just committed: their answers are due, so look at the hardware side often
+  // again at once.
+  void answersDue() {
+    lastActivity_ = Clock::now();
+    if (pollInterval_ == options_.pollEvery) return;
+    pollInterval_ = options_.pollEvery;
+    armPoll();
+  }
+
+  // A line when something moved since the previous one; a stalled run is told by WaitWatch.
   void printProgress() {
     progressTimer_.expires_after(options_.progressEvery);
     progressTimer_.async_wait([this](const asio::error_code& error) {
@@ -179,9 +218,13 @@ class AgentLoop final : public TableDriver::Answers {
       for (const auto& d : drivers_) committed += d->committed();
       const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
       const uint64_t confirmed = report_.total(&AgentReport::PerTable::confirmed);
-      fmt::print(out_, "progress: {}/{} accepted, {} committed, {} confirmed ({:.0f} changes/s)\n",
-                 next_, options_.workload.size(), committed, confirmed, double(confirmed) / seconds);
-      out_.flush();
+      std::string line = fmt::format("progress: {}/{} accepted, {} committed, {} confirmed", next_,
+                                     options_.workload.size(), committed, confirmed);
+      if (line != lastProgress_) {
+        fmt::print(out_, "{} ({:.0f} changes/s)\n", line, double(confirmed) / seconds);
+        out_.flush();
+        lastProgress_ = std::move(line);
+      }
       printProgress();
     });
   }
@@ -214,6 +257,8 @@ class AgentLoop final : public TableDriver::Answers {
   asio::signal_set signals_;
   asio::steady_timer pollTimer_;
   asio::steady_timer progressTimer_;
+  WaitWatch waitWatch_;
+  std::vector<WaitWatch::Table> shownTables_;  // at the latest look, kept for its memory
   Nimbo::Ptr<Asic::OrderedTableInterface> orderedTableIntf_;
   Nimbo::Ptr<Asic::GroupInterface> group_;
   Nimbo::Ptr<Asic::GroupResolver> resolver_;
@@ -227,9 +272,15 @@ class AgentLoop final : public TableDriver::Answers {
   double slowestUs_ = 0;          // slowest answer since the last resize
   bool feedPosted_ = false;
   Clock::time_point start_;
+  Clock::time_point lastActivity_;        // changes committed or taken by the hardware side
+  std::chrono::microseconds pollInterval_;
+  std::string lastProgress_;
 
   static constexpr uint32_t kFirstWindow = 256;
   static constexpr uint32_t kSmallestWindow = 16;
+  static constexpr auto kBusyFor = std::chrono::milliseconds(10);
+  static constexpr std::chrono::microseconds kSlowestPoll = std::chrono::milliseconds(20);
+  static constexpr auto kSilentFor = std::chrono::seconds(2);
 };
 
 }  // namespace
@@ -254,7 +305,8 @@ void printAgentSummary(const AgentReport& r, std::ostream& out) {
              "confirmation p50 {:.0f} us, p99 {:.0f} us{}\n",
              r.total(&AgentReport::PerTable::accepted), r.total(&AgentReport::PerTable::committed),
              confirmed, r.runSeconds, r.runSeconds > 0 ? double(confirmed) / r.runSeconds : 0.0,
-             r.percentileUs(50), r.percentileUs(99), r.interrupted ? " (interrupted)" : "");
+             r.percentileUs(50), r.percentileUs(99),
+             r.interrupted ? " (interrupted)" : r.gaveUp ? " (gave up waiting)" : "");
   if (r.mismatches) fmt::print(out, "MISMATCH: {} keys read back differently\n", r.mismatches);
 }
 
@@ -271,6 +323,7 @@ std::string agentReportJson(const AgentReport& r) {
   j["confirmationP99Us"] = r.percentileUs(99);
   j["mismatches"] = r.mismatches;
   j["interrupted"] = r.interrupted;
+  j["gaveUp"] = r.gaveUp;
   for (size_t t = 0; t < kTableCount; ++t) {
     const auto& p = r.tables[t];
     j["tables"][std::string(VeskTapAgg::kCatalogue[t].name)] = {

@@ -22,7 +22,12 @@ struct AgentOptions {
   bool waitForHardware = true;          // finish only when every change is confirmed
   bool verify = true;                   // read back every key the workload touched
   std::chrono::milliseconds progressEvery{1000};  // 0: no progress lines
-  std::chrono::microseconds pollEvery{25};        // how often the table-version map is read
+  // How often the table-version map is read while answers come or are due; when nothing
+  // has moved for a while, ever less often (at most 50 times a second).
+  std::chrono::microseconds pollEvery{25};
+  // Give up when committed changes have waited this long with no hardware side taking any;
+  // 0: wait until SIGTERM or SIGINT (saying so once).
+  std::chrono::milliseconds giveUpAfter{0};
 };
 
 // What one agent run did, for its summary and for the demo.
@@ -37,6 +42,7 @@ struct AgentReport {
   std::vector<double> latenciesUs;  // write to answer, per confirmed change
   uint64_t mismatches = 0;          // keys whose read disagreed with the workload
   bool interrupted = false;         // stopped by SIGTERM or SIGINT
+  bool gaveUp = false;              // stopped after `giveUpAfter` without a hardware side
 
   uint64_t total(uint64_t PerTable::*field) const;
   double percentileUs(double p) const;
@@ -49,7 +55,9 @@ struct AgentReport {
 // the hardware side needs to keep busy only adds queueing to each answer), lets the group
 // resolver commit them whenever it has work, and turns what the hardware side records in
 // the table-version map into tableStatusVersion calls, which answer the clients. Stops when every change is answered
-// (or committed, without waiting for the hardware), or on SIGTERM/SIGINT.
+// (or committed, without waiting for the hardware), or on SIGTERM/SIGINT. Says once when
+// changes wait on the hardware side (none taking them, or a change log full), and waits
+// without using the CPU.
 AgentReport runAgent(const AgentOptions& options, std::ostream& out);
 void printAgentSummary(const AgentReport& report, std::ostream& out);
 // The report as JSON, for scripts and the demo: totals, per table, restore, latencies.

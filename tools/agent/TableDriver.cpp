@@ -2,6 +2,8 @@
 
 #include <map>
 
+#include "Asic/MajorVersion.h"
+#include "OrderedTable/OrderedSwTableAccessor.h"
 #include "VeskTapAgg/Interface.h"
 #include "tools/core/TableDispatch.h"
 
@@ -47,15 +49,20 @@ class TableDriverOf final : public TableDriver {
       case ChangeKind::removeAll:
         table.entryRemoveAllWithResponseHandler(nullptr, handler);  // answers a failure only
         removeAlls_[c.unit].pending.push_back({number, &answers});
+        ++waitingRemoveAlls_;
         break;
     }
   }
 
   void hardwareTook(Asic::LogVersion version) override {
     for (auto& [unit, table] : tables_) table->tableStatusVersion(version);
+  }
+
+  void answerRemoveAlls(Asic::LogVersion taken) override {
+    if (waitingRemoveAlls_ == 0) return;
     for (auto& [unit, removeAlls] : removeAlls_) {
-      if (!tables_.at(unit)->transientRemoveAllVersion().valid()) removeAlls.logged(intf_->entryLog()->tableVersion().value());
-      removeAlls.answerTakenUpTo(version.value());
+      if (!tables_.at(unit)->transientRemoveAllVersion().valid()) removeAlls.logged(logVersion().value());
+      waitingRemoveAlls_ -= removeAlls.answerTakenUpTo(taken.value());
     }
   }
 
@@ -64,6 +71,12 @@ class TableDriverOf final : public TableDriver {
     for (const auto& [unit, table] : tables_) sum += table->stats().commitCnt();
     return sum;
   }
+
+  Asic::LogVersion logVersion() const override { return intf_->entryLog()->tableVersion(); }
+  uint64_t logRecords() const override {
+    return intf_->entryLog()->tableEntryLog()->entryLogConfigSize();
+  }
+  uint64_t logCapacity() const override { return Asic::OrderedSwTableAccessor<SwTable>::kChangeLogFull; }
 
   bool readsAs(uint16_t unit, uint32_t key, const uint16_t* variant) const override {
     const auto read = tables_.at(unit)->entryRead(keyOf<Traits>(key));
@@ -76,7 +89,8 @@ class TableDriverOf final : public TableDriver {
   // client, so the agent answers it itself: once the unit has no remove-all pending, every
   // earlier one is in the log at or below the log's current version, and it is confirmed
   // when the hardware side has taken that version (possibly a little later than it could
-  // have been, never earlier).
+  // have been, never earlier; at once when it logged nothing and the hardware side had
+  // taken everything before it, or nothing was ever logged).
   struct RemoveAlls {
     struct Waiting {
       uint64_t number;
@@ -89,8 +103,9 @@ class TableDriverOf final : public TableDriver {
       for (Waiting& w : pending) inLog.push_back({w.number, w.answers, logVersion});
       pending.clear();
     }
-    void answerTakenUpTo(uint64_t taken) {
-      std::erase_if(inLog, [&](const Waiting& w) {
+    // Returns how many it answered.
+    size_t answerTakenUpTo(uint64_t taken) {
+      return std::erase_if(inLog, [&](const Waiting& w) {
         if (w.version > taken) return false;
         w.answers->answered(w.number, true);
         return true;
@@ -101,6 +116,7 @@ class TableDriverOf final : public TableDriver {
   Nimbo::Ptr<Interface> intf_;
   std::map<uint16_t, Nimbo::Ptr<SwTable>> tables_;
   std::map<uint16_t, RemoveAlls> removeAlls_;
+  size_t waitingRemoveAlls_ = 0;  // pending or in the log, not yet answered
 };
 
 }  // namespace

@@ -30,8 +30,18 @@ class TableDriver {
                               const std::vector<uint16_t>& units, bool clear) = 0;
   // Applies change number `change`; its answer goes to `answers`, which outlives it.
   virtual void apply(const Change& change, uint64_t number, Answers& answers) = 0;
+  // The hardware side has taken every change up to `version`: answers what it confirms.
   virtual void hardwareTook(Asic::LogVersion version) = 0;
+  // Answers the remove-alls that are committed and in the log at or below `taken`. Called at
+  // every look at the hardware side, not only when it moves: a remove-all of a unit that
+  // holds nothing logs nothing, so no version the hardware side takes may follow it.
+  virtual void answerRemoveAlls(Asic::LogVersion taken) = 0;
   virtual uint64_t committed() const = 0;
+  // The newest version committed to the table type's change log, and the records it holds.
+  virtual Asic::LogVersion logVersion() const = 0;
+  virtual uint64_t logRecords() const = 0;
+  // Records the change log holds at most; a change waits uncommitted while it is full.
+  virtual uint64_t logCapacity() const = 0;
   // Whether a client reading key `key` of `unit` gets the entry of `variant` (null: none).
   virtual bool readsAs(uint16_t unit, uint32_t key, const uint16_t* variant) const = 0;
 };

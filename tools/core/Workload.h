@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <istream>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <vector>
 
@@ -33,14 +34,26 @@ struct WorkloadSpec {
 };
 std::vector<Change> generateWorkload(const WorkloadSpec& spec);
 
-// Reads a workload file, one change a line:
+// Reads a workload, one change a line:
 //   write <Table> <unit> <key> [variant]
 //   remove <Table> <unit> <key>
 //   removeAll <Table> <unit>
-// Blank lines and lines starting with '#' are skipped. A malformed line throws
-// std::invalid_argument naming its number and what is wrong; nothing is returned then.
-std::vector<Change> parseWorkload(std::istream& in);
+// Blank lines and lines starting with '#' are skipped. A malformed line, or one longer
+// than kMaxWorkloadLine, throws std::invalid_argument as "<source>:<line>: what is wrong",
+// echoing at most kMaxEchoed characters of a word; nothing is returned then. Reads at most
+// kMaxWorkloadBytes, whatever the stream holds.
+inline constexpr size_t kMaxWorkloadLine = 1024;
+inline constexpr uint64_t kMaxWorkloadBytes = uint64_t(1) << 30;
+std::vector<Change> parseWorkload(std::istream& in, const std::string& source);
+// The workload of a file: a regular file (or a pipe) of at most kMaxWorkloadBytes; anything
+// else, or a file that cannot be read to its end, throws std::invalid_argument naming it.
+std::vector<Change> readWorkloadFile(const std::string& path);
 std::string formatChange(const Change& change);
+
+// A word of the user's, as an error message echoes it: at most kMaxEchoed characters, then
+// "...".
+inline constexpr size_t kMaxEchoed = 40;
+std::string echoed(std::string_view word);
 
 // What the tables hold after a run of changes: per table, (unit, key) -> variant.
 class ExpectedState {

@@ -63,10 +63,12 @@ struct Child {
   }
 };
 
+// An agent that gives up, rather than waiting forever, should the hardware side be gone.
 std::vector<std::string> agentArgs(const DemoOptions& o, const std::string& report) {
   std::vector<std::string> args{"agent", "--seed", std::to_string(o.seed), "--keys",
                                 std::to_string(o.keys), "--changes", std::to_string(o.changes),
-                                "--progress-ms", "50", "--report-json", report, "--units"};
+                                "--progress-ms", "50", "--give-up-ms", "30000",
+                                "--report-json", report, "--units"};
   for (uint16_t u = 0; u < o.units; ++u) args.push_back(std::to_string(u));
   return args;
 }
@@ -83,7 +85,10 @@ int runDemo(const DemoOptions& o, std::ostream& out) {
 
   Child hw(o.exe, {"hw"});
   std::string text;
-  hw.line(text);  // "hw: resuming after versions ..."
+  if (!hw.line(text)) {  // "hw: resuming after versions ..."; its error is on stderr
+    fmt::print(out, "demo: FAILED: the hardware side did not start (exit status {})\n", hw.wait());
+    return 1;
+  }
   fmt::print(out, "demo: hardware side started (pid {})\n", hw.pid);
 
   // First agent: killed with SIGKILL once about half of the workload is confirmed.
@@ -92,6 +97,7 @@ int runDemo(const DemoOptions& o, std::ostream& out) {
     Child agent(o.exe, agentArgs(o, report1));
     uint64_t confirmed = 0;
     while (agent.line(text)) {
+      if (text.rfind("agent: ", 0) == 0) fmt::print(out, "demo: {}", text);  // what it waits on
       unsigned long long accepted = 0, total = 0, committed = 0, done = 0;
       if (std::sscanf(text.c_str(), "progress: %llu/%llu accepted, %llu committed, %llu confirmed",
                       &accepted, &total, &committed, &done) == 4) {
@@ -110,6 +116,7 @@ int runDemo(const DemoOptions& o, std::ostream& out) {
   Child agent(o.exe, agentArgs(o, report2));
   while (agent.line(text)) {
     if (text.rfind("restored", 0) == 0) fmt::print(out, "demo: agent restarted: {}", text);
+    if (text.rfind("agent: ", 0) == 0) fmt::print(out, "demo: {}", text);
   }
   const int status = agent.wait();
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {

@@ -3,12 +3,14 @@
 #include <csignal>
 #include <map>
 #include <memory>
+#include <optional>
 #include <thread>
 
 #include <fmt/ostream.h>
 
 #include "Asic/MountNamespace.h"
 #include "Asic/TableVersionShard.h"
+#include "KestShard/Directory.h"
 #include "KestSharedMem/MountGroup.h"
 #include "Nimbo/Exception.h"
 #include "tools/core/ReaderMount.h"
@@ -21,13 +23,31 @@ namespace {
 using Clock = std::chrono::steady_clock;
 volatile std::sig_atomic_t stopRequested = 0;
 
+// A change that cannot be read or applied: since when, why, and what mends it.
+struct Stuck {
+  uint64_t version;
+  Clock::time_point since;
+  std::string what;
+  std::string remedy;
+  bool told = false;
+};
+
 class HwTable {
  public:
   virtual ~HwTable() = default;
-  // Applies up to `budget` changes; returns how many.
+  // Applies up to `budget` changes; returns how many. Throws HardwareError when a TCAM
+  // cannot be mounted, which no retry mends.
   virtual uint64_t step(uint64_t budget, std::chrono::microseconds delay) = 0;
   virtual uint64_t processed() const = 0;
+  virtual bool hasLog() const = 0;
+  // The change it has failed to read or apply since, if any.
+  virtual std::optional<Stuck>& stuck() = 0;
 };
+
+// Where a shard of a namespace lives, for messages.
+std::string shardDirectory(const char* nameSpace, const Nimbo::String& shardPath) {
+  return fmt::format("{}/local/{}/{}", KestShard::Directory::rootPath(), nameSpace, shardPath);
+}
 
 template <class Traits>
 class HwTableOf final : public HwTable {
@@ -40,6 +60,8 @@ class HwTableOf final : public HwTable {
       : agentEm_(std::move(agentEm)), processed_(processed) {}
 
   uint64_t processed() const override { return processed_; }
+  bool hasLog() const override { return log_ != nullptr; }
+  std::optional<Stuck>& stuck() override { return stuck_; }
 
   uint64_t step(uint64_t budget, std::chrono::microseconds delay) override {
     if (!log_) {
@@ -57,9 +79,21 @@ class HwTableOf final : public HwTable {
         ++applied;
         if (delay.count() > 0) std::this_thread::sleep_for(delay);
       }
-    } catch (const Nimbo::Exception&) {
+      // Caught up with the log, but below its newest version: the next record is being
+      // written, or lost to damage.
+      if (const uint64_t newest = changes.newestVersion(); applied < budget && newest > processed_) {
+        stuckAt(fmt::format("the change log holds changes up to {} but not this one", newest),
+                fmt::format("delete {}/entryLogConfig",
+                            shardDirectory(VeskTapAgg::kAgentName,
+                                           Traits::Constants::tableEntryLogShardPath())));
+        return applied;
+      }
+    } catch (const Nimbo::Exception& e) {
       // A record the agent is writing right now, or damage: try again at the next poll.
+      stuckAt(e.what(), "delete the damaged file");
+      return applied;
     }
+    stuck_.reset();
     return applied;
   }
 
@@ -85,18 +119,38 @@ class HwTableOf final : public HwTable {
     tcam.appliedVersionIs(change.logVersion);
   }
 
+  // Said once it has lasted (runHardwareSide).
+  void stuckAt(std::string what, std::string remedy) {
+    if (!stuck_ || stuck_->version != processed_ + 1) {
+      stuck_ = Stuck{processed_ + 1, Clock::now(), std::move(what), std::move(remedy)};
+    }
+  }
+
   Tcam& tcamOf(Asic::UnitId unit) {
     auto& held = tcams_[unit];
-    if (!held) held = Tcam::mount(unit, KestShard::KestShardType::writer);
+    if (held) return *held;
+    try {
+      held = Tcam::mount(unit, KestShard::KestShardType::writer);
+    } catch (const std::exception& e) {
+      throw HardwareError(fmt::format(
+          "cannot use the TCAM of {} unit {} in {}: {} (remove that file, or make it a regular "
+          "file of this user's with mode 600, then start the hardware side again)",
+          Traits::tableName, unit, shardDirectory(kHardwareNamespace, Tcam::path(unit)), e.what()));
+    }
     return *held;
   }
 
+  // The agent may be making it anew right now: a failure here is retried, and told once
+  // it lasts.
   ConfigShard& configOf(Asic::UnitId unit) {
     auto& held = configs_[unit];
     if (!held) {
       held = mountAgentShard<ConfigShard>(agentEm_, Traits::Constants::configShardPath(unit),
                                           "swTableEntries", 65536);
-      if (!held) throw Nimbo::InvalidArgumentException(fmt::format("no configuration for unit {}", unit));
+      if (!held) {
+        throw Nimbo::InvalidArgumentException(
+            fmt::format("the agent has no configuration of unit {}", unit));
+      }
     }
     return *held;
   }
@@ -104,13 +158,47 @@ class HwTableOf final : public HwTable {
   Nimbo::Ptr<KestSharedMem::EntityManager> agentEm_;
   uint64_t processed_;
   Nimbo::Ptr<LogShard> log_;
+  std::optional<Stuck> stuck_;
   std::map<Asic::UnitId, Nimbo::Ptr<Tcam>> tcams_;
   std::map<Asic::UnitId, Nimbo::Ptr<ConfigShard>> configs_;
 };
 
+// Changes of one table applied before the version taken is recorded: a backlog is answered
+// as it is worked off, not only at its end.
+constexpr uint64_t kBatch = 4096;
+constexpr auto kBusyFor = std::chrono::milliseconds(10);
+constexpr std::chrono::microseconds kSlowestPoll = std::chrono::milliseconds(5);
+constexpr auto kTellAfter = std::chrono::seconds(2);
+
+// Says once what keeps an idle hardware side from working: no agent's change log at all
+// (on `out`), or a change it has failed to read or apply for a while (on `err`).
+void tellWhatHoldsItUp(std::vector<std::unique_ptr<HwTable>>& tables, Clock::time_point start,
+                       Clock::time_point now, bool& toldNoAgent, std::ostream& out,
+                       std::ostream& err) {
+  bool anyLog = false;
+  for (size_t t = 0; t < tables.size(); ++t) {
+    anyLog |= tables[t]->hasLog();
+    auto& stuck = tables[t]->stuck();
+    if (!stuck || stuck->told || now - stuck->since < kTellAfter) continue;
+    stuck->told = true;
+    fmt::print(err,
+               "hw: change {} of {} cannot be read or applied ({}); retrying (if it lasts, stop "
+               "the agent, {} and start it again: it rebuilds what is missing)\n",
+               stuck->version, VeskTapAgg::kCatalogue[t].name, stuck->what, stuck->remedy);
+    err.flush();
+  }
+  if (!anyLog && !toldNoAgent && now - start >= kTellAfter) {
+    toldNoAgent = true;
+    fmt::print(out, "hw: no agent's change log at {} yet; waiting for an agent\n",
+               KestShard::Directory::rootPath());
+    out.flush();
+  }
+}
+
 }  // namespace
 
-HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out) {
+HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out,
+                               std::ostream& err) {
   stopRequested = 0;
   std::signal(SIGTERM, [](int) { stopRequested = 1; });
   std::signal(SIGINT, [](int) { stopRequested = 1; });
@@ -138,6 +226,9 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
   auto lastProgress = Clock::now();
   const auto start = Clock::now();
   uint64_t total = 0;
+  std::optional<uint64_t> totalShown;
+  auto idleSleep = options.pollEvery;
+  bool toldNoAgent = false;
   while (!stopRequested) {
     uint64_t budget = UINT64_MAX;
     if (options.rate) {
@@ -147,7 +238,7 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
     }
     uint64_t applied = 0;
     for (size_t t = 0; t < kTableCount && applied < budget; ++t) {
-      const uint64_t n = tables[t]->step(budget - applied, options.delay);
+      const uint64_t n = tables[t]->step(std::min(budget - applied, kBatch), options.delay);
       if (n == 0) continue;
       applied += n;
       report.applied[t] += n;
@@ -155,14 +246,34 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
     }
     total += applied;
     const auto now = Clock::now();
-    if (applied) lastWork = now;
-    if (options.exitWhenIdle.count() > 0 && now - lastWork > options.exitWhenIdle) break;
+    if (applied || budget == 0) {  // at the rate limit it is busy, not idle
+      lastWork = now;
+      idleSleep = options.pollEvery;
+    }
+    if (options.exitWhenIdle.count() > 0 && now - lastWork > options.exitWhenIdle) {
+      for (size_t t = 0; t < kTableCount; ++t) {
+        if (const auto& stuck = tables[t]->stuck()) {
+          throw HardwareError(fmt::format(
+              "the hardware side stopped idle without applying change {} of {}: {} (stop the "
+              "agent, {} and start it again: it rebuilds what is missing; then the hardware side)",
+              stuck->version, VeskTapAgg::kCatalogue[t].name, stuck->what, stuck->remedy));
+        }
+      }
+      break;
+    }
     if (options.progressEvery.count() > 0 && now - lastProgress > options.progressEvery) {
       lastProgress = now;
-      fmt::print(out, "hw: {} changes applied\n", total);
+      if (totalShown != total) fmt::print(out, "hw: {} changes applied\n", total);
+      totalShown = total;
       out.flush();
     }
-    if (!applied && now - lastWork >= options.spinFor) std::this_thread::sleep_for(options.pollEvery);
+    if (applied) continue;
+    tellWhatHoldsItUp(tables, start, now, toldNoAgent, out, err);
+    if (now - lastWork >= options.spinFor) {
+      std::this_thread::sleep_for(idleSleep);
+      // Idle for a while: ever longer sleeps, so that waiting costs nothing.
+      if (now - lastWork > kBusyFor) idleSleep = std::min<std::chrono::microseconds>(idleSleep * 2, kSlowestPoll);
+    }
   }
   for (size_t t = 0; t < kTableCount; ++t) report.taken[t] = tables[t]->processed();
   return report;

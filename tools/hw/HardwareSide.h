@@ -4,13 +4,15 @@
 #include <chrono>
 #include <cstdint>
 #include <ostream>
+#include <stdexcept>
 
 #include "tools/core/TableDispatch.h"
 
 namespace VeskTool {
 
 struct HardwareOptions {
-  std::chrono::microseconds pollEvery{50};   // sleep between looks at the logs when idle
+  // Sleep between looks at the logs when idle; idle for a while, ever longer (5 ms at most).
+  std::chrono::microseconds pollEvery{50};
   // After work, look again at once for this long before sleeping: an agent writing a
   // stream of changes commits the next ones within microseconds, and a sleep (with its
   // timer slack) would add a tenth of a millisecond to each of their answers.
@@ -27,12 +29,24 @@ struct HardwareReport {
   std::array<uint64_t, kTableCount> taken{};
 };
 
+// A TCAM the hardware side needs cannot be used, or it stops idle (exitWhenIdle) with a
+// change it could not read or apply: the message names the file or change and what to do.
+class HardwareError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
 // The hardware side, a process of its own: reads every table type's change log (read-only)
 // in version order, applies each change to the simulated TCAM of its unit (a write takes
 // the entry from the unit's configuration, read-only too), and records the version it has
 // processed in the group's table-version map, which the agent reads. A restart resumes
 // after the recorded version; a TCAM remembers the newest version applied to it, so a
-// change applied before a crash and not yet recorded is not applied again.
-HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out);
+// change applied before a crash and not yet recorded is not applied again. Throws
+// HardwareError when a TCAM cannot be mounted, or when it stops idle with a change it could
+// not read or apply; says once when it waits for an agent (on
+// `out`, with its progress), or cannot read or apply a change for a while (on `err`; it
+// retries).
+HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out,
+                               std::ostream& err);
 
 }  // namespace VeskTool

@@ -1,6 +1,12 @@
 #include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <string>
 
 #include "Kest/Log.h"
 
@@ -89,6 +95,54 @@ TEST(Log, TheBucketRefillsAtTheRatePerInterval) {
   EXPECT_FALSE(handle.admit(t0 + Duration::seconds(60))) << "never more than the burst";
   EXPECT_EQ(handle.logged(), 7u);
   EXPECT_EQ(handle.suppressed(), 4u);
+}
+
+// --- Where an operator sees it ---
+
+// What a fresh process writes to stderr when it logs one message with VESK_LOG_STDERR set
+// to `mode` (null: unset).
+std::string stderrOfAChildThatLogs(const char* mode) {
+  int fds[2];
+  EXPECT_EQ(pipe(fds), 0);
+  const pid_t pid = fork();
+  if (pid == 0) {
+    if (mode) {
+      setenv("VESK_LOG_STDERR", mode, 1);
+    } else {
+      unsetenv("VESK_LOG_STDERR");
+    }
+    dup2(fds[1], STDERR_FILENO);
+    close(fds[0]);
+    close(fds[1]);
+    Kest::LogHandle handle(kLoadError, Duration(), 1.0, 1, 0);
+    Kest::log(handle, "configShard::DefaultFwdTcamEntry");
+    _exit(0);
+  }
+  close(fds[1]);
+  std::string err;
+  char buffer[512];
+  for (ssize_t n; (n = read(fds[0], buffer, sizeof buffer)) > 0;) err.append(buffer, size_t(n));
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  return err;
+}
+
+TEST(Log, WithoutASyslogSocketOrWhenAskedTheMessageIsOnStderrToo) {
+  const std::string line =
+      ": %TEST_LOAD_ERROR: Hardware abstraction error: unable to load item: "
+      "configShard::DefaultFwdTcamEntry\n";
+  const std::string asked = stderrOfAChildThatLogs("1");
+  EXPECT_NE(asked.find(line), std::string::npos) << asked;
+  EXPECT_EQ(std::count(asked.begin(), asked.end(), '\n'), 1) << asked;
+  EXPECT_EQ(stderrOfAChildThatLogs("0"), "") << "switched off";
+
+  struct stat socket;
+  const bool hasSyslogSocket = stat(_PATH_LOG, &socket) == 0 && S_ISSOCK(socket.st_mode);
+  const std::string unset = stderrOfAChildThatLogs(nullptr);
+  EXPECT_EQ(unset.find(line) != std::string::npos, !hasSyslogSocket)
+      << "mirrored exactly when no syslog socket takes it: " << unset;
 }
 
 // --- Registry ---
