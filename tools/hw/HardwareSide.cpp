@@ -2,6 +2,7 @@
 
 #include <csignal>
 #include <map>
+#include <iostream>
 #include <memory>
 #include <optional>
 #include <thread>
@@ -72,6 +73,11 @@ class HwTableOf final : public HwTable {
     uint64_t applied = 0;
     try {
       const auto& changes = log_->entryLogConfigColl();
+      // The agent drops only changes the hardware side has taken: versions below the
+      // oldest one logged were taken before (by a run whose record of them was lost).
+      if (auto oldest = changes.begin(); oldest != changes.end() && oldest->logVersion.value() > processed_ + 1) {
+        processed_ = oldest->logVersion.value() - 1;
+      }
       for (auto it = changes.at(Asic::LogVersion(processed_ + 1)); it != changes.end() && applied < budget; ++it) {
         if (it->logVersion.value() != processed_ + 1) break;  // not appended yet
         apply(*it);
@@ -137,7 +143,27 @@ class HwTableOf final : public HwTable {
           "file of this user's with mode 600, then start the hardware side again)",
           Traits::tableName, unit, shardDirectory(kHardwareNamespace, Tcam::path(unit)), e.what()));
     }
+    const auto& control = held->tcam().control();
+    if (control->wiped() || (held->tcam().store().segment()->created() && processed_ > 0)) {
+      reprogram(*held, unit);
+      control->clearWiped();
+    }
     return *held;
+  }
+
+  // A TCAM lost after changes were applied to it is programmed again from the
+  // configuration: every live entry, as of the changes taken so far.
+  void reprogram(Tcam& tcam, Asic::UnitId unit) {
+    uint64_t lines = 0;
+    configOf(unit).swTableEntriesColl().forEach([&](const auto& record) {
+      if (record.isDeleted || record.logVersion.value() > processed_) return;
+      tcam.tcam().insertOrReplace({record.logEntry, record.logVersion});
+      ++lines;
+    });
+    tcam.appliedVersionIs(Asic::LogVersion(processed_));
+    if (lines == 0) return;  // a unit seen for the first time
+    fmt::print(std::cerr, "vesktap: the TCAM of {} unit {} was lost; programmed {} entries again from the configuration\n",
+               Traits::tableName, unit, lines);
   }
 
   // The agent may be making it anew right now: a failure here is retried, and told once
