@@ -30,7 +30,7 @@ VersionStore::VersionStore(Nimbo::Ptr<Segment> segment, Nimbo::String name)
         fmt::format("{}: a version-ordered collection needs an 8-byte key, not {} bytes", this->name(),
                     geometry().layout.keySize));
   }
-  if (writable() && recoveryNeeded()) recover();
+  if (writable() && (recoveryNeeded() || !spanPlausible())) recover();
 }
 
 VersionStore::Slot& VersionStore::slot(uint64_t position) const noexcept {
@@ -272,6 +272,22 @@ void VersionStore::releaseFreed(uint64_t from, uint64_t to) {
   }
 }
 
+// Whether the slot of `position` was ever filled, as every slot of the span was: its
+// chunk is reserved and its sequence word is past 0 then. (An unreserved page is never
+// read: on a full tmpfs that would be SIGBUS.)
+bool VersionStore::written(uint64_t position) const noexcept {
+  const uint32_t index = uint32_t(position % geometry().capacity);
+  return segment()->reserved(geometry().slotOffset(index)) && slot(position).sequence != 0;
+}
+
+// Cheap checks of the span's words, so that a damaged head or tail is repaired at the
+// writer's mount rather than trusted: a span within the capacity, ending in a filled slot.
+bool VersionStore::spanPlausible() const noexcept {
+  const SegmentHeader& h = header();
+  return h.tail >= h.head && h.tail - h.head <= geometry().capacity &&
+         (h.tail == h.head || written(h.tail - 1));
+}
+
 // Puts back a slot a stopped writer was rewriting, then recounts the live span and
 // releases what a stopped writer left reserved behind the head.
 void VersionStore::recover() {
@@ -285,6 +301,14 @@ void VersionStore::recover() {
     repaired(fmt::format("head {} and tail {} damaged; the log restarts empty at {}", h.head,
                          h.tail, h.tail));
     h.head = h.tail;
+  }
+  // A tail moved past the slots ever filled would have appends compared with, and lookups
+  // led astray by, slots that hold nothing: the span ends at the last filled slot.
+  const uint64_t damagedTail = h.tail;
+  while (h.tail > h.head && !written(h.tail - 1)) --h.tail;
+  if (h.tail != damagedTail) {
+    repaired(fmt::format("tail {} lies past the filled slots; the log ends at {}", damagedTail,
+                         h.tail));
   }
   while (h.head < h.tail && slot(h.head).state != kLive) ++h.head;
   uint32_t live = 0;

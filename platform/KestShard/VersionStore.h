@@ -52,6 +52,8 @@ class VESK_EXPORT VersionStore : public Store {
   void writeSlot(Slot& s, const unsigned char* record);
   void releaseFreed(uint64_t from, uint64_t to);
   bool chunkInUse(uint64_t chunk, uint64_t head, uint64_t liveSpan) const noexcept;
+  bool written(uint64_t position) const noexcept;
+  bool spanPlausible() const noexcept;
   void recover();
 };
 

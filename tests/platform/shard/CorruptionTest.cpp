@@ -160,6 +160,29 @@ TEST_F(CorruptionTest, DamagedHeaderIsReportedOnLookupAndRepairedByTheWriter) {
   EXPECT_TRUE(shard->records.find(Record::of(1, 0).key)->whole()) << "repaired after the report";
 }
 
+// A tail moved past the slots ever filled (a flipped bit, say) would have the writer compare
+// appends with empty slots, take a version older than the stored ones and then find it
+// nowhere. The writer's mount ends the span at the last filled slot instead.
+TEST_F(CorruptionTest, ALogTailPastTheFilledSlotsIsTrimmedAtTheWriterMount) {
+  {
+    auto shard = mountTestShard("tail", 64, 1024);
+    for (uint64_t v = 1; v <= 60; ++v) shard->log.insertOrReplace(LogRecord::of(v));
+    for (uint64_t v = 1; v <= 20; ++v) shard->log.erase(v);
+    unmount("tail");
+  }
+  {
+    Damage d(segmentFile(root, "tail", "log"));
+    reinterpret_cast<KestShard::SegmentHeader*>(d.base())->tail += 400;
+  }
+  auto shard = mountTestShard("tail", 64, 1024);
+  EXPECT_FALSE(shard->log.store().mountRepairs().empty());
+  EXPECT_EQ(shard->log.newestVersion(), 60u);
+  EXPECT_THROW(shard->log.insertOrReplace(LogRecord::of(5)), Nimbo::InvalidArgumentException);
+  shard->log.insertOrReplace(LogRecord::of(61));
+  EXPECT_TRUE(shard->log.find(61)->whole());
+  EXPECT_EQ(shard->log.count(), 41u);
+}
+
 // The first non-empty bucket word of a keyed collection's index.
 uint32_t& firstUsedBucket(Damage& d, uint32_t buckets) {
   auto* words = reinterpret_cast<uint32_t*>(d.base() + 8192);

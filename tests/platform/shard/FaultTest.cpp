@@ -3,9 +3,12 @@
 #include <sys/mount.h>
 
 #include <cerrno>
+#include <cstddef>
+#include <fstream>
 
 #include "ShardTestSupport.h"
 #include "KestShard/Env.h"
+#include "KestShard/SegmentLayout.h"
 #include "Nimbo/Exception.h"
 
 namespace ShardTest {
@@ -93,6 +96,34 @@ TEST_F(FaultTest, NoSpaceWhileAppendingToTheLogLosesNothing) {
   EXPECT_FALSE(shard->log.contains(v));
   shard->log.insertOrReplace(LogRecord::of(v));
   EXPECT_TRUE(shard->log.find(v)->whole());
+}
+
+// A damaged high-water mark sends the writer's repair past the chunks its slots were
+// reserved in: it reserves them before it touches them, so that a full filesystem is an
+// error there rather than a signal, and a retry with space finds every record.
+TEST_F(FaultTest, ARepairPastTheReservedSlotsReservesThemFirst) {
+  {
+    auto shard = mountTestShard("mark", 4096, 16);
+    for (uint32_t id = 0; id < 10; ++id) shard->records.insertOrReplace(Record::of(id, 1));
+    unmount("mark");
+  }
+  {
+    std::fstream f(segmentFile(root, "mark", "records"),
+                   std::ios::in | std::ios::out | std::ios::binary);
+    const uint64_t stoppedInAChange = 1;
+    const uint32_t everySlot = 4097;
+    f.seekp(offsetof(KestShard::SegmentHeader, generation))
+        .write(reinterpret_cast<const char*>(&stoppedInAChange), sizeof stoppedInAChange);
+    f.seekp(offsetof(KestShard::SegmentHeader, highWater))
+        .write(reinterpret_cast<const char*>(&everySlot), sizeof everySlot);
+  }
+  env.failNth(FaultyEnv::Call::reserve, 1, ENOSPC);
+  EXPECT_THROW(mountTestShard("mark", 4096, 16), Nimbo::SystemException);
+  auto shard = mountTestShard("mark", 4096, 16);
+  EXPECT_EQ(shard->records.count(), 10u);
+  for (uint32_t id = 0; id < 10; ++id) {
+    EXPECT_TRUE(shard->records.find(Record::of(id, 0).key)->whole()) << id;
+  }
 }
 
 TEST_F(FaultTest, EveryFailingCallOfACreationLeavesNoHalfMadeSegment) {
