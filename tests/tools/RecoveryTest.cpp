@@ -7,6 +7,7 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include <nlohmann/json.hpp>
 
@@ -115,6 +116,27 @@ TEST_F(RecoveryTest, ALostTableVersionMapResumesAtTheOldestLoggedChange) {
   std::filesystem::remove(segment("/tableVersion/tableVersion"));
   const auto hw = run({"hw", "--exit-when-idle", "300"});
   ASSERT_EQ(hw.code, 0) << hw.err;
+  expectHardwareHoldsTheConfiguration();
+}
+
+// The allocation bits of a TCAM zeroed: every line reads as never stored. `show` says the
+// index is damaged instead of reporting lines silently missing, and the next hardware side
+// rebuilds the index from the lines themselves.
+TEST_F(RecoveryTest, ADamagedTcamIndexIsReportedAndRebuiltByTheHardwareSide) {
+  agent("60", "1");
+  hardwareUntilIdle();
+  {
+    std::fstream tcam(segment("/" + std::string(kTable) + "/tcam/0/tcam"),
+                      std::ios::in | std::ios::out | std::ios::binary);
+    tcam.seekp(4096);
+    const std::string zeros(4096, '\0');
+    tcam.write(zeros.data(), std::streamsize(zeros.size()));
+  }
+  const auto shown = run({"show", "--table", kTable, "--unit", "0"});
+  EXPECT_NE(shown.err.find("damaged"), std::string::npos) << shown.out << shown.err;
+  const auto hw = run({"hw", "--exit-when-idle", "300"});
+  ASSERT_EQ(hw.code, 0) << hw.err;
+  EXPECT_NE(hw.err.find("rebuilt"), std::string::npos) << hw.err;
   expectHardwareHoldsTheConfiguration();
 }
 

@@ -78,7 +78,11 @@ std::optional<UnitContents<Traits>> AgentMemory::unit(Asic::UnitId unit, bool wi
     if (withEntries) contents.entries.push_back({record.logEntry, record.logVersion, inHardware});
   });
   if (tcam) {
-    contents.tcamLines = tcam->tcam().count();
+    // Walked rather than counted: a walk that reaches fewer lines than the TCAM counts
+    // reports its damaged index.
+    uint32_t lines = 0;
+    tcam->tcam().forEach([&](const auto&) { ++lines; });
+    contents.tcamLines = lines;
     contents.tcamAppliedVersion = tcam->appliedVersion();
   }
   return contents;

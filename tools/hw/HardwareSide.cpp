@@ -69,6 +69,11 @@ class HwTableOf final : public HwTable {
       log_ = mountAgentShard<LogShard>(agentEm_, Traits::Constants::tableEntryLogShardPath(),
                                        "entryLogConfig", 1000000);
       if (!log_) return 0;
+      // Every TCAM the agent has units for is looked over now (lost ones programmed again,
+      // damaged indexes rebuilt), not when its next change happens to come.
+      for (Asic::UnitId unit : configuredUnits(agentEm_, Traits::Constants::configShardPathBase())) {
+        tcamOf(unit);
+      }
     }
     uint64_t applied = 0;
     try {
@@ -143,6 +148,9 @@ class HwTableOf final : public HwTable {
           "file of this user's with mode 600, then start the hardware side again)",
           Traits::tableName, unit, shardDirectory(kHardwareNamespace, Tcam::path(unit)), e.what()));
     }
+    // One walk at the first mount: a damaged index is rebuilt by it, before lines are
+    // looked up (and silently missed) through it.
+    held->tcam().forEach([](const auto&) {});
     const auto& control = held->tcam().control();
     if (control->wiped() || (held->tcam().store().segment()->created() && processed_ > 0)) {
       reprogram(*held, unit);
