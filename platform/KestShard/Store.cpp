@@ -13,6 +13,8 @@
 
 namespace KestShard {
 
+void (*publishHook)() noexcept = nullptr;
+
 Store::Store(Nimbo::Ptr<Segment> segment, Nimbo::String name)
     : Shard::ShardMapBase(std::move(name)),
       segment_(std::move(segment)),

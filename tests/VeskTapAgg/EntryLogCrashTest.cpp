@@ -3,12 +3,14 @@
 
 #include <signal.h>
 
+#include <filesystem>
 #include <map>
 #include <optional>
 #include <random>
 #include <set>
 #include <string_view>
 
+#include "KestShard/Atomics.h"
 #include "KestShard/Env.h"
 
 #include "VeskTapAgg/EntryLogTestSupport.h"
@@ -325,6 +327,103 @@ TEST_P(RemoveAllKillTest, ARemoveAllIsFinishedWholeOrNotAtAll) {
 }
 
 INSTANTIATE_TEST_SUITE_P(KillMoments, RemoveAllKillTest, ::testing::Range(0u, 24u));
+
+// The kill-point sweep: a writer stopped at the Nth publishing store of a write, a replace,
+// a delete, a unit delete or a cleanup, for every N until the change completes. After each
+// stop the remount holds every key as before or after the change, every record is named
+// by a change of its version (but after a cleanup, which drops changes), and a new change
+// takes a version no record or change holds.
+enum class SweptChange { write, replace, del, tableDel, cleanup };
+
+class KillPointSweepTest : public ::testing::TestWithParam<SweptChange> {
+ protected:
+  static void prepare(Agent& agent) {
+    agent.mounted();
+    for (uint32_t key = 0; key < 12; ++key) agent.write(key, 1);
+    agent.del(3);
+  }
+  static void change(Agent& agent, SweptChange kind) {
+    auto& log = agent.log();
+    switch (kind) {
+      case SweptChange::write: agent.write(20, 2); break;
+      case SweptChange::replace: agent.write(5, 2); break;
+      case SweptChange::del: agent.del(7); break;
+      case SweptChange::tableDel: log.tableDel(nullptr, UnitId(0)); break;
+      case SweptChange::cleanup: log.cleanupEntryLog(log.tableVersion()); break;
+    }
+  }
+  static void checkRemount(SweptChange kind, uint32_t n);
+  TempShmRoot root;
+};
+
+TEST_P(KillPointSweepTest, EveryStoreOfAChangeIsAPlaceToStop) {
+  const SweptChange kind = GetParam();
+  bool completed = false;
+  for (uint32_t n = 1; !completed && n < 2000; ++n) {
+    std::filesystem::remove_all(root.path());
+    fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+      Agent agent;
+      prepare(agent);
+      static uint32_t countdown;
+      countdown = n;
+      KestShard::publishHook = []() noexcept {
+        if (--countdown == 0) raise(SIGKILL);
+      };
+      change(agent, kind);
+      KestShard::publishHook = nullptr;
+      _exit(0);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    completed = WIFEXITED(status);
+    ASSERT_TRUE(completed || WTERMSIG(status) == SIGKILL) << "stop " << n;
+
+    // Checked in a process of its own, as a restarted agent: mounts are process-wide.
+    EXPECT_EQ(inChild([&] { checkRemount(kind, n); }), 0) << "after stop " << n;
+  }
+  EXPECT_TRUE(completed) << "the change never completed";
+}
+
+void KillPointSweepTest::checkRemount(SweptChange kind, uint32_t n) {
+  {
+    Agent agent;
+    auto& log = agent.mounted();
+    std::map<uint64_t, typename Traits::LogShardEntry> changes;
+    uint64_t newest = log.tableVersion().value();
+    for (const auto& c : agent.changes()) {
+      changes[c.logVersion.value()] = c;
+      newest = std::max(newest, c.logVersion.value());
+    }
+    uint32_t live = 0;
+    log.tableConfigShard(UnitId(0))->swTableEntriesColl().forEach([&](const auto& record) {
+      const uint64_t v = record.logVersion.value();
+      newest = std::max(newest, v);
+      live += record.isDeleted ? 0 : 1;
+      if (kind == SweptChange::cleanup) return;
+      ASSERT_TRUE(changes.count(v)) << "stop " << n << ": a record at version " << v << " has no change";
+      const auto& c = changes[v];
+      if (c.deleteKind != uint8_t(VeskTapAgg::DeleteKind::unitDelete)) {
+        EXPECT_EQ(std::memcmp(&c.key, &record.logEntry.entryKey, sizeof c.key), 0) << "stop " << n;
+      } else {
+        EXPECT_TRUE(record.isDeleted) << "stop " << n;
+      }
+    });
+    switch (kind) {
+      case SweptChange::write: EXPECT_TRUE(live == 11 || live == 12) << "stop " << n; break;
+      case SweptChange::replace:
+      case SweptChange::cleanup: EXPECT_EQ(live, 11u) << "stop " << n; break;
+      case SweptChange::del: EXPECT_TRUE(live == 11 || live == 10) << "stop " << n; break;
+      case SweptChange::tableDel: EXPECT_TRUE(live == 11 || live == 0) << "stop " << n; break;
+    }
+    EXPECT_GT(agent.write(30).value(), newest) << "stop " << n << ": a version is issued twice";
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, KillPointSweepTest,
+                         ::testing::Values(SweptChange::write, SweptChange::replace, SweptChange::del,
+                                           SweptChange::tableDel, SweptChange::cleanup));
 
 }  // namespace
 }  // namespace VeskTest
