@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -102,6 +104,30 @@ inline double cpuSeconds(pid_t pid) {
   fields >> utime >> stime;
   return double(utime + stime) / double(sysconf(_SC_CLK_TCK));
 }
+
+// A fresh shared-memory root (VESK_SHM_ROOT) for one test case, inherited by the programs
+// it starts and removed afterwards.
+class FreshRoot {
+ public:
+  explicit FreshRoot(const char* prefix) {
+    std::string dir = "/dev/shm/";
+    dir.append(prefix).append("-XXXXXX");
+    if (!mkdtemp(dir.data())) throw std::runtime_error("cannot make a directory under /dev/shm");
+    path_ = dir;
+    setenv("VESK_SHM_ROOT", path_.c_str(), 1);
+  }
+  ~FreshRoot() {
+    unsetenv("VESK_SHM_ROOT");
+    std::error_code ignored;
+    std::filesystem::remove_all(path_, ignored);
+  }
+  FreshRoot(const FreshRoot&) = delete;
+  FreshRoot& operator=(const FreshRoot&) = delete;
+  const std::string& path() const { return path_; }
+
+ private:
+  std::string path_;
+};
 
 // Runs vesktap to its end.
 struct Run {

@@ -27,16 +27,6 @@ using Json = nlohmann::json;
 // Every case on its own shared-memory root, inherited by the programs it starts.
 class CliTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/dev/shm/vesk-cli-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    root_ = dir;
-    setenv("VESK_SHM_ROOT", root_.c_str(), 1);
-  }
-  void TearDown() override {
-    unsetenv("VESK_SHM_ROOT");
-    std::filesystem::remove_all(root_);
-  }
 
   std::string workloadFile(const std::vector<Change>& changes) {
     const std::string path = root_ + "/workload.txt";
@@ -71,7 +61,8 @@ class CliTest : public ::testing::Test {
     return none;
   }
 
-  std::string root_;
+  VeskTest::FreshRoot fresh_{"vesk-cli"};
+  const std::string root_ = fresh_.path();
 };
 
 // What `show` lists for a table after `changes`: per unit, formatted key -> formatted entry.

@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include "tests/tools/CliSupport.h"
@@ -23,16 +24,6 @@ constexpr const char* kTable = "DefaultFwdTcamAction";
 
 class RecoveryTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char dir[] = "/dev/shm/vesk-recovery-XXXXXX";
-    ASSERT_NE(mkdtemp(dir), nullptr);
-    root_ = dir;
-    setenv("VESK_SHM_ROOT", root_.c_str(), 1);
-  }
-  void TearDown() override {
-    unsetenv("VESK_SHM_ROOT");
-    std::filesystem::remove_all(root_);
-  }
 
   // The agent on unit 0 of the table, without a hardware side: commits and stops.
   void agent(const std::string& changes, const std::string& seed) {
@@ -44,9 +35,13 @@ class RecoveryTest : public ::testing::Test {
     const auto r = run({"hw", "--exit-when-idle", "300"});
     ASSERT_EQ(r.code, 0) << r.err;
   }
+  // The file of a segment of the table under test, e.g. "tcam/0/tcam".
+  std::filesystem::path tableSegment(const char* rest) const {
+    return segment(fmt::format("/{}/{}", kTable, rest));
+  }
   // The file of a segment (not its namespace marker), found by the end of its path.
   std::filesystem::path segment(const std::string& endsWith) const {
-    for (const auto& f : std::filesystem::recursive_directory_iterator(root_)) {
+    for (const auto& f : std::filesystem::recursive_directory_iterator(root_.path())) {
       const std::string path = f.path().string();
       if (f.is_regular_file() && path.ends_with(endsWith) && path.find("/.namespace/") == std::string::npos) {
         return f.path();
@@ -69,7 +64,7 @@ class RecoveryTest : public ::testing::Test {
     EXPECT_EQ(unit["tcamLines"], unit["liveEntries"]) << unit.dump(1);
   }
 
-  std::string root_;
+  VeskTest::FreshRoot root_{"vesk-recovery"};
 };
 
 // The hardware side has taken the first changes; later ones are committed but not taken
@@ -79,7 +74,7 @@ TEST_F(RecoveryTest, ALostChangeLogIsRebuiltFromTheConfigurationAboveWhatTheHard
   agent("100", "1");
   hardwareUntilIdle();
   agent("30", "2");
-  std::filesystem::remove(segment("/" + std::string(kTable) + "/entryLog/entryLogConfig"));
+  std::filesystem::remove(tableSegment("entryLog/entryLogConfig"));
   agent("0", "3");
   hardwareUntilIdle();
   expectHardwareHoldsTheConfiguration();
@@ -98,7 +93,7 @@ TEST_F(RecoveryTest, ALostChangeLogIsRebuiltFromTheConfigurationAboveWhatTheHard
 TEST_F(RecoveryTest, ALostTcamIsProgrammedAgainFromTheConfiguration) {
   agent("100", "1");
   hardwareUntilIdle();
-  std::filesystem::remove(segment("/" + std::string(kTable) + "/tcam/0/tcam"));
+  std::filesystem::remove(tableSegment("tcam/0/tcam"));
   agent("10", "2");
   const auto hw = run({"hw", "--exit-when-idle", "300"});
   ASSERT_EQ(hw.code, 0) << hw.err;
@@ -126,7 +121,7 @@ TEST_F(RecoveryTest, ADamagedTcamIndexIsReportedAndRebuiltByTheHardwareSide) {
   agent("60", "1");
   hardwareUntilIdle();
   {
-    std::fstream tcam(segment("/" + std::string(kTable) + "/tcam/0/tcam"),
+    std::fstream tcam(tableSegment("tcam/0/tcam"),
                       std::ios::in | std::ios::out | std::ios::binary);
     tcam.seekp(4096);
     const std::string zeros(4096, '\0');

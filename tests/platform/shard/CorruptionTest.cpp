@@ -191,18 +191,22 @@ uint32_t& firstUsedBucket(Damage& d, uint32_t buckets) {
   return words[b];
 }
 
+// A shard `name` of 64 records, unmounted with the first used bucket word set to `link`.
+void fullShardWithFirstLinkAs(const TempRoot& root, const std::string& name, uint32_t link) {
+  {
+    auto shard = mountTestShard(name, 64);
+    for (uint32_t id = 0; id < 64; ++id) shard->records.insertOrReplace(Record::of(id, 1));
+  }
+  unmount(name);
+  Damage d(segmentFile(root, name, "records"));
+  firstUsedBucket(d, 64) = link;
+}
+
 // The index is derived from the records: a writer that meets a broken link rebuilds it
 // from the slots, and nothing the chain held is lost.
 TEST_F(CorruptionTest, ADamagedLinkHidesNothingFromTheWriter) {
+  fullShardWithFirstLinkAs(root, "chain", 60000);  // far outside the used slots
   auto shard = mountTestShard("chain", 64);
-  for (uint32_t id = 0; id < 64; ++id) shard->records.insertOrReplace(Record::of(id, 1));
-  shard.reset();
-  unmount("chain");
-  {
-    Damage d(segmentFile(root, "chain", "records"));
-    firstUsedBucket(d, 64) = 60000;  // far outside the used slots
-  }
-  shard = mountTestShard("chain", 64);
   for (uint32_t id = 0; id < 64; ++id) {
     auto found = shard->records.find(Record::of(id, 0).key);
     ASSERT_TRUE(found.has_value()) << id;
@@ -224,14 +228,7 @@ TEST_F(CorruptionTest, ADamagedLinkHidesNothingFromTheWriter) {
 // reached against the collection's count: a reader reports the shortfall, the writer
 // rebuilds the index and walks everything.
 TEST_F(CorruptionTest, AWalkThatMissesRecordsReportsAndTheWriterRecoversThem) {
-  auto shard = mountTestShard("cut", 64);
-  for (uint32_t id = 0; id < 64; ++id) shard->records.insertOrReplace(Record::of(id, 1));
-  shard.reset();
-  unmount("cut");
-  {
-    Damage d(segmentFile(root, "cut", "records"));
-    firstUsedBucket(d, 64) = 0;
-  }
+  fullShardWithFirstLinkAs(root, "cut", 0);
   {
     Kest::LogCapture log;
     auto reader = mountTestShard("cut", 64, 1024, KestShard::KestShardType::reader);
@@ -244,7 +241,7 @@ TEST_F(CorruptionTest, AWalkThatMissesRecordsReportsAndTheWriterRecoversThem) {
     reader.reset();
     unmount("cut");
   }
-  shard = mountTestShard("cut", 64);
+  auto shard = mountTestShard("cut", 64);
   std::set<uint32_t> seen;
   shard->records.forEach([&](const Record& r) { seen.insert(r.key.id); });
   EXPECT_EQ(seen.size(), 64u);
