@@ -18,7 +18,7 @@ struct KeyedStore::Slot {
   uint32_t next;      // next slot of the chain (or of the free list) + 1, 0 at the end
   uint32_t hash;      // hash of the record's key
   uint32_t state;
-  uint64_t check;     // checksum of the record bytes, salted with the hash
+  uint64_t check;  // checksum of the record bytes, salted with the hash
   unsigned char* record() noexcept { return reinterpret_cast<unsigned char*>(this + 1); }
 };
 static_assert(sizeof(uint32_t) * 4 + sizeof(uint64_t) == 24);
@@ -229,8 +229,8 @@ KeyedStore::Position KeyedStore::position(uint32_t bucket, uint32_t hash,
   return pos;
 }
 
-bool KeyedStore::positionIn(uint32_t bucket, uint32_t hash, const unsigned char* key,
-                            Position& pos, Nimbo::String& why) const {
+bool KeyedStore::positionIn(uint32_t bucket, uint32_t hash, const unsigned char* key, Position& pos,
+                            Nimbo::String& why) const {
   const uint32_t used = header().highWater;
   pos = Position{bucketWord(bucket), *bucketWord(bucket), false};
   uint32_t prevHash = 0;
@@ -404,15 +404,28 @@ void KeyedStore::recover() {
   auto whole = [&](uint32_t index) {
     Slot& s = slot(index);
     return s.state == kLive && !(s.sequence & 1) &&
-           s.hash == hashOf(s.record() + layout.keyOffset) && checksum(s.record(), s.hash) == s.check;
+           s.hash == hashOf(s.record() + layout.keyOffset) &&
+           checksum(s.record(), s.hash) == s.check;
   };
-  std::vector<uint8_t> linked(used, 0);
+  // An erase stopped between marking its record and unlinking it leaves that record in
+  // its chain: the walk steps over it, as the erase was about to.
+  const bool crash = (h.generation & 1) != 0;
+  auto dying = [&](uint32_t index, uint32_t bucket) {
+    const Slot& s = slot(index);
+    return crash && s.state == kDying && !(s.sequence & 1) && bucketOf(s.hash) == bucket;
+  };
+  std::vector<uint8_t> linked(used, 0), stepped(used, 0);
   uint32_t broken = 0;
   for (uint32_t b = 0; b < g.bucketCount; ++b) {
     if (!bucketReserved(b)) continue;
     uint32_t link = *bucketWord(b);
     for (uint32_t steps = 0; link != 0 && steps <= used; ++steps) {
       const uint32_t index = link - 1;
+      if (index < used && !stepped[index] && dying(index, b)) {
+        stepped[index] = 1;
+        link = slot(index).next;
+        continue;
+      }
       if (index >= used || linked[index] || !linkable(index, b)) {
         ++broken;
         break;
@@ -430,8 +443,10 @@ void KeyedStore::recover() {
   for (uint32_t index = 0; index < used; ++index) {
     const uint32_t state = slot(index).state;
     if (state == kFree || state == kDying) continue;
-    if (linked[index] || whole(index)) kept.push_back({index, slot(index).hash});
-    else if (!(slot(index).sequence & 1)) ++damaged;  // odd: a fill a writer did not finish
+    if (linked[index] || whole(index))
+      kept.push_back({index, slot(index).hash});
+    else if (!(slot(index).sequence & 1))
+      ++damaged;  // odd: a fill a writer did not finish
   }
   auto keyOf = [&](uint32_t index) { return slot(index).record() + layout.keyOffset; };
   std::sort(kept.begin(), kept.end(), [&](const Kept& a, const Kept& b) {
@@ -480,7 +495,6 @@ void KeyedStore::recover() {
   h.markedCount = marked;
   // After a stopped writer one record may be linked again (an insert that had not been
   // published yet) and one dropped as a duplicate: that is the change left half done.
-  const bool crash = (h.generation & 1) != 0;
   if (broken || damaged || (!crash && (relinked || duplicates))) {
     repaired(fmt::format(
         "index rebuilt: {} records kept, {} linked again, {} broken chains, {} damaged records "
