@@ -37,6 +37,10 @@ struct EntryHandleKind {
 struct EntryWrapperKind {
   static constexpr const char* name = "EntryWrapper";
 };
+// The unit the wrapper and the resolver entry are generated in; no class of its own.
+struct InfraTypesKind {
+  static constexpr const char* name = "InfraTypes";
+};
 struct ResolverEntryKind {
   static constexpr const char* name = "ResolverEntry";
 };

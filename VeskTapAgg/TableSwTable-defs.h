@@ -11,13 +11,16 @@ namespace VeskTapAgg {
 #define VESK_SW_TABLE_TRACE(level, className, ...) \
   VESK_TRACE_FROM(traceHandle(), level, sourceName().c_str(), className, __VA_ARGS__)
 
+// The wrapper traces through its own handle ("<T>EntryWrapper"), from the unit it is
+// generated in ("VeskTapAgg/<T>InfraTypes").
+#define VESK_ENTRY_WRAPPER_TRACE(level, ...)                                              \
+  VESK_TRACE_FROM(Names::traceHandle(), level, Unit::sourceName().c_str(),                \
+                  Names::className().c_str(), __VA_ARGS__)
+
 template <TableTraits Traits>
 void TableEntryWrapper<Traits>::finalizeOnSuccess(const Nimbo::Ptr<SwTable>& swTable,
                                                   bool isDelete) {
-  VESK_TRACE_FROM(Kest::traceHandle(SwTable::className()), 8,
-                  ("VeskTapAgg/" + std::string(Traits::tableName) + "InfraTypes").c_str(),
-                  (std::string(Traits::tableName) + "EntryWrapper").c_str(),
-                  " key: {} isDeleted: {}", key(), isDelete);
+  VESK_ENTRY_WRAPPER_TRACE(8, " key: {} isDeleted: {}", key(), isDelete);
   swTable->swTableHelper()->finalizeOnSuccess(Nimbo::Ptr<TableEntryWrapper>(this), isDelete,
                                               swTable);
 }
@@ -25,14 +28,10 @@ void TableEntryWrapper<Traits>::finalizeOnSuccess(const Nimbo::Ptr<SwTable>& swT
 template <TableTraits Traits>
 bool TableEntryWrapper<Traits>::finalizeOnFailure(const Nimbo::Ptr<SwTable>& swTable,
                                                   bool isDelete) {
-  const std::string source = "VeskTapAgg/" + std::string(Traits::tableName) + "InfraTypes";
-  const std::string className = std::string(Traits::tableName) + "EntryWrapper";
-  Kest::TraceHandle& handle = Kest::traceHandle(SwTable::className());
-  VESK_TRACE_FROM(handle, 8, source.c_str(), className.c_str(), " key: {} isDeleted: {}", key(),
-                  isDelete);
+  VESK_ENTRY_WRAPPER_TRACE(8, " key: {} isDeleted: {}", key(), isDelete);
   const bool retVal = swTable->swTableHelper()->finalizeOnFailure(
       Nimbo::Ptr<TableEntryWrapper>(this), isDelete, swTable);
-  VESK_TRACE_FROM(handle, 3, source.c_str(), className.c_str(), " retVal: {}", retVal);
+  VESK_ENTRY_WRAPPER_TRACE(3, " retVal: {}", retVal);
   return retVal;
 }
 

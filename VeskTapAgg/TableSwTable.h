@@ -11,7 +11,7 @@
 #include "Kest/HashMap.h"
 #include "Nimbo/RQueue.h"
 #include "OrderedTable/OrderedSwTableEntryIterator.h"
-#include "VeskTapAgg/TableEntryLog.h"
+#include "VeskTapAgg/EntryLog.h"
 #include "VeskTapAgg/TableSwTableParts.h"
 #include "VeskTapAgg/TypeRecords.h"
 
@@ -79,6 +79,19 @@ class TableSwTable : public Asic::OrderedSwTable {
                const Nimbo::Ptr<EntryLog>& entryLog,
                const Nimbo::Ptr<Asic::GroupResolver>& groupResolver);
   ~TableSwTable() override;
+  // <T>SwTable::<T>SwTableIs(...), with the constructor's arguments: a new table.
+#define VESK_TAPAGG_SW_TABLE_IS(Name, ...)                                                        \
+  static Nimbo::Ptr<TableSwTable> Name##SwTableIs(                                                \
+      const Nimbo::Ptr<const Asic::CanonicalTableName>& name, Asic::SwTableId tableId,            \
+      Asic::UnitId unitId, Asic::OrderedSwTableSet* swTableSet,                                   \
+      const Nimbo::Ptr<Name##EntryLog>& entryLog,                                                 \
+      const Nimbo::Ptr<Asic::GroupResolver>& groupResolver)                                       \
+    requires std::same_as<Traits, Name##Traits>                                                   \
+  {                                                                                               \
+    return Nimbo::make<TableSwTable>(name, tableId, unitId, swTableSet, entryLog, groupResolver); \
+  }
+  VESK_TAPAGG_TABLES(VESK_TAPAGG_SW_TABLE_IS)
+#undef VESK_TAPAGG_SW_TABLE_IS
 
   static Nimbo::Ptr<EntryHandle> entryHandleFactory(const Asic::EntryVersion& version,
                                                     const EntryKey& key, TableSwTable* swTable) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <concepts>
+
 #include "Asic/DependencyEntryHandle.h"
 #include "Asic/EntryFlags.h"
 #include "Asic/OrderedSwTable.h"
@@ -27,6 +29,15 @@ class TableEntryWrapper : public Nimbo::Node {
 
   TableEntryWrapper(const Entry& entry, Nimbo::Ptr<Asic::OrderedSwTable::EntryHandle> handle)
       : entry_(entry), entryHandle_(std::move(handle)) {}
+  // <T>EntryWrapper::<T>EntryWrapperIs(entry, handle): a new wrapper.
+#define VESK_TAPAGG_ENTRY_WRAPPER_IS(Name, ...)                                     \
+  static Nimbo::Ptr<TableEntryWrapper> Name##EntryWrapperIs(                        \
+      const Entry& entry, const Nimbo::Ptr<Asic::OrderedSwTable::EntryHandle>&      \
+                              handle) requires std::same_as<Traits, Name##Traits> { \
+    return Nimbo::make<TableEntryWrapper>(entry, handle);                           \
+  }
+  VESK_TAPAGG_TABLES(VESK_TAPAGG_ENTRY_WRAPPER_IS)
+#undef VESK_TAPAGG_ENTRY_WRAPPER_IS
 
   const Entry& entry() const noexcept { return entry_; }
   void entryIs(const Entry& entry) noexcept { entry_ = entry; }
@@ -49,6 +60,9 @@ class TableEntryWrapper : public Nimbo::Node {
   void setResolvedFields() {}
 
  private:
+  using Names = GeneratedNames<Traits, EntryWrapperKind>;  // its trace handle
+  using Unit = GeneratedNames<Traits, InfraTypesKind>;     // the unit it is generated in
+
   Entry entry_;
   Nimbo::Ptr<Asic::OrderedSwTable::EntryHandle> entryHandle_;
 };
@@ -61,6 +75,15 @@ class TableSwTableHelperBase : public Nimbo::Node {
  public:
   using EntryWrapper = TableEntryWrapper<Traits>;
   using SwTable = TableSwTable<Traits>;
+
+  // <T>SwTableHelperBase::<T>SwTableHelperBaseIs(): a default hook object.
+#define VESK_TAPAGG_SW_TABLE_HELPER_BASE_IS(Name, ...)                          \
+  static Nimbo::Ptr<TableSwTableHelperBase>                                     \
+      Name##SwTableHelperBaseIs() requires std::same_as<Traits, Name##Traits> { \
+    return Nimbo::make<TableSwTableHelperBase>();                               \
+  }
+  VESK_TAPAGG_TABLES(VESK_TAPAGG_SW_TABLE_HELPER_BASE_IS)
+#undef VESK_TAPAGG_SW_TABLE_HELPER_BASE_IS
 
   const Kest::TypeData* typeData() const override {
     return &TypeRecord<Traits, SwTableHelperBaseKind>::get();
@@ -93,6 +116,16 @@ class TableResolverEntry : public Asic::ResolverEntry {
       : Asic::ResolverEntry(std::move(dependency), flags),
         swTable_(swTable),
         entryWrapper_(std::move(wrapper)) {}
+  // <T>ResolverEntry::<T>ResolverEntryIs(dependency, flags, swTable, wrapper): a new entry.
+#define VESK_TAPAGG_RESOLVER_ENTRY_IS(Name, ...)                                               \
+  static Nimbo::Ptr<TableResolverEntry> Name##ResolverEntryIs(                                 \
+      const Nimbo::Ptr<const Asic::DependencyEntryHandle>& dependency, Asic::EntryFlags flags, \
+      SwTable* swTable,                                                                        \
+      const Nimbo::Ptr<EntryWrapper>& wrapper) requires std::same_as<Traits, Name##Traits> {   \
+    return Nimbo::make<TableResolverEntry>(dependency, flags, swTable, wrapper);               \
+  }
+  VESK_TAPAGG_TABLES(VESK_TAPAGG_RESOLVER_ENTRY_IS)
+#undef VESK_TAPAGG_RESOLVER_ENTRY_IS
 
   SwTable* swTable() const noexcept { return swTable_; }
   const Nimbo::Ptr<EntryWrapper>& entryWrapper() const noexcept { return entryWrapper_; }

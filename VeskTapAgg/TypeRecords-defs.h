@@ -64,14 +64,16 @@ struct ClassRecord<Traits, SwTableKind> {
                 [](Self& t, const EntryKey& key) { t.transientVersionForKeyDel(key); }),
             Kest::attrQueue<Self>("entryHandleInLog",
                                   [](const Self& t) -> const auto& { return t.entryHandleInLogs(); }),
-            Kest::attrOperation<Self>("clearTable",
-                                      [](Self& t, bool release) { t.clearTable(release); }),
+            Kest::attrOperation<Self>(
+                "clearTable", [](Self& t, bool release) { t.clearTable(release); },
+                {"releaseResources"}),
             Kest::attrOperation<Self>("doCreateHwTable", [](Self& t) { t.doCreateHwTable(); }),
             Kest::attrOperation<Self>("handleInitialized", [](Self& t) { t.handleInitialized(); }),
             Kest::attrOperation<Self>("restoreEntries", [](Self& t) { t.restoreEntries(); }),
             Kest::attrOperation<Self>(
                 "tableStatusVersion",
-                [](Self& t, Asic::LogVersion version) { t.tableStatusVersion(version); }),
+                [](Self& t, Asic::LogVersion version) { t.tableStatusVersion(version); },
+                {"tableVersion"}),
         });
   }
 };
@@ -135,6 +137,7 @@ struct ClassRecord<Traits, EntryHandleKind> {
 template <TableTraits Traits>
 struct ClassRecord<Traits, EntryWrapperKind> {
   using Self = TableEntryWrapper<Traits>;
+  using SwTable = Nimbo::Ptr<TableSwTable<Traits>>;
 
   static Kest::TypeData make(const Nimbo::String& name) {
     return Kest::makeTypeData<Self>(
@@ -144,6 +147,14 @@ struct ClassRecord<Traits, EntryWrapperKind> {
             Kest::attrValue<Self>("entryHandle", [](const Self& w) { return w.entryHandle(); }),
             Kest::attrValue<Self>("key", [](const Self& w) { return w.key(); }),
             Kest::attrValue<Self>("logEntry", [](const Self& w) { return w.logEntry(); }),
+            Kest::attrOperation<Self>(
+                "finalizeOnFailure",
+                [](Self& w, const SwTable& t, bool isDelete) { return w.finalizeOnFailure(t, isDelete); },
+                {"swTable", "isDelete"}),
+            Kest::attrOperation<Self>(
+                "finalizeOnSuccess",
+                [](Self& w, const SwTable& t, bool isDelete) { w.finalizeOnSuccess(t, isDelete); },
+                {"swTable", "isDelete"}),
             Kest::attrOperation<Self>("retrieveClientData", [](Self& w) { w.retrieveClientData(); }),
             Kest::attrOperation<Self>("setResolvedFields", [](Self& w) { w.setResolvedFields(); }),
         });
@@ -184,16 +195,19 @@ struct ClassRecord<Traits, SwTableHelperBaseKind> {
             Kest::attrOperation<Self>("finalizeOnSuccess",
                                       [](Self& h, const Wrapper& w, bool isDelete, const SwTable& t) {
                                         h.finalizeOnSuccess(w, isDelete, t);
-                                      }),
+                                      },
+                                      {"entry", "isDelete", "swTable"}),
             Kest::attrOperation<Self>("finalizeOnFailure",
                                       [](Self& h, const Wrapper& w, bool isDelete, const SwTable& t) {
                                         return h.finalizeOnFailure(w, isDelete, t);
-                                      }),
+                                      },
+                                      {"entry", "isDelete", "swTable"}),
             Kest::attrOperation<Self>(
                 "finalizeOnResourceUpdate",
                 [](Self& h, const Wrapper& w, const SwTable& t, bool someResourceHasFailed) {
                   return h.finalizeOnResourceUpdate(w, t, someResourceHasFailed);
-                }),
+                },
+                {"entry", "swTable", "someResourceHasFailed"}),
         },
         []() { return Nimbo::make<Self>(); });
   }
@@ -218,15 +232,18 @@ struct ClassRecord<Traits, EntryLogKind> {
                 "tableConfigShard",
                 [](const Self& l) -> const auto& { return l.tableConfigShards(); },
                 [](Self& l, Asic::UnitId unit) { l.tableConfigShardDel(unit); }),
-            Kest::attrOperation<Self>("cleanupEntryLog",
-                                      [](Self& l, Asic::LogVersion v) { l.cleanupEntryLog(v); }),
-            Kest::attrOperation<Self>("entrys", [](const Self& l, Asic::UnitId u) { return l.entrys(u); }),
-            Kest::attrOperation<Self>("entrysInDeletion", [](const Self& l, Asic::UnitId u) {
-              return l.entrysInDeletion(u);
-            }),
+            Kest::attrOperation<Self>(
+                "cleanupEntryLog", [](Self& l, Asic::LogVersion v) { l.cleanupEntryLog(v); },
+                {"version"}),
+            Kest::attrOperation<Self>(
+                "entrys", [](const Self& l, Asic::UnitId u) { return l.entrys(u); }, {"unit"}),
+            Kest::attrOperation<Self>(
+                "entrysInDeletion",
+                [](const Self& l, Asic::UnitId u) { return l.entrysInDeletion(u); }, {"unit"}),
             Kest::attrOperation<Self>(
                 "mountShardConfig",
-                [](Self& l, Asic::UnitId u, Asic::LogVersion v) { l.mountShardConfig(u, v); }),
+                [](Self& l, Asic::UnitId u, Asic::LogVersion v) { l.mountShardConfig(u, v); },
+                {"unitId", "logVersion"}),
         });
   }
 };
@@ -248,9 +265,10 @@ struct ClassRecord<Traits, InterfaceKind> {
             Kest::attrValue<Self>("entityManager",
                                   [](const Self& i) { return i.orderedTableIntf()->entityManager(); }),
             Kest::attrValue<Self>("entryLog", [](const Self& i) { return i.entryLog(); }),
-            Kest::attrOperation<Self>("getIntf", [](const Self&, const OrderedTableIntf& o) {
-              return Self::getIntf(o);
-            }),
+            Kest::attrOperation<Self>(
+                "getIntf",
+                [](const Self&, const OrderedTableIntf& o) { return Self::getIntf(o); },
+                {"orderedTableIntf"}),
             Kest::attrValue<Self>("groupInterface", [](const Self& i) {
               return i.orderedTableIntf()->groupInterface(
                   Asic::Constants::canonicalizeGroupName(i.agentName(), i.groupName()));
@@ -261,7 +279,8 @@ struct ClassRecord<Traits, InterfaceKind> {
                 "makeSwTable",
                 [](Self& i, Asic::UnitId unit,
                    const Nimbo::Ptr<typename Self::SwTableHelperBase>& helper,
-                   bool clear) { return i.makeSwTable(unit, helper, clear); }),
+                   bool clear) { return i.makeSwTable(unit, helper, clear); },
+                {"unitId", "swTableHelper", "clear"}),
             Kest::attrOperation<Self>("onDelete", [](Self& i) { i.onDelete(); }),
             Kest::attrValue<Self>("ordTblIntf", [](const Self& i) { return i.orderedTableIntf(); }),
             Kest::attrValue<Self>("orderedTableIntf",

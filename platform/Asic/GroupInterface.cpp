@@ -37,7 +37,9 @@ std::optional<LogVersion> GroupInterface::tableVersion(SwTableId tableId) {
   if (!map) return std::nullopt;
   try {
     return map->tableVersion(tableId);
-  } catch (const Nimbo::CorruptionDetectedException& e) {
+  } catch (const Nimbo::Exception& e) {
+    // A damaged record, or no stable read while the hardware side is stopped in the middle
+    // of its write: either way the version is unknown, which is what the caller handles.
     map->tableVersions().map().doCorruptionDetected(e.what());
     return std::nullopt;
   }

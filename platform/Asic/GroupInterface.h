@@ -48,8 +48,9 @@ class VESK_EXPORT GroupInterface : public Nimbo::Node {
   void swTableSetDel(SwTableId tableId);
 
   // The version the hardware side has recorded as taken for `tableId`, if any. The map is
-  // mounted read-only on first use, once the hardware side has made it. A damaged record
-  // is reported to the map (doCorruptionDetected) and read as no version.
+  // mounted read-only on first use, once the hardware side has made it. Any failure of the
+  // lookup (a damaged record, no stable read while the hardware side is stopped inside a
+  // write) is reported to the map (doCorruptionDetected) and read as no version.
   std::optional<LogVersion> tableVersion(SwTableId tableId);
   // The mounted map; null until the hardware side has made it (or without one).
   const Nimbo::Ptr<TableVersionShard>& tableVersionMap();

@@ -1,6 +1,8 @@
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <initializer_list>
 #include <span>
 #include <string_view>
 #include <tuple>
@@ -8,6 +10,7 @@
 #include <utility>
 
 #include "Kest/TypeData.h"
+#include "Nimbo/Assert.h"
 
 // The makers of a class's attribute list: one line per attribute, naming it and giving
 // captureless lambdas over the class (Self) that read, write, call or reach it. Each maker
@@ -15,8 +18,10 @@
 // parameter types say how the framework's values convert. For example:
 //
 //   Kest::attrValue<Self>("unitId", [](const Self& t) { return t.unitId(); }),
-//   Kest::attrOperation<Self>("clearTable", [](Self& t, bool release) { t.clearTable(release); }),
-//   Kest::attrCollection<Self>("transientAddEntry", [](const Self& t) -> auto& { return t.transientAddEntrys(); }),
+//   Kest::attrOperation<Self>("clearTable", [](Self& t, bool r) { t.clearTable(r); },
+//                             {"releaseResources"}),
+//   Kest::attrCollection<Self>("transientAddEntry",
+//                              [](const Self& t) -> auto& { return t.transientAddEntrys(); }),
 //
 // A lambda without captures is default-constructible, so a hook is a static function of a
 // template over the lambda's type: no state, no allocation.
@@ -183,26 +188,33 @@ KestAttr attrValue(std::string_view name, Get get, Set) {
 }
 
 // An operation: `fn(self, args...)`, called with the framework's arguments converted to
-// the lambda's parameter types.
+// the lambda's parameter types; `argNames`, when given, names each of them in order.
 template <class Self, class Fn>
-KestAttr attrOperation(std::string_view name, Fn) {
+KestAttr attrOperation(std::string_view name, Fn,
+                       std::initializer_list<std::string_view> argNames = {}) {
   using Thunk = detail::OperationThunk<Self, Fn>;
-  return KestAttr{.name = name, .kind = AttrKind::operation, .arity = Thunk::arity,
-                  .call = &Thunk::call};
+  static_assert(Thunk::arity <= std::tuple_size_v<decltype(KestAttr::argNames)>);
+  VESK_ASSERT(argNames.size() == 0 || argNames.size() == Thunk::arity);
+  KestAttr attr{
+      .name = name, .kind = AttrKind::operation, .arity = Thunk::arity, .call = &Thunk::call};
+  std::copy(argNames.begin(), argNames.end(), attr.argNames.begin());
+  return attr;
 }
 
 // A keyed collection, `getMap(self)` returning the map; with `del(self, key)` the
 // framework may delete its elements.
 template <class Self, class GetMap, class Del = std::nullptr_t>
 KestAttr attrCollection(std::string_view name, GetMap, Del = nullptr) {
-  return KestAttr{.name = name, .kind = AttrKind::collection,
+  return KestAttr{.name = name,
+                  .kind = AttrKind::collection,
                   .collection = &detail::MapHooks<Self, GetMap, Del>::hooks};
 }
 
 // A queue, `getQueue(self)` returning it; the framework reads it only.
 template <class Self, class GetQueue>
 KestAttr attrQueue(std::string_view name, GetQueue) {
-  return KestAttr{.name = name, .kind = AttrKind::collection,
+  return KestAttr{.name = name,
+                  .kind = AttrKind::collection,
                   .collection = &detail::QueueHooks<Self, GetQueue>::hooks};
 }
 

@@ -65,10 +65,15 @@ void TypeData::checkOwn(const Nimbo::Node& object, const KestAttr& attr) const {
 }
 
 void TypeData::checkArity(const KestAttr& attr, size_t given, uint8_t wanted) const {
-  if (given != wanted) {
-    throw InspectException(
-        describe(attr, fmt::format("takes {} argument(s), got {}", wanted, given)));
+  if (given == wanted) return;
+  std::string names;
+  if (attr.kind == AttrKind::operation && wanted > 0 && !attr.argNames[0].empty()) {
+    names.append(" (");
+    for (uint8_t i = 0; i < wanted; ++i) names.append(i ? ", " : "").append(attr.argNames[i]);
+    names.append(")");
   }
+  throw InspectException(
+      describe(attr, fmt::format("takes {} argument(s){}, got {}", wanted, names, given)));
 }
 
 Value TypeData::inspectOperation(Nimbo::Node& object, const KestAttr& attr, InspectOp op,

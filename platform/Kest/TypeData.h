@@ -1,6 +1,7 @@
 #pragma once
 
 #include <any>
+#include <array>
 #include <cstdint>
 #include <span>
 #include <string_view>
@@ -46,8 +47,10 @@ struct CollectionHooks {
 struct KestAttr {
   std::string_view name;
   AttrKind kind = AttrKind::value;
-  // The number of arguments an operation takes.
+  // The number of arguments an operation takes, and their names where the class gives them
+  // (all empty otherwise).
   uint8_t arity = 0;
+  std::array<std::string_view, 4> argNames{};
   Value (*read)(const Nimbo::Node& object) = nullptr;
   void (*write)(Nimbo::Node& object, const Value& value) = nullptr;
   Value (*call)(Nimbo::Node& object, std::span<const Value> args) = nullptr;

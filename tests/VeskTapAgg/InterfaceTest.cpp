@@ -2,7 +2,10 @@
 // table restored or cleared at what the hardware side has taken, and reconcile units left
 // in shared memory. Written once and run for all ten; restarts are real processes.
 
+#include <sys/wait.h>
+
 #include "Kest/Trace.h"
+#include "KestShard/Atomics.h"
 #include "VeskTapAgg/InterfaceTestSupport.h"
 
 namespace VeskTest {
@@ -145,6 +148,40 @@ TYPED_TEST(InterfaceTest, SettersKeepWhatEqualArgumentsWouldBuildAndDelHandsItBa
   EXPECT_EQ(intf->entryLogDel().ptr(), nullptr) << "the second Del finds nothing";
   EXPECT_EQ(intf->swTableStatusDel().ptr(), otherStatus.ptr());
   EXPECT_FALSE(intf->swTableStatus());
+}
+
+// The hardware side stopped (not dead) in the middle of recording a version: the agent's
+// read of the map finds no stable answer, reports it to the map and starts as if nothing
+// had been recorded, rather than failing to start.
+TEST(InterfaceStart, AHardwareSideStoppedInsideItsWriteReadsAsNoVersion) {
+  using Traits = VeskTapAgg::DefaultFwdTcamEntryTraits;
+  TempShmRoot root;
+  agentWritesAndIsKilled<Traits>({0}, 6);
+  const pid_t hardware = fork();
+  if (hardware == 0) {
+    auto em = Nimbo::make<Cairn::EntityManager>(kTestAgent, true);
+    auto map = Asic::TableVersionShard::mountWriter(Asic::mountEntityManager(*em), kGroup);
+    KestShard::publishHook = []() noexcept {
+      static int stores = 0;
+      if (++stores == 2) raise(SIGSTOP);  // inside the change that records the first version
+    };
+    map->tableVersionIs(Traits::tableId, Asic::LogVersion(6));
+    _exit(0);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(hardware, &status, WUNTRACED), hardware);
+  ASSERT_TRUE(WIFSTOPPED(status));
+
+  InterfaceAgent<Traits> agent;
+  auto intf = agent.intf();
+  auto table = intf->makeSwTable(UnitId(0), nullptr, false);
+  EXPECT_EQ(table->entrys(), 6u);
+  EXPECT_EQ(intf->entryLog()->cleanupMark(), LogVersion(0)) << "no version was read";
+  ASSERT_TRUE(agent.group()->tableVersionMap());
+  EXPECT_GE(agent.group()->tableVersionMap()->tableVersions().map().corruptionsDetected(), 1u);
+  kill(hardware, SIGKILL);
+  waitpid(hardware, &status, 0);
+  Kest::Entity::singletonDel(Asic::SwTableInterfacesSingleton::typeName);
 }
 
 }  // namespace

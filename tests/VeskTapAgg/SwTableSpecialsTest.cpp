@@ -2,6 +2,7 @@
 // traces, the assertions, and a client helper that rewrites entries.
 
 #include "Kest/Trace.h"
+#include "Kest/TypeData.h"
 #include "VeskTapAgg/SwTableTestSupport.h"
 
 namespace VeskTest {
@@ -60,6 +61,53 @@ TEST_F(SwTableSpecialsTest, TracesTheWritePipelineWordForWord) {
   EXPECT_EQ(records[4].file, "OrderedTable/OrderedSwTableAccessor");
   EXPECT_EQ(records[4].className, "");
   EXPECT_EQ(records[4].level, 2u);
+}
+
+// A helper whose failure hook says yes and remembers what it was called with.
+struct FailureRecordingHelper : VeskTapAgg::DefaultFwdTcamEntrySwTableHelperBase {
+  bool finalizeOnFailure(const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamEntryEntryWrapper>& entry,
+                         bool isDelete,
+                         const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamEntrySwTable>& swTable) override {
+    calls.push_back(fmt::format("{} {} {}", entry->key(), isDelete, swTable->unitId()));
+    return true;
+  }
+  std::vector<std::string> calls;
+};
+
+// The entry wrapper traces through the handle named after it, and its failure hook, which
+// nothing in the table calls, is reached by name through its type record.
+TEST_F(SwTableSpecialsTest, TheEntryWrapperTracesUnderItsOwnNameAndIsCallableByName) {
+  Kest::traceConfigIs("DefaultFwdTcamEntryEntryWrapper/3+8");
+  SwTableRig<Reference> rig;
+  auto helper = Nimbo::make<FailureRecordingHelper>();
+  rig.table->swTableHelperIs(helper);
+  rig.write(1);
+  const Nimbo::Ptr<Nimbo::Node> wrapper = rig.table->transientAddEntry(rig.key(1));
+  const std::string key = fmt::format("{}", rig.key(1));
+  Kest::TraceCapture traces;
+  rig.run();
+  EXPECT_EQ(traces.texts("DefaultFwdTcamEntryEntryWrapper"),
+            (std::vector<std::string>{" key: " + key + " isDeleted: false"}));
+  ASSERT_FALSE(traces.records().empty());
+  EXPECT_EQ(traces.records().front().file, "VeskTapAgg/DefaultFwdTcamEntryInfraTypes");
+  EXPECT_EQ(traces.records().front().className, "DefaultFwdTcamEntryEntryWrapper");
+  EXPECT_TRUE(traces.texts("DefaultFwdTcamEntrySwTable").empty()) << "nothing under the table's";
+
+  traces.clear();
+  const Kest::Value args[] = {Nimbo::Ptr<Nimbo::Node>(rig.table), true};
+  EXPECT_EQ(Kest::inspectOperation(*wrapper, "finalizeOnFailure", Kest::InspectOp::call, args),
+            Kest::Value(true));
+  EXPECT_EQ(helper->calls, (std::vector<std::string>{key + " true 0"}));
+  EXPECT_EQ(traces.texts("DefaultFwdTcamEntryEntryWrapper"),
+            (std::vector<std::string>{" key: " + key + " isDeleted: true", " retVal: true"}));
+  try {
+    Kest::inspectOperation(*wrapper, "finalizeOnFailure", Kest::InspectOp::call, {args, 1});
+    ADD_FAILURE() << "one argument is one too few";
+  } catch (const Kest::InspectException& e) {
+    EXPECT_NE(std::string(e.what()).find("takes 2 argument(s) (swTable, isDelete), got 1"),
+              std::string::npos)
+        << e.what();
+  }
 }
 
 TEST_F(SwTableSpecialsTest, AnInvalidStoredVersionStopsTheAgent) {

@@ -1,6 +1,8 @@
 // What every table type's software table must do, end to end through its public
 // operations, written once and run for all ten.
 
+#include <dlfcn.h>
+
 #include "Kest/Trace.h"
 #include "VeskTapAgg/SwTableTestSupport.h"
 
@@ -10,6 +12,64 @@ namespace {
 using Asic::EntryState;
 using Asic::EntryVersion;
 using Asic::LogVersion;
+
+// Every factory is a symbol of the table library that a framework loading table types can
+// look up by name: defined in the library, not inlined into its callers.
+void expectExportedFromTheLibrary(const void* factory, const char* name) {
+  Dl_info info{};
+  ASSERT_NE(::dladdr(factory, &info), 0) << name;
+  ASSERT_NE(info.dli_sname, nullptr) << name << " has no symbol";
+  EXPECT_NE(std::string(info.dli_fname).find("libVeskTapAggTcamSwTbl"), std::string::npos)
+      << name << " is defined in " << info.dli_fname;
+  void* library = ::dlopen(info.dli_fname, RTLD_NOW | RTLD_NOLOAD);
+  ASSERT_NE(library, nullptr) << ::dlerror();
+  EXPECT_EQ(::dlsym(library, info.dli_sname), factory) << name;
+  ::dlclose(library);
+}
+
+TEST(SwTableFactories, SixPerTableTypeAreExportedAndEachClassHasItsStaticIs) {
+#define VESK_TEST_FACTORIES(Name, lower, ...)                                                 \
+  for (auto [factory, name] :                                                               \
+       {std::pair<const void*, const char*>{(const void*)&VeskTapAgg::lower##SwTableFactory,  \
+                                            #lower "SwTableFactory"},                        \
+        {(const void*)&VeskTapAgg::lower##EntryLogFactory, #lower "EntryLogFactory"},        \
+        {(const void*)&VeskTapAgg::lower##EntryWrapperFactory, #lower "EntryWrapperFactory"}, \
+        {(const void*)&VeskTapAgg::lower##ResolverEntryFactory, #lower "ResolverEntryFactory"}, \
+        {(const void*)&VeskTapAgg::lower##SwTableHelperBaseFactory,                           \
+         #lower "SwTableHelperBaseFactory"},                                                  \
+        {(const void*)&VeskTapAgg::lower##SwTableIteratorStateFactory,                        \
+         #lower "SwTableIteratorStateFactory"}}) {                                            \
+    expectExportedFromTheLibrary(factory, name);                                            \
+  }                                                                                         \
+  static_assert(std::is_same_v<decltype(&VeskTapAgg::Name##SwTable::Name##SwTableIs),        \
+                               decltype(&VeskTapAgg::lower##SwTableFactory)>);               \
+  static_assert(std::is_same_v<decltype(&VeskTapAgg::Name##EntryWrapper::Name##EntryWrapperIs), \
+                               decltype(&VeskTapAgg::lower##EntryWrapperFactory)>);          \
+  static_assert(std::is_same_v<decltype(&VeskTapAgg::Name##ResolverEntry::Name##ResolverEntryIs), \
+                               decltype(&VeskTapAgg::lower##ResolverEntryFactory)>);         \
+  static_assert(                                                                            \
+      std::is_same_v<decltype(&VeskTapAgg::Name##SwTableHelperBase::Name##SwTableHelperBaseIs), \
+                     decltype(&VeskTapAgg::lower##SwTableHelperBaseFactory)>);
+  VESK_TAPAGG_TABLES(VESK_TEST_FACTORIES)
+#undef VESK_TEST_FACTORIES
+
+  // What they make.
+  using Traits = VeskTapAgg::DefaultFwdTcamEntryTraits;
+  TempShmRoot root;
+  SwTableRig<Traits> rig;
+  auto handle = VeskTapAgg::DefaultFwdTcamEntrySwTable::entryHandleFactory(
+      Asic::EntryVersion(0, 0), rig.key(1), rig.table.ptr());
+  auto wrapper = VeskTapAgg::defaultFwdTcamEntryEntryWrapperFactory(rig.entry(1), handle);
+  EXPECT_EQ(wrapper->entry(), rig.entry(1));
+  EXPECT_EQ(wrapper->entryHandle().ptr(), handle.ptr());
+  auto resolverEntry = VeskTapAgg::defaultFwdTcamEntryResolverEntryFactory(
+      nullptr, Asic::EntryFlags::remove, rig.table.ptr(), wrapper);
+  EXPECT_TRUE(resolverEntry->isEntryDeleted());
+  EXPECT_EQ(resolverEntry->entryWrapper().ptr(), wrapper.ptr());
+  EXPECT_FALSE(VeskTapAgg::defaultFwdTcamEntrySwTableHelperBaseFactory()->finalizeOnFailure(
+      wrapper, false, rig.table));
+  EXPECT_EQ(VeskTapAgg::defaultFwdTcamEntrySwTableIteratorStateFactory()->swTable(), nullptr);
+}
 
 template <class Traits>
 class SwTableTest : public ::testing::Test {

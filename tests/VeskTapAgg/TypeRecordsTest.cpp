@@ -107,7 +107,8 @@ TYPED_TEST(TypeRecordsTest, EveryClassAnswersWithTheRecordOfItsModule) {
       {handle.ptr(), "SwTable", "SwTable::EntryHandle",
        {"entryState", "entryVersion", "key", "logVersion", "swTable", "tableId", "tableName"}},
       {wrapper.ptr(), "InfraTypes", "EntryWrapper",
-       {"entry", "entryHandle", "key", "logEntry", "retrieveClientData", "setResolvedFields"}},
+       {"entry", "entryHandle", "finalizeOnFailure", "finalizeOnSuccess", "key", "logEntry",
+        "retrieveClientData", "setResolvedFields"}},
       {resolverEntry.ptr(), "InfraTypes", "ResolverEntry",
        {"dependency", "entryWrapper", "flags", "isEntryDeleted", "isResolved", "isTableDeleted",
         "swTable"}},
@@ -124,7 +125,19 @@ TYPED_TEST(TypeRecordsTest, EveryClassAnswersWithTheRecordOfItsModule) {
     EXPECT_EQ(type, this->module(unit)->type(this->name(kind))) << kind;
     EXPECT_EQ(namesOf(*type), attrs) << kind;
   }
+  // The hooks' arguments go by the names a client's override is written with.
+  const auto argNames = [](const Kest::TypeData& type, std::string_view op) {
+    const Kest::KestAttr& attr = type.attrOrThrow(op);
+    return Names(attr.argNames.begin(), attr.argNames.begin() + attr.arity);
+  };
+  const Kest::TypeData& helper = *rig.table->swTableHelper()->typeData();
+  EXPECT_EQ(argNames(helper, "finalizeOnSuccess"), (Names{"entry", "isDelete", "swTable"}));
+  EXPECT_EQ(argNames(helper, "finalizeOnFailure"), (Names{"entry", "isDelete", "swTable"}));
+  EXPECT_EQ(argNames(helper, "finalizeOnResourceUpdate"),
+            (Names{"entry", "swTable", "someResourceHasFailed"}));
+  EXPECT_EQ(argNames(*wrapper->typeData(), "finalizeOnFailure"), (Names{"swTable", "isDelete"}));
   const Kest::TypeData& interface = *this->module("Interface")->type(this->name("Interface"));
+  EXPECT_EQ(argNames(interface, "makeSwTable"), (Names{"unitId", "swTableHelper", "clear"}));
   EXPECT_EQ(namesOf(interface),
             (Names{"agentName", "entityManager", "entryLog", "getIntf", "groupInterface",
                    "groupName", "handleInitialized", "makeSwTable", "onDelete", "ordTblIntf",
@@ -372,6 +385,7 @@ void expectSameButNames() {
     const Kest::KestAttr& b = reference.attrs()[i];
     EXPECT_EQ(a.kind, b.kind) << a.name;
     EXPECT_EQ(a.arity, b.arity) << a.name;
+    EXPECT_EQ(a.argNames, b.argNames) << a.name;
     EXPECT_EQ(!a.read, !b.read) << a.name;
     EXPECT_EQ(!a.write, !b.write) << a.name;
     EXPECT_EQ(!a.call, !b.call) << a.name;
