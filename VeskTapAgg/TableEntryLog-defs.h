@@ -55,7 +55,7 @@ TableEntryLog<Traits>::TableEntryLog(Asic::SwTableId tableId, Nimbo::Ptr<Cairn::
                                      Nimbo::Ptr<Asic::GroupInterface> groupInterface,
                                      Nimbo::String agentName)
     : Asic::EntryLogBase(tableId, std::move(em), std::move(groupInterface), std::move(agentName)),
-      tableConfigShard_(Traits::tableEntriesSalt) {
+      tableConfigShard_(Traits::tableConfigShardSalt) {
   handleInitialized();
 }
 

@@ -69,6 +69,7 @@ concept TableTraits =
       { T::transientRemoveEntrySalt } -> std::convertible_to<uint32_t>;
       { T::transientVersionForKeySalt } -> std::convertible_to<uint32_t>;
       { T::tableEntriesSalt } -> std::convertible_to<uint32_t>;
+      { T::tableConfigShardSalt } -> std::convertible_to<uint32_t>;
     };
 
 }  // namespace VeskTapAgg

@@ -52,7 +52,7 @@ struct TableConstants {
 // Per table type: its records, its constants and <T>Traits, which satisfies the
 // TableTraits concept (types/TableTraits.h) that every generic algorithm is written against.
 #define VESK_TAPAGG_DECLARE_TYPES(Name, lower, role, id, saltAdd, saltRemove, saltVersion,    \
-                                  saltEntries)                                                \
+                                  saltEntries, saltConfigShards)                              \
   VESK_TAPAGG_RECORDS_##role(Name) using Name##ResourceKeys = NoResourceKeys<Name##EntryKey>; \
   using Name##ConfigShardEntry = ConfigShardEntryOf<Name##LogEntry, Name##ResourceKeys>;      \
   using Name##LogShardEntry = LogShardEntryOf<Name##EntryKey>;                                \
@@ -74,6 +74,7 @@ struct TableConstants {
     static constexpr uint32_t transientRemoveEntrySalt = saltRemove;                          \
     static constexpr uint32_t transientVersionForKeySalt = saltVersion;                       \
     static constexpr uint32_t tableEntriesSalt = saltEntries;                                 \
+    static constexpr uint32_t tableConfigShardSalt = saltConfigShards;                        \
   };                                                                                          \
   using Name##Constants = Name##Traits::Constants;
 

@@ -40,8 +40,8 @@ struct DefaultHasher {
 // element before it. Lookups stop at the first larger element; inserting shifts the rest
 // of a run right, erasing shifts it back. At most 3/4 of the home slots are used; a run
 // may spill past the last home into a tail that grows as needed. No allocation except on
-// growth. The seed is hashSeed() mixed with the map's salt, so that two maps of one
-// process, or one map in two processes, do not share an order.
+// growth. The seed is hashSeed() exclusive-or the map's salt, mixed, so that two maps of
+// one process, or one map in two processes, do not share an order.
 //
 // Keys need == and <, and copy without throwing (they are fixed-size records); values
 // move without throwing. Iterators are invalidated by every insert of a new key and every
@@ -160,7 +160,12 @@ class HashMap2018 {
   using ConstIterator = IteratorBase<true>;
 
   explicit HashMap2018(uint32_t salt = 0, Hasher hasher = Hasher())
-      : hasher_(std::move(hasher)), seed_(uint32_t(mix64(hashSeed(), salt))) {}
+      : hasher_(std::move(hasher)), seed_(seedFor(hashSeed(), salt)) {}
+  // The process seed exclusive-or the salt, mixed so that salts a bit apart give seeds
+  // far apart.
+  static uint32_t seedFor(uint32_t processSeed, uint32_t salt) noexcept {
+    return uint32_t(mix64(processSeed ^ salt, 0x9e3779b97f4a7c15ULL));
+  }
   HashMap2018(const HashMap2018&) = default;
   HashMap2018(HashMap2018&& o) noexcept
       : hasher_(std::move(o.hasher_)),

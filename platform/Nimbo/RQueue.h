@@ -23,8 +23,10 @@ class RQueue {
   // A queue whose first element will carry `firstIndex`, e.g. to resume a numbering.
   explicit RQueue(uint32_t firstIndex) : frontIndex_(firstIndex) {}
 
-  // Appends at the back; returns the new element's index.
-  uint32_t enq(T value) {
+  // Appends at the back; returns the new element's index. A queue that cannot grow stops
+  // the process (std::terminate on the std::bad_alloc): a handle dropped from it would
+  // leave its client unanswered for ever.
+  uint32_t enq(T value) noexcept {
     VESK_ASSERT(items_.size() < kHalfRange - 1);
     items_.push_back(std::move(value));
     return backIndex();

@@ -69,6 +69,10 @@ TEST(SwTableFactories, SixPerTableTypeAreExportedAndEachClassHasItsStaticIs) {
   EXPECT_FALSE(VeskTapAgg::defaultFwdTcamEntrySwTableHelperBaseFactory()->finalizeOnFailure(
       wrapper, false, rig.table));
   EXPECT_EQ(VeskTapAgg::defaultFwdTcamEntrySwTableIteratorStateFactory()->swTable(), nullptr);
+
+  // The entry log's map of units hashes under a salt of its own, not the scripting view's.
+  EXPECT_NE(rig.agent.log().tableConfigShards().seed(),
+            rig.table->getTableEntries_py()->tableEntriesColl().seed());
 }
 
 template <class Traits>

@@ -55,10 +55,11 @@ TEST(Catalogue, HashSaltsAreDistinctAcrossEveryCollectionOfEveryType) {
   salts.insert({VeskTapAgg::Name##Traits::transientAddEntrySalt,      \
                 VeskTapAgg::Name##Traits::transientRemoveEntrySalt,   \
                 VeskTapAgg::Name##Traits::transientVersionForKeySalt, \
-                VeskTapAgg::Name##Traits::tableEntriesSalt});
+                VeskTapAgg::Name##Traits::tableEntriesSalt,           \
+                VeskTapAgg::Name##Traits::tableConfigShardSalt});
   VESK_TAPAGG_TABLES(VESK_TEST_SALTS)
 #undef VESK_TEST_SALTS
-  EXPECT_EQ(salts.size(), 40u);
+  EXPECT_EQ(salts.size(), 50u);
   EXPECT_EQ(VeskTapAgg::DefaultFwdTcamEntryTraits::tableEntriesSalt, 0x2cbc41fdu);
 }
 

@@ -93,6 +93,19 @@ TEST(HashMap2018, OrderDependsOnlyOnTheKeysAndTheSeed) {
   EXPECT_NE(keysInOrder(grown), keysInOrder(otherSalt));
 }
 
+TEST(HashMap2018, TheSeedIsTheProcessSeedExclusiveOrTheSalt) {
+  EXPECT_EQ(Map(4).seed(), Map::seedFor(Kest::hashSeed(), 4));
+  std::mt19937 rng(11);
+  for (int i = 0; i < 1000; ++i) {
+    const uint32_t processSeed = rng(), a = rng(), b = rng();
+    // Only processSeed ^ salt counts: another process seed with the matching salt agrees.
+    ASSERT_EQ(Map::seedFor(processSeed, a), Map::seedFor(processSeed ^ a ^ b, b));
+    if (a != b) {
+      ASSERT_NE(Map::seedFor(processSeed, a), Map::seedFor(processSeed, b));
+    }
+  }
+}
+
 TEST(HashMap2018DeathTest, VeskHashSeedFixesTheProcessSeed) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");  // a fresh process reads the variable
   setenv("VESK_HASH_SEED", "0x2018", 1);

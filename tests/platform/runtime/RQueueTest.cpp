@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <new>
+
 #include "Nimbo/Ptr.h"
 #include "Nimbo/RQueue.h"
 
@@ -75,6 +77,17 @@ TEST(RQueue, EnqueueHandsOutZeroWhenTheNumberingWraps) {
   EXPECT_TRUE(q.has(1));
   EXPECT_FALSE(q.has(0));
   EXPECT_FALSE(q.has(0xffffffffu));
+}
+
+// An element whose storage cannot be had, as when the queue's memory runs out.
+struct Unstorable {
+  Unstorable() = default;
+  Unstorable(Unstorable&&) { throw std::bad_alloc(); }
+};
+
+TEST(RQueueDeathTest, AQueueThatCannotGrowStopsTheProcess) {
+  Nimbo::RQueue<Unstorable> queue;
+  EXPECT_DEATH(queue.enq(Unstorable()), "bad_alloc");
 }
 
 }  // namespace
