@@ -79,12 +79,13 @@ class TableSwTable : public Asic::OrderedSwTable {
                const Nimbo::Ptr<EntryLog>& entryLog,
                const Nimbo::Ptr<Asic::GroupResolver>& groupResolver);
   ~TableSwTable() override;
-  // <T>SwTable::<T>SwTableIs(...), with the constructor's arguments: a new table.
+  // <T>SwTable::<T>SwTableIs(...), with the constructor's arguments: a new table. (Its
+  // types are the class's own, so that every compiler can instantiate the nine it hides.)
 #define VESK_TAPAGG_SW_TABLE_IS(Name, ...)                                                        \
   static Nimbo::Ptr<TableSwTable> Name##SwTableIs(                                                \
       const Nimbo::Ptr<const Asic::CanonicalTableName>& name, Asic::SwTableId tableId,            \
       Asic::UnitId unitId, Asic::OrderedSwTableSet* swTableSet,                                   \
-      const Nimbo::Ptr<Name##EntryLog>& entryLog,                                                 \
+      const Nimbo::Ptr<typename NamedEntryLog<Traits>::Type>& entryLog,                           \
       const Nimbo::Ptr<Asic::GroupResolver>& groupResolver)                                       \
     requires std::same_as<Traits, Name##Traits>                                                   \
   {                                                                                               \

@@ -85,8 +85,8 @@ typename Traits::EntryKey keyFrom(py::handle value) {
   return recordFrom<typename Traits::EntryKey>(value, "key");
 }
 
-// The entry to write under `key`: a dict without "entryKey" takes the key; an entry whose
-// key differs from `key` is refused.
+// The entry to write under `key`: a dict without "entryKey" takes the key; like the table
+// itself, an entry that names another key is stored under `key`.
 template <class Traits>
 typename Traits::Entry entryFor(const typename Traits::EntryKey& key, py::handle value) {
   typename Traits::Entry entry{};
@@ -95,10 +95,6 @@ typename Traits::Entry entryFor(const typename Traits::EntryKey& key, py::handle
     assignFields(entry, value.cast<py::dict>(), "entry");
   } else {
     assign(entry, value, "entry");
-  }
-  if (!(entry.key() == key)) {
-    throw py::value_error(
-        fmt::format("entry: its key {} differs from the key written, {}", entry.key(), key));
   }
   return entry;
 }
@@ -115,7 +111,8 @@ void bindSnapshot(py::class_<PyTable<Traits>>& table) {
   using S = PySnapshot<Traits>;
   py::class_<S> snapshot(
       table, "SwTableEntries_py",
-      "A copy of every entry of the table, by key; later changes of the table do not reach it.");
+      "A copy of every entry of the table, by key; later changes of the table do not reach it,\n"
+      "and changes made to it do not reach the table.");
   snapshot.def("__len__", [](const S& s) { return s.entries->tableEntriesSize(); })
       .def("__contains__",
            [](const S& s, py::handle key) {
@@ -144,6 +141,33 @@ void bindSnapshot(py::class_<PyTable<Traits>>& table) {
             return s.entries->tableEntriesHas(keyFrom<Traits>(key));
           },
           py::arg("key"))
+      .def(
+          "tableEntriesIs",
+          [](S& s, py::handle entry) {
+            s.entries->tableEntriesIs(recordFrom<typename Traits::Entry>(entry, "entry"));
+          },
+          py::arg("entry"), "Stores the entry under its own key, replacing what is there.")
+      .def(
+          "tableEntriesDel",
+          [](S& s, py::handle key) { return s.entries->tableEntriesDel(keyFrom<Traits>(key)); },
+          py::arg("key"),
+          "Removes the key; returns the removed entry, or a default one when it was absent.")
+      .def(
+          "tableEntriesDelAll", [](S& s) { s.entries->tableEntriesDelAll(); },
+          "Empties the snapshot.")
+      .def("__setitem__",
+           [](S& s, py::handle key, py::handle entry) {
+             const auto k = keyFrom<Traits>(key);
+             auto stored = entryFor<Traits>(k, entry);
+             stored.entryKey = k;  // under the key it is set at
+             s.entries->tableEntriesIs(stored);
+           })
+      .def("__delitem__",
+           [](S& s, py::handle key) {
+             const auto k = keyFrom<Traits>(key);
+             if (!s.entries->tableEntriesHas(k)) throw py::key_error(fmt::format("{}", k));
+             s.entries->tableEntriesDel(k);
+           })
       .def("keys",
            [](const S& s) {
              py::list keys;
@@ -197,7 +221,8 @@ void bindTable(py::module_& m) {
             return PyEntryHandle{t.table->entryWrite(k, entryFor<Traits>(k, entry), nullptr)};
           },
           py::arg("key"), py::arg("entry"),
-          "Writes the entry under the key; returns the change's handle.")
+          "Writes the entry under the key (whatever key the entry names); returns the change's\n"
+          "handle.")
       .def(
           "entryRemove",
           [](T& t, py::handle key) {
