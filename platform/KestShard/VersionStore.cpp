@@ -95,7 +95,9 @@ VersionStore::Outcome VersionStore::readFrom(uint64_t key, bool strictlyAfter, b
       return Outcome::inconsistent;
     }
     const uint64_t found = keyOf(out);
-    if (live && checksum(out, 0) != check) {
+    // A delete only marks the state, so a deleted record keeps its checksum too: a damaged
+    // version in it would lead the search astray.
+    if (checksum(out, 0) != check) {
       why = fmt::format("record of version {} fails its checksum", found);
       return Outcome::inconsistent;
     }
@@ -130,12 +132,17 @@ uint64_t VersionStore::newestVersion() const {
     uint64_t head = 0, tail = 0;
     if (!loadSpan(head, tail, why)) return Outcome::inconsistent;
     if (head == tail) return Outcome::found;
-    const Slot& s = slot(tail - 1);
+    Slot& s = slot(tail - 1);
     const uint32_t sequence = loadAcquire(s.sequence);
     newest = keyAt(tail - 1);
+    const bool intact = checksum(s.record(), 0) == loadRelaxed(s.check);
     fenceAcquire();
     if ((sequence & 1) || loadRelaxed(s.sequence) != sequence) {
       why = fmt::format("slot of position {} changed while read", tail - 1);
+      return Outcome::inconsistent;
+    }
+    if (!intact) {
+      why = fmt::format("newest record (version {}) fails its checksum", newest);
       return Outcome::inconsistent;
     }
     return Outcome::found;
@@ -280,12 +287,29 @@ bool VersionStore::written(uint64_t position) const noexcept {
   return segment()->reserved(geometry().slotOffset(index)) && slot(position).sequence != 0;
 }
 
-// Cheap checks of the span's words, so that a damaged head or tail is repaired at the
-// writer's mount rather than trusted: a span within the capacity, ending in a filled slot.
+// Whether the slot of `position` holds a record as its writer left it: filled, not half
+// written, and matching its checksum.
+bool VersionStore::whole(uint64_t position) const noexcept {
+  if (!written(position)) return false;
+  Slot& s = slot(position);
+  return !(s.sequence & 1) && checksum(s.record(), 0) == s.check;
+}
+
+// Versions grow by at least one per position, so the versions at the two ends of the span
+// bound its length.
+bool VersionStore::endsInOrder() const noexcept {
+  const SegmentHeader& h = header();
+  const uint64_t oldest = keyAt(h.head), newest = keyAt(h.tail - 1);
+  return newest >= oldest && newest - oldest >= h.tail - 1 - h.head;
+}
+
+// Cheap checks, so that damage the writer would build on is repaired at its mount rather
+// than trusted: a span within the capacity whose two ends are whole records in order (an
+// append compares with the newest, a lookup starts from the oldest).
 bool VersionStore::spanPlausible() const noexcept {
   const SegmentHeader& h = header();
-  return h.tail >= h.head && h.tail - h.head <= geometry().capacity &&
-         (h.tail == h.head || written(h.tail - 1));
+  if (h.tail < h.head || h.tail - h.head > geometry().capacity) return false;
+  return h.tail == h.head || (whole(h.head) && whole(h.tail - 1) && endsInOrder());
 }
 
 // Puts back a slot a stopped writer was rewriting, then recounts the live span and
@@ -310,12 +334,33 @@ void VersionStore::recover() {
     repaired(fmt::format("tail {} lies past the filled slots; the log ends at {}", damagedTail,
                          h.tail));
   }
-  while (h.head < h.tail && slot(h.head).state != kLive) ++h.head;
+  for (uint64_t pos = h.head; pos < h.tail; ++pos) {
+    if (slot(pos).sequence & 1) ++slot(pos).sequence;
+  }
+  const uint64_t wholeTail = h.tail;
+  while (h.tail > h.head && !whole(h.tail - 1)) --h.tail;
+  if (h.tail != wholeTail) {
+    repaired(fmt::format("{} newest record(s) damaged; the log ends at {}", wholeTail - h.tail,
+                         h.tail));
+  }
+  uint64_t damagedAtHead = 0;
+  while (h.head < h.tail && (slot(h.head).state != kLive || !whole(h.head))) {
+    if (!whole(h.head)) ++damagedAtHead;
+    ++h.head;
+  }
+  if (damagedAtHead != 0) {
+    repaired(fmt::format("{} oldest record(s) damaged; the log starts at {}", damagedAtHead,
+                         h.head));
+  }
+  if (h.head < h.tail && !endsInOrder()) {
+    repaired(fmt::format("versions {} to {} out of order over positions {} to {}; the log "
+                         "restarts empty at {}",
+                         keyAt(h.head), keyAt(h.tail - 1), h.head, h.tail - 1, h.tail));
+    h.head = h.tail;
+  }
   uint32_t live = 0;
   for (uint64_t pos = h.head; pos < h.tail; ++pos) {
-    Slot& s = slot(pos);
-    if (s.sequence & 1) ++s.sequence;
-    if (s.state == kLive) ++live;
+    if (slot(pos).state == kLive) ++live;
   }
   h.count = live;
   recovered();

@@ -53,6 +53,8 @@ class VESK_EXPORT VersionStore : public Store {
   void releaseFreed(uint64_t from, uint64_t to);
   bool chunkInUse(uint64_t chunk, uint64_t head, uint64_t liveSpan) const noexcept;
   bool written(uint64_t position) const noexcept;
+  bool whole(uint64_t position) const noexcept;
+  bool endsInOrder() const noexcept;
   bool spanPlausible() const noexcept;
   void recover();
 };

@@ -183,6 +183,36 @@ TEST_F(CorruptionTest, ALogTailPastTheFilledSlotsIsTrimmedAtTheWriterMount) {
   EXPECT_EQ(shard->log.count(), 41u);
 }
 
+// The writer appends after the newest record's version and lookups start from the oldest:
+// a damaged record at either end would have appends go out of order (and then be found
+// nowhere). Readers report it; the writer's mount drops it, reported, and goes on in order.
+TEST_F(CorruptionTest, ADamagedRecordAtEitherEndOfTheLogIsDroppedAtTheWriterMount) {
+  {
+    auto shard = mountTestShard("ends", 64, 1024);
+    for (uint64_t v = 1; v <= 60; ++v) shard->log.insertOrReplace(LogRecord::of(v));
+    for (uint64_t v = 1; v <= 20; ++v) shard->log.erase(v);
+    unmount("ends");
+  }
+  {
+    Damage d(segmentFile(root, "ends", "log"));
+    d.flipInside(LogRecord::of(60), 0);  // the version itself
+    d.flipInside(LogRecord::of(21), 30);
+  }
+  {
+    auto reader = mountTestShard("ends", 64, 1024, KestShard::KestShardType::reader);
+    EXPECT_THROW(reader->log.newestVersion(), Nimbo::CorruptionDetectedException);
+    EXPECT_THROW(reader->log.find(21), Nimbo::CorruptionDetectedException);
+    unmount("ends");
+  }
+  auto shard = mountTestShard("ends", 64, 1024);
+  EXPECT_EQ(shard->log.store().mountRepairs().size(), 2u);
+  EXPECT_EQ(shard->log.newestVersion(), 59u);
+  EXPECT_EQ(shard->log.begin()->version, 22u);
+  EXPECT_EQ(shard->log.count(), 38u);
+  shard->log.insertOrReplace(LogRecord::of(60));
+  EXPECT_TRUE(shard->log.find(60)->whole());
+}
+
 // The first non-empty bucket word of a keyed collection's index.
 uint32_t& firstUsedBucket(Damage& d, uint32_t buckets) {
   auto* words = reinterpret_cast<uint32_t*>(d.base() + 8192);
