@@ -8,7 +8,7 @@
 #include <pybind11/eval.h>
 #include <pybind11/pybind11.h>
 
-#include "python/RecordFields.h"
+#include "types/TableTypes.h"
 
 namespace VeskPy {
 
@@ -33,13 +33,12 @@ void defRepr(Class& cls, Repr&& repr) {
 }
 
 template <class T>
-concept Record = requires {
-  RecordFields<T>::list;
-};
+concept Record = VeskTapAgg::SchemaRecord<T>;
+using VeskTapAgg::forEachField;
 
 template <class R>
 const std::string& recordName() {
-  static const std::string name = RecordFields<R>::name();
+  static const std::string name = R::typeName();
   return name;
 }
 
@@ -60,7 +59,7 @@ void assignFields(R& record, const py::dict& fields, const std::string& where) {
     const std::string fieldName = py::str(item.first);
     bool found = false;
     forEachField<R>([&](const auto& f) {
-      if (f.shown && fieldName == f.name) {
+      if (f.shown() && fieldName == f.name) {
         assign(record.*f.member, value, where + "." + fieldName);
         found = true;
       }
@@ -68,7 +67,7 @@ void assignFields(R& record, const py::dict& fields, const std::string& where) {
     if (!found) {
       std::string names;
       forEachField<R>([&](const auto& f) {
-        if (f.shown) names.append(names.empty() ? "" : ", ").append(f.name);
+        if (f.shown()) names.append(names.empty() ? "" : ", ").append(f.name);
       });
       const std::string prefix = where == recordName<R>() ? "" : where + ": ";
       throw py::type_error(fmt::format("{}{} has no field '{}' (fields: {})", prefix,
@@ -118,7 +117,7 @@ py::object toPython(const F& value) {
   } else {
     py::dict fields;
     forEachField<F>([&](const auto& f) {
-      if (f.shown) fields[f.name] = toPython(value.*f.member);
+      if (f.shown()) fields[f.name] = toPython(value.*f.member);
     });
     return fields;
   }
@@ -129,7 +128,7 @@ std::string reprOf(const R& record) {
   std::string text = recordName<R>() + "(";
   bool first = true;
   forEachField<R>([&](const auto& f) {
-    if (!f.shown) return;
+    if (!f.shown()) return;
     text += (first ? "" : ", ") + std::string(f.name) + "=";
     using F = typename std::decay_t<decltype(f)>::Type;
     if constexpr (Record<F>) {
@@ -166,7 +165,6 @@ void bindField(py::class_<R>& c, const auto& f) {
 // Makes R's Python class (and, first, those of the records it holds) unless it exists.
 template <Record R>
 void bindRecord(py::module_& m) {
-  static_assert(fieldBytes<R>() == sizeof(R), "a field of the record is missing from its list");
   if (py::detail::get_type_info(typeid(R))) return;
   forEachField<R>([&](const auto& f) {
     using F = typename std::decay_t<decltype(f)>::Type;
@@ -185,7 +183,7 @@ void bindRecord(py::module_& m) {
         "Zero, or the record or dict given, with the fields named as keywords set.");
   py::list names;
   forEachField<R>([&](const auto& f) {
-    if (!f.shown) return;
+    if (!f.shown()) return;
     names.append(f.name);
     bindField(c, f);
   });

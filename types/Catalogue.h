@@ -3,7 +3,8 @@
 // The ten table types, in one list from which everything per type is generated: the
 // record aliases and traits (types/TableTypes.h), the shard types (types/TableShards.h)
 // and the catalogue of names and ids (VeskTapAgg/Catalogue.h). Adding a table type is one
-// line here plus, for an entry table, its key in types/EntryKeys.h.
+// line here plus, for an entry table, its key's field table in types/EntryKeys.h; its
+// records, type records, shards, tables, Python classes and CLI views follow.
 //
 // X(Name, lowerName, role, swTableId, transientAddEntry salt, transientRemoveEntry salt,
 //   transientVersionForKey salt, tableEntries salt, the entry log's tableConfigShard salt)

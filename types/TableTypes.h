@@ -84,6 +84,48 @@ VESK_TAPAGG_TABLES(VESK_TAPAGG_DECLARE_TYPES)
 VESK_TAPAGG_TABLES(VESK_TAPAGG_CHECK_TRAITS)
 #undef VESK_TAPAGG_CHECK_TRAITS
 
+// Every table type's traits in catalogue order, as a type list to fold over
+// (forEachTableType).
+template <class... Traits>
+struct TableTypeList {
+  static constexpr size_t size = sizeof...(Traits);
+};
+namespace detail {
+template <class First, class... Rest>
+using DropFirst = TableTypeList<Rest...>;
+}  // namespace detail
+#define VESK_TAPAGG_TRAITS_ITEM(Name, ...) , Name##Traits
+using AllTableTraits = detail::DropFirst<void VESK_TAPAGG_TABLES(VESK_TAPAGG_TRAITS_ITEM)>;
+#undef VESK_TAPAGG_TRAITS_ITEM
+
+// Calls visit.template operator()<Traits>(index) for every table type, in catalogue order.
+template <class Visit, class... Traits>
+void forEachTableTypeOf(TableTypeList<Traits...>, Visit& visit) {
+  size_t index = 0;
+  (visit.template operator()<Traits>(index++), ...);
+}
+template <class Visit>
+void forEachTableType(Visit&& visit) {
+  forEachTableTypeOf(AllTableTraits{}, visit);
+}
+
+// The records with a type record (types/RecordTypes.cpp): those every table type shares,
+// and the six of each table type.
+#define VESK_TAPAGG_SHARED_RECORDS(X) \
+  X(U8Match) X(U16Match) X(U32Match) X(MacMatch) X(Ip4Match) X(Ip6Match) X(TcamAction)
+#define VESK_TAPAGG_RECORDS_OF(Name, X)                                                  \
+  X(Name##EntryKey) X(Name##Entry) X(Name##LogEntry) X(Name##ResourceKeys)               \
+  X(Name##ConfigShardEntry) X(Name##LogShardEntry)
+
+#define VESK_TAPAGG_DECLARE_RECORD_TYPE(Record) \
+  extern template VESK_EXPORT const Kest::RecordType& typeRecordOf<Record>();
+VESK_TAPAGG_SHARED_RECORDS(VESK_TAPAGG_DECLARE_RECORD_TYPE)
+#define VESK_TAPAGG_DECLARE_RECORD_TYPES(Name, ...) \
+  VESK_TAPAGG_RECORDS_OF(Name, VESK_TAPAGG_DECLARE_RECORD_TYPE)
+VESK_TAPAGG_TABLES(VESK_TAPAGG_DECLARE_RECORD_TYPES)
+#undef VESK_TAPAGG_DECLARE_RECORD_TYPES
+#undef VESK_TAPAGG_DECLARE_RECORD_TYPE
+
 // The reference table type's layouts are fixed: shared memory written by one build is read
 // by the next.
 static_assert(sizeof(DefaultFwdTcamEntryEntryKey) == 72);

@@ -7,8 +7,9 @@
 
 namespace Kest {
 
-ModuleTypeData::ModuleTypeData(std::string_view unit, std::vector<const TypeData*> types)
-    : unit_(unit), name_(nameOf(unit)), types_(std::move(types)) {}
+ModuleTypeData::ModuleTypeData(std::string_view unit, std::vector<const TypeData*> types,
+                               std::vector<const RecordType*> records)
+    : unit_(unit), name_(nameOf(unit)), types_(std::move(types)), records_(std::move(records)) {}
 
 Nimbo::String ModuleTypeData::nameOf(std::string_view unit) {
   return fmt::format("_{}_{:08x}_kestModule", unit, moduleHash(unit));
@@ -18,6 +19,12 @@ const TypeData* ModuleTypeData::type(std::string_view className) const noexcept 
   const auto it = std::find_if(types_.begin(), types_.end(),
                                [&](const TypeData* t) { return t->name() == className; });
   return it == types_.end() ? nullptr : *it;
+}
+
+const RecordType* ModuleTypeData::record(std::string_view recordName) const noexcept {
+  const auto it = std::find_if(records_.begin(), records_.end(),
+                               [&](const RecordType* r) { return r->name() == recordName; });
+  return it == records_.end() ? nullptr : *it;
 }
 
 }  // namespace Kest

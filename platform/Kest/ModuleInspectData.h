@@ -5,6 +5,7 @@
 #include <string_view>
 #include <vector>
 
+#include "Kest/RecordType.h"
 #include "Kest/TypeData.h"
 #include "Nimbo/Export.h"
 #include "Nimbo/String.h"
@@ -20,12 +21,13 @@ constexpr uint32_t moduleHash(std::string_view text) noexcept {
 }
 
 // The type record of one source unit of a library: its name, made from the unit's
-// ("_<unit>_<8 hex digits>_kestModule"), and the records of the classes the unit defines
-// (possibly none). Built at load by the unit, never changed; lives as long as the library.
+// ("_<unit>_<8 hex digits>_kestModule"), the records of the classes the unit defines
+// (possibly none) and those of the plain records (keys, entries) it defines. Built at load by the unit, never changed; lives as long as the library.
 // Any thread may read it.
 class VESK_EXPORT ModuleTypeData {
  public:
-  ModuleTypeData(std::string_view unit, std::vector<const TypeData*> types);
+  ModuleTypeData(std::string_view unit, std::vector<const TypeData*> types,
+                 std::vector<const RecordType*> records = {});
   ModuleTypeData(const ModuleTypeData&) = delete;
   ModuleTypeData& operator=(const ModuleTypeData&) = delete;
 
@@ -37,11 +39,15 @@ class VESK_EXPORT ModuleTypeData {
   std::span<const TypeData* const> types() const noexcept { return types_; }
   // The record of the class of that name, or null.
   const TypeData* type(std::string_view className) const noexcept;
+  std::span<const RecordType* const> records() const noexcept { return records_; }
+  // The plain record of that name, or null.
+  const RecordType* record(std::string_view recordName) const noexcept;
 
  private:
   Nimbo::String unit_;
   Nimbo::String name_;
   std::vector<const TypeData*> types_;
+  std::vector<const RecordType*> records_;
 };
 
 }  // namespace Kest

@@ -46,10 +46,11 @@ class TestMaking:
 
     def test_text_is_the_clis_and_repr_makes_it_again(self):
         key = Key(priority=5, ingressPort={"value": 3, "mask": 0xFFFFFFFF}, actionIndex=2)
-        assert str(key) == "DefaultFwdTcamEntryEntryKey(prio=5, port=3/0xffffffff, action=2)"
+        assert str(key) == "DefaultFwdTcamEntryEntryKey(priority=5, ingressPort=3/0xffffffff, actionIndex=2)"
         entry = vesktap.DefaultFwdTcamActionEntry(entryKey={"index": 1},
                                                   action={"kind": 1, "redirectPort": 7, "flags": 1, "counterId": 4})
-        assert str(entry) == "DefaultFwdTcamActionEntryKey(index=1) -> redirect port=7 count=4"
+        assert str(entry) == ("DefaultFwdTcamActionEntry(entryKey=DefaultFwdTcamActionEntryKey(index=1), "
+                              "action=TcamAction(kind=redirect, flags=count, redirectPort=7, counterId=4))")
         assert eval(repr(entry), vars(vesktap)) == entry
         assert "reserved" not in repr(entry) and "reserved" not in vesktap.TcamAction._fields
 

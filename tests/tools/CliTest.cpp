@@ -74,7 +74,7 @@ std::map<uint16_t, std::map<std::string, std::string>> expectedEntries(const std
   std::map<uint16_t, std::map<std::string, std::string>> units;
   for (const auto& [slot, variant] : state.entries(table)) {
     const auto entry = logEntryOf<Traits>(uint32_t(slot), variant);
-    units[uint16_t(slot >> 32)][fmt::format("{}", entry.key())] = fmt::format("{}", entry);
+    units[uint16_t(slot >> 32)][fmt::format("{}", entry.key())] = fmt::format("{}", VeskTapAgg::entryOf(entry));
   }
   return units;
 }

@@ -121,12 +121,19 @@ def describe_diff(expected, observed, slots, limit=4):
 # --- what show prints --------------------------------------------------------------------
 
 def expected_entry(table, key, variant):
-    """The text show prints for the entry the agent writes for (key, variant)."""
+    """The text show prints for the entry the agent writes for (key, variant): fields left
+    at zero do not show."""
+    def fields(*pairs):
+        return ", ".join(f"{name}={value}" for name, value in pairs if value not in (0, None))
     if is_action(table):
-        kind = "drop" if variant % 3 == 2 else f"redirect port={1 + (key + variant) % 48}"
-        return f"{table}EntryKey(index={key}) -> {kind} vlanPush={100 + variant % 4000} count={key}"
-    vlan = "" if table.startswith("TapTunnel") else f", vlan={100 + key % 4000}/0xfff"
-    return f"{table}EntryKey(prio={key}, port={1 + key % 48}/0xffffffff{vlan}, action={key % 1024})"
+        action = fields(("kind", "drop" if variant % 3 == 2 else "redirect"),
+                        ("flags", "count|vlanPush"), ("vlanId", 100 + variant % 4000),
+                        ("redirectPort", 1 + (key + variant) % 48), ("counterId", key))
+        return f"{table}Entry(entryKey={table}EntryKey(index={key}), action=TcamAction({action}))"
+    vlan = None if table.startswith("TapTunnel") else f"{100 + key % 4000}/0xfff"
+    rest = fields(("ingressPort", f"{1 + key % 48}/0xffffffff"), ("vlan", vlan),
+                  ("actionIndex", key % 1024))
+    return f"{table}Entry(entryKey={table}EntryKey(priority={key}, {rest}))"
 
 
 def decode_show(text):
@@ -137,9 +144,9 @@ def decode_show(text):
         name = table["table"]
         for unit in table["units"]:
             for e in unit.get("entries", []):
-                m = re.search(r"\((?:index|prio)=(\d+)", e["key"])
+                m = re.search(r"\((?:index|priority)=(\d+)", e["key"])
                 k = int(m.group(1)) if m else e["key"]
-                vlan = re.search(r"vlanPush=(\d+)", e["entry"]) if is_action(name) else None
+                vlan = re.search(r"vlanId=(\d+)", e["entry"]) if is_action(name) else None
                 v = int(vlan.group(1)) - 100 if vlan else 0
                 state[(name, unit["unit"], k)] = v if m and e["entry"] == expected_entry(name, k, v) \
                     else ("garbled", e["entry"])

@@ -34,7 +34,7 @@ Json showUnit(const AgentMemory& memory, Asic::UnitId unit, bool entries) {
     Json list = Json::array();
     for (const auto& e : contents->entries) {
       list.push_back({{"key", fmt::format("{}", e.logEntry.key())},
-                      {"entry", fmt::format("{}", e.logEntry)},
+                      {"entry", fmt::format("{}", VeskTapAgg::entryOf(e.logEntry))},
                       {"version", e.version.value()},
                       {"inHardware", e.inHardware}});
     }

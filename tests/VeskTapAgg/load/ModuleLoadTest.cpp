@@ -1,5 +1,6 @@
 // Loading the table library, watched from a program that does not link it: the load
-// announces each generated unit's module and does nothing else.
+// announces each generated unit's module, and the types library it pulls in the modules of
+// the records, and does nothing else.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -15,7 +16,7 @@
 
 namespace {
 
-TEST(ModuleLoad, LoadingAnnouncesFiveModulesPerTableTypeAndNothingElse) {
+TEST(ModuleLoad, LoadingAnnouncesSixModulesPerTableTypeTheSharedRecordsAndNothingElse) {
   VeskTest::TempShmRoot root;
   Kest::traceConfigIs("*/0-31");
   Kest::TraceCapture traces;
@@ -26,16 +27,18 @@ TEST(ModuleLoad, LoadingAnnouncesFiveModulesPerTableTypeAndNothingElse) {
 
   std::set<std::string> expected, announced;
   for (const VeskTapAgg::CatalogueRow& row : VeskTapAgg::kCatalogue) {
-    for (const char* unit : {"InfraTypes", "EntryLog", "Interface", "SwTable", "SwTableHelperBase"}) {
+    for (const char* unit :
+         {"InfraTypes", "EntryLog", "Interface", "SwTable", "SwTableHelperBase", "Records"}) {
       expected.insert(Kest::ModuleTypeData::nameOf(std::string(row.name) + unit));
     }
   }
+  expected.insert(Kest::ModuleTypeData::nameOf("TcamRecords"));
   for (const Kest::ModuleTypeData* module : Nimbo::ModuleInspectData::modules()) {
     announced.insert(module->name());
   }
-  EXPECT_EQ(expected.size(), 50u);
+  EXPECT_EQ(expected.size(), 61u);
   EXPECT_EQ(announced, expected);
-  EXPECT_EQ(Nimbo::ModuleInspectData::modules().size(), 50u) << "each module once";
+  EXPECT_EQ(Nimbo::ModuleInspectData::modules().size(), 61u) << "each module once";
   EXPECT_TRUE(announced.contains("_DefaultFwdTcamEntryInterface_80988d6b_kestModule"));
 
   // No table, entry log or interface came to life: nothing traced, nothing mounted.

@@ -1,0 +1,185 @@
+// Records as their field tables make them read: in print, in JSON and to the framework's
+// inspection, under one name per field.
+#include <gtest/gtest.h>
+
+#include "Kest/ModuleInspectData.h"
+#include "types/TableTypes.h"
+
+namespace {
+
+using VeskTapAgg::typeRecordOf;
+
+VeskTapAgg::DefaultFwdTcamEntryEntryKey referenceKey() {
+  VeskTapAgg::DefaultFwdTcamEntryEntryKey key{};
+  key.priority = 10;
+  key.vlan = {100, 0xfff};
+  key.dstIp = {0x0a000001, 0xffffff00};
+  key.dstMac = {{0, 0x1c, 0x73, 1, 2, 3}, {0xff, 0xff, 0xff, 0xff, 0xff, 0xff}};
+  key.actionIndex = 7;
+  return key;
+}
+
+VeskTapAgg::DefaultFwdTcamActionEntry redirectEntry() {
+  using Flag = VeskTapAgg::TcamAction::Flag;
+  VeskTapAgg::DefaultFwdTcamActionEntry entry{};
+  entry.entryKey.index = 5;
+  entry.action.kind = uint8_t(VeskTapAgg::ActionKind::redirect);
+  entry.action.redirectPort = 3;
+  entry.action.vlanId = 100;
+  entry.action.counterId = 9;
+  entry.action.flags = Flag::lag | Flag::vlanPush | Flag::count;
+  return entry;
+}
+
+TEST(RecordText, AKeyShowsItsFirstFieldAndEveryFieldThatIsSet) {
+  EXPECT_EQ(fmt::format("{}", referenceKey()),
+            "DefaultFwdTcamEntryEntryKey(priority=10, vlan=100/0xfff, "
+            "dstMac=00:1c:73:01:02:03/ff:ff:ff:ff:ff:ff, dstIp=10.0.0.1/255.255.255.0, "
+            "actionIndex=7)");
+  EXPECT_EQ(fmt::format("{}", VeskTapAgg::DefaultFwdTcamEntryEntryKey{}),
+            "DefaultFwdTcamEntryEntryKey(priority=0)");
+  auto key = referenceKey();
+  key.ipProtocol = {6, 0};  // a value under a zero mask still tells keys apart
+  EXPECT_NE(fmt::format("{}", key).find(", ipProtocol=0x6/0x0, "), std::string::npos)
+      << fmt::format("{}", key);
+}
+
+TEST(RecordText, EveryEntryTableKeyReadsItsAddressesAsAddresses) {
+  VeskTapAgg::ServicePolicyV6TcamEntryEntryKey v6{};
+  v6.srcIp.value[0] = 0x20;
+  v6.srcIp.value[1] = 0x01;
+  v6.srcIp.value[15] = 0x01;
+  v6.srcIp.mask[0] = 0xff;
+  v6.nextHeader = {17, 0xff};
+  EXPECT_EQ(fmt::format("{}", v6),
+            "ServicePolicyV6TcamEntryEntryKey(priority=0, srcIp=2001:0:0:0:0:0:0:1/"
+            "ff00:0:0:0:0:0:0:0, nextHeader=0x11/0xff)");
+
+  VeskTapAgg::TapTunnelTerminationTcamEntryEntryKey tunnel{};
+  tunnel.tunnelType = {uint8_t(VeskTapAgg::TunnelType::vxlan), 0xff};
+  tunnel.reserved = 0xffff;  // reserved bytes never show
+  tunnel.tunnelKey = {5000, 0xffffff};
+  tunnel.outerDstIp = {0xc0a80001, 0xffffffff};
+  EXPECT_EQ(fmt::format("{}", tunnel),
+            "TapTunnelTerminationTcamEntryEntryKey(priority=0, tunnelType=0x2/0xff, "
+            "outerDstIp=192.168.0.1/255.255.255.255, tunnelKey=5000/0xffffff)");
+}
+
+TEST(RecordText, AnActionNamesItsKindAndFlags) {
+  EXPECT_EQ(fmt::format("{}", redirectEntry()),
+            "DefaultFwdTcamActionEntry(entryKey=DefaultFwdTcamActionEntryKey(index=5), "
+            "action=TcamAction(kind=redirect, flags=count|vlanPush|lag, vlanId=100, "
+            "redirectPort=3, counterId=9))");
+  VeskTapAgg::TcamAction odd{};
+  odd.kind = 9;
+  odd.flags = 0xc1;
+  EXPECT_EQ(fmt::format("{}", odd), "TcamAction(kind=9, flags=count|0xc0)")
+      << "values without a name read as numbers";
+}
+
+TEST(RecordText, LogRecordsShowVersionKindUnitAndTombstone) {
+  VeskTapAgg::DefaultFwdTcamEntryConfigShardEntry config{};
+  config.logEntry.entryKey.priority = 3;
+  config.logVersion = Asic::LogVersion(42);
+  config.isDeleted = true;
+  EXPECT_EQ(fmt::format("{}", config),
+            "DefaultFwdTcamEntryConfigShardEntry(logEntry=DefaultFwdTcamEntryLogEntry("
+            "entryKey=DefaultFwdTcamEntryEntryKey(priority=3)), logVersion=42, isDeleted=true)");
+
+  VeskTapAgg::DefaultFwdTcamEntryLogShardEntry change{};
+  change.logVersion = Asic::LogVersion(43);
+  change.deleteKind = uint8_t(VeskTapAgg::DeleteKind::unitDelete);
+  change.unitId = Asic::UnitId(2);
+  EXPECT_EQ(fmt::format("{}", change),
+            "DefaultFwdTcamEntryLogShardEntry(logVersion=43, deleteKind=deleteAll, unitId=2)")
+      << "a unit's delete has no key";
+  change.deleteKind = uint8_t(VeskTapAgg::DeleteKind::entryDelete);
+  change.key.priority = 1;
+  EXPECT_EQ(fmt::format("{}", change),
+            "DefaultFwdTcamEntryLogShardEntry(logVersion=43, deleteKind=delete, unitId=2, "
+            "key=DefaultFwdTcamEntryEntryKey(priority=1))");
+}
+
+TEST(RecordJson, EveryShownFieldUnderTheSameName) {
+  const auto& keyType = typeRecordOf<VeskTapAgg::DefaultFwdTcamEntryEntryKey>();
+  const auto key = referenceKey();
+  EXPECT_EQ(keyType.json(&key),
+            R"({"priority":10,"ingressPort":{"value":0,"mask":0},"vlan":{"value":100,"mask":4095},)"
+            R"("etherType":{"value":0,"mask":0},"dstMac":{"value":"00:1c:73:01:02:03",)"
+            R"("mask":"ff:ff:ff:ff:ff:ff"},"srcMac":{"value":"00:00:00:00:00:00",)"
+            R"("mask":"00:00:00:00:00:00"},"dstIp":{"value":"10.0.0.1","mask":"255.255.255.0"},)"
+            R"("srcIp":{"value":"0.0.0.0","mask":"0.0.0.0"},"ipProtocol":{"value":0,"mask":0},)"
+            R"("tcpFlags":{"value":0,"mask":0},"l4DstPort":{"value":0,"mask":0},"actionIndex":7})");
+
+  const auto entry = redirectEntry();
+  EXPECT_EQ(typeRecordOf<VeskTapAgg::DefaultFwdTcamActionEntry>().json(&entry),
+            R"({"entryKey":{"index":5},"action":{"kind":"redirect","flags":41,"vlanId":100,)"
+            R"("redirectPort":3,"truncateLength":0,"counterId":9,"mirrorSession":0}})");
+  VeskTapAgg::DefaultFwdTcamEntryConfigShardEntry config{};
+  EXPECT_NE(typeRecordOf<VeskTapAgg::DefaultFwdTcamEntryConfigShardEntry>().json(&config).find(
+                R"("logVersion":0,"isDeleted":false})"),
+            std::string::npos);
+}
+
+TEST(RecordInspection, TheFrameworkReadsFieldsByNameWithoutTheType) {
+  const Kest::RecordType& type = typeRecordOf<VeskTapAgg::DefaultFwdTcamActionEntry>();
+  const auto entry = redirectEntry();
+  const Kest::RecordType& action = *type.field("action")->record;
+  EXPECT_EQ(action.fieldValue(&entry.action, *action.field("redirectPort")),
+            Kest::Value(uint64_t(3)));
+  EXPECT_EQ(action.fieldValue(&entry.action, *action.field("kind")), Kest::Value(uint64_t(1)));
+  EXPECT_EQ(type.fieldValue(&entry, *type.field("entryKey")),
+            Kest::Value(Nimbo::String("DefaultFwdTcamActionEntryKey(index=5)")));
+  EXPECT_EQ(action.field("reserved"), nullptr) << "reserved bytes are not fields to inspect";
+  EXPECT_EQ(action.field("nosuch"), nullptr);
+
+  const auto key = referenceKey();
+  const Kest::RecordType& keyType = typeRecordOf<VeskTapAgg::DefaultFwdTcamEntryEntryKey>();
+  const Kest::RecordType& ip = *keyType.field("dstIp")->record;
+  EXPECT_EQ(ip.fieldValue(&key.dstIp, *ip.field("value")), Kest::Value(Nimbo::String("10.0.0.1")));
+}
+
+// The types library announces one module per table type with its six records, and one
+// with the records they share; each record's fields cover its bytes (the type record stops
+// the process otherwise, when it is built at load).
+TEST(RecordModules, EveryTableTypeListsItsSixRecordsWithTheirSizes) {
+  size_t tables = 0;
+#define VESK_CHECK_RECORDS(Name, ...)                                                      \
+  {                                                                                        \
+    const auto* module =                                                                   \
+        Nimbo::ModuleInspectData::module(Kest::ModuleTypeData::nameOf(#Name "Records"));   \
+    ASSERT_NE(module, nullptr) << #Name;                                                   \
+    ASSERT_EQ(module->records().size(), 6u);                                               \
+    const std::pair<const char*, size_t> records[] = {                                     \
+        {"EntryKey", sizeof(VeskTapAgg::Name##EntryKey)},                                  \
+        {"Entry", sizeof(VeskTapAgg::Name##Entry)},                                        \
+        {"LogEntry", sizeof(VeskTapAgg::Name##LogEntry)},                                  \
+        {"ResourceKeys", sizeof(VeskTapAgg::Name##ResourceKeys)},                          \
+        {"ConfigShardEntry", sizeof(VeskTapAgg::Name##ConfigShardEntry)},                  \
+        {"LogShardEntry", sizeof(VeskTapAgg::Name##LogShardEntry)}};                       \
+    for (const auto& [suffix, size] : records) {                                           \
+      const Kest::RecordType* r = module->record(std::string(#Name) + suffix);             \
+      ASSERT_NE(r, nullptr) << #Name << suffix;                                            \
+      EXPECT_EQ(r->size(), size) << r->name();                                             \
+    }                                                                                      \
+    ++tables;                                                                              \
+  }
+  VESK_TAPAGG_TABLES(VESK_CHECK_RECORDS)
+#undef VESK_CHECK_RECORDS
+  EXPECT_EQ(tables, 10u);
+  const auto* shared = Nimbo::ModuleInspectData::module(Kest::ModuleTypeData::nameOf("TcamRecords"));
+  ASSERT_NE(shared, nullptr);
+  EXPECT_NE(shared->record("TcamAction"), nullptr);
+  EXPECT_NE(shared->record("Ip6Match"), nullptr);
+}
+
+TEST(RecordTypeDeathTest, AFieldTableThatMissesBytesStopsTheProcess) {
+  EXPECT_DEATH(Kest::RecordType("Gappy", 8, Kest::RecordType::Form::fields,
+                                {{"a", Kest::FieldText::decimal, 0, 4}, {"b", Kest::FieldText::decimal, 6, 2}}),
+               "Gappy.b");
+  EXPECT_DEATH(Kest::RecordType("Short", 8, Kest::RecordType::Form::fields,
+                                {{"a", Kest::FieldText::decimal, 0, 4}}),
+               "Short: the field table does not cover every byte");
+}
+
+}  // namespace
