@@ -12,6 +12,7 @@
 #include "Asic/OrderedTableInterface.h"
 #include "Asic/SwTableStats.h"
 #include "BenchSupport.h"
+#include "VeskTapAgg/EntryLog.h"
 #include "VeskTapAgg/Interface.h"
 
 namespace {
@@ -47,21 +48,18 @@ bool fill(uint32_t entries) {
     auto versions = Asic::TableVersionShard::mountWriter(Asic::mountEntityManager(*em), kGroup);
     auto stats = Nimbo::make<Asic::SwTableStats>();
     auto group = Nimbo::make<Asic::GroupInterface>();
-#define VESK_BENCH_FILL(Name, lower, ...)                                                  \
-  {                                                                                        \
-    using Traits = VeskTapAgg::Name##Traits;                                               \
-    auto log = VeskTapAgg::lower##EntryLogFactory(Traits::tableId, em, group, "VeskTapAgg"); \
-    for (uint16_t unit = 0; unit < kUnits; ++unit) {                                       \
-      log->mountShardConfig(Asic::UnitId(unit), {});                                       \
-      for (uint32_t n = 0; n < entries; ++n) {                                             \
-        log->entryIs(logEntryOf<Traits>(n), {}, nullptr, Asic::UnitId(unit), stats, false); \
-      }                                                                                    \
-    }                                                                                      \
-    log->cleanupEntryLog(log->tableVersion());                                             \
-    versions->tableVersionIs(Traits::tableId, log->tableVersion());                        \
-  }
-    VESK_TAPAGG_TABLES(VESK_BENCH_FILL)
-#undef VESK_BENCH_FILL
+    VeskTapAgg::forEachTableType([&]<class Traits>(size_t) {
+      auto log = Nimbo::make<typename VeskTapAgg::NamedEntryLog<Traits>::Type>(
+          Traits::tableId, em, group, "VeskTapAgg");
+      for (uint16_t unit = 0; unit < kUnits; ++unit) {
+        log->mountShardConfig(Asic::UnitId(unit), {});
+        for (uint32_t n = 0; n < entries; ++n) {
+          log->entryIs(logEntryOf<Traits>(n), {}, nullptr, Asic::UnitId(unit), stats, false);
+        }
+      }
+      log->cleanupEntryLog(log->tableVersion());
+      versions->tableVersionIs(Traits::tableId, log->tableVersion());
+    });
     return true;
   });
 }
@@ -76,15 +74,12 @@ bool restoreAll(uint32_t entries, std::chrono::nanoseconds& took) {
     auto orderedTableIntf =
         Nimbo::make<Asic::OrderedTableInterface>(Nimbo::make<Cairn::EntityManager>(kAgent, true));
     bool whole = true;
-#define VESK_BENCH_RESTORE(Name, ...)                                                       \
-  {                                                                                         \
-    auto intf = VeskTapAgg::Name##Interface::getIntf(orderedTableIntf);                     \
-    for (uint16_t unit = 0; unit < kUnits; ++unit) {                                        \
-      whole &= intf->makeSwTable(Asic::UnitId(unit), nullptr, false)->entrys() == entries; \
-    }                                                                                       \
-  }
-    VESK_TAPAGG_TABLES(VESK_BENCH_RESTORE)
-#undef VESK_BENCH_RESTORE
+    VeskTapAgg::forEachTableType([&]<class Traits>(size_t) {
+      auto intf = VeskTapAgg::TableInterface<Traits>::getIntf(orderedTableIntf);
+      for (uint16_t unit = 0; unit < kUnits; ++unit) {
+        whole &= intf->makeSwTable(Asic::UnitId(unit), nullptr, false)->entrys() == entries;
+      }
+    });
     const auto elapsed = std::chrono::steady_clock::now() - start;
     const int64_t ns = std::chrono::duration_cast<std::chrono::nanoseconds>(elapsed).count();
     return whole && write(fds[1], &ns, sizeof ns) == sizeof ns;

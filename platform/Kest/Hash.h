@@ -6,9 +6,15 @@
 
 namespace Kest {
 
-// Fast, well-mixed 64-bit hash of a byte range under a seed. Stable across processes and
-// builds: shared-memory collections store hashes and checksums computed with it, so any
-// change here is a layout change (bump KestShard's layout version).
+// The project's persistent hash: a multiply-fold hash in the style of wyhash (it uses
+// wyhash's "mum" step, a 64x64->128-bit multiply whose halves are folded with xor, and its
+// constants) over 16-byte blocks, an 8-byte block and a zero-padded tail, finished by a
+// multiply with the length. It is not wyhash itself: the block and tail steps differ, so
+// its values are its own, pinned by known answers in tests/platform/runtime/HashTest.cpp.
+// Chosen for short keys (a TCAM key is 72 bytes: five multiplies). Stable across
+// processes and builds: shared-memory collections store hashes and checksums computed with
+// it, so any change here is a layout change (bump KestShard's layout version) and fails
+// the known answers.
 inline uint64_t mix64(uint64_t a, uint64_t b) noexcept {
   __uint128_t r = static_cast<__uint128_t>(a ^ 0xa0761d6478bd642fULL) * (b ^ 0xe7037ed1a0b428dbULL);
   return static_cast<uint64_t>(r) ^ static_cast<uint64_t>(r >> 64);

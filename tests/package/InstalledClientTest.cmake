@@ -22,6 +22,15 @@ set(prefix ${WORK_DIR}/prefix)
 file(REMOVE_RECURSE ${WORK_DIR})
 run(installLog ${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
+# Only what a client includes is installed: no algorithm bodies, no collection internals.
+file(GLOB_RECURSE installedHeaders RELATIVE ${prefix}/include/VeskTap ${prefix}/include/VeskTap/*.h)
+foreach(private IN ITEMS VeskTapAgg/TableSwTable-defs.h KestShard/Atomics.h VeskTapAgg/WriterMount.h)
+  if(private IN_LIST installedHeaders)
+    message(FATAL_ERROR "private header ${private} was installed")
+  endif()
+endforeach()
+expectContains("${installedHeaders}" "VeskTapAgg/SwTable.h" "installed headers")
+
 # The client through find_package(VeskTapAgg).
 set(clientBuild ${WORK_DIR}/client-cmake)
 run(configureLog ${CMAKE_COMMAND} -S ${CLIENT_SOURCE_DIR} -B ${clientBuild} -G ${GENERATOR}

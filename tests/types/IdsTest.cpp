@@ -2,7 +2,6 @@
 
 #include "Asic/CanonicalTableName.h"
 #include "Asic/SwTableId.h"
-#include "Asic/UnitId.h"
 
 namespace {
 
@@ -27,34 +26,12 @@ TEST(SwTableId, PrintsAgentGroupAndTableInFixedWidthHex) {
   EXPECT_EQ(fmt::format("{}", Asic::SwTableId(0xffffffff)), "ff:ff:ffff");
 }
 
-TEST(SwTableId, OrdersByValue) {
-  EXPECT_LT(Asic::SwTableId(0x1c080401), Asic::SwTableId(0x1c080402));
-  EXPECT_LT(Asic::SwTableId(0x0000ffff), Asic::SwTableId(0x00010000));
-  EXPECT_EQ(Asic::SwTableId(), Asic::SwTableId(0));
-}
-
-TEST(UnitId, PrintsAsItsNumberWithIntegerOptions) {
-  EXPECT_EQ(fmt::format("{}", Asic::UnitId(65535)), "65535");
-  EXPECT_EQ(fmt::format("[{:>3}]", Asic::UnitId(7)), "[  7]");
-  EXPECT_EQ(Asic::UnitId().value(), 0);
-  EXPECT_LT(Asic::UnitId(1), Asic::UnitId(2));
-}
-
 TEST(CanonicalTableName, JoinsGroupNamespaceAndTable) {
   Asic::CanonicalTableName name(0, "VeskTapAgg.VeskTapAggGroup", "VeskTapAgg",
                                 "DefaultFwdTcamEntry");
   EXPECT_EQ(name.name(), "VeskTapAgg.VeskTapAggGroup/VeskTapAgg/DefaultFwdTcamEntry");
   EXPECT_EQ(fmt::format("{}", name), name.name());
   EXPECT_EQ(fmt::format("{}", Asic::CanonicalTableName(2, "g", "ns", "t")), "g/ns/t#2");
-}
-
-TEST(CanonicalTableName, EqualOnlyWhenEveryPartIs) {
-  const Asic::CanonicalTableName base(0, "g", "ns", "t");
-  EXPECT_EQ(base, Asic::CanonicalTableName(0, "g", "ns", "t"));
-  EXPECT_FALSE(base == Asic::CanonicalTableName(1, "g", "ns", "t"));
-  EXPECT_FALSE(base == Asic::CanonicalTableName(0, "h", "ns", "t"));
-  EXPECT_FALSE(base == Asic::CanonicalTableName(0, "g", "nt", "t"));
-  EXPECT_FALSE(base == Asic::CanonicalTableName(0, "g", "ns", "u"));
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <cstdint>
 
-#include "Asic/EntryFlags.h"
-#include "Asic/EntryState.h"
 #include "Asic/EntryVersion.h"
 #include "Asic/LogVersion.h"
 #include "Asic/MajorVersion.h"
@@ -57,25 +55,6 @@ TEST(MajorVersion, FirstRemoveAllTakesZeroThenCounts) {
   EXPECT_EQ(Asic::MajorVersion(4).next(), Asic::MajorVersion(5));
   EXPECT_FALSE(Asic::MajorVersion(UINT64_MAX).valid());
   EXPECT_EQ(fmt::format("{} {}", none, Asic::MajorVersion(12)), "invalid 12");
-}
-
-TEST(EntryFlags, KeepTheirNumbersAndPrintTheirNames) {
-  EXPECT_EQ(uint8_t(Asic::EntryFlags::write), 0);
-  EXPECT_EQ(uint8_t(Asic::EntryFlags::remove), 1);
-  EXPECT_EQ(uint8_t(Asic::EntryFlags::removeAll), 2);
-  EXPECT_EQ(fmt::format("{} {} {} {}", Asic::EntryFlags::write, Asic::EntryFlags::remove,
-                        Asic::EntryFlags::removeAll, Asic::EntryFlags(9)),
-            "write remove removeAll EntryFlags(9)");
-}
-
-TEST(EntryState, KeepTheirNumbersAndPrintTheirNames) {
-  EXPECT_EQ(uint8_t(Asic::EntryState::created), 0);
-  EXPECT_EQ(uint8_t(Asic::EntryState::inLog), 1);
-  EXPECT_EQ(uint8_t(Asic::EntryState::done), 4);
-  EXPECT_EQ(uint8_t(Asic::EntryState::failed), 5);
-  std::string all;
-  for (int s = 0; s <= 6; ++s) all += fmt::format("{} ", Asic::EntryState(s));
-  EXPECT_EQ(all, "created inLog programming programmed done failed EntryState(6) ");
 }
 
 }  // namespace

@@ -3,31 +3,32 @@
 #include <array>
 #include <string_view>
 
+#include "Nimbo/Assert.h"
 #include "VeskTapAgg/Catalogue.h"
 #include "types/TableTypes.h"
 
 namespace VeskTool {
 
 // Runs `visit.template operator()<Traits>()` for the table type at `index` of the
-// catalogue (0 to 9), i.e. turns a table chosen at run time into the compile-time traits
-// everything is written over.
+// catalogue (below kTableCount; anything else is a programming error), i.e. turns a table
+// chosen at run time into the compile-time traits everything is written over.
+template <class Visit, class... Traits>
+decltype(auto) withTableOf(VeskTapAgg::TableTypeList<Traits...>, size_t index, Visit& visit) {
+  VESK_ASSERT_MSG(index < sizeof...(Traits), "table index " << index << " out of range");
+  using Result = decltype(visit.template operator()<VeskTapAgg::DefaultFwdTcamEntryTraits>());
+  using Call = Result (*)(Visit&);
+  static constexpr Call calls[] = {[](Visit& v) -> Result { return v.template operator()<Traits>(); }...};
+  return calls[index](visit);
+}
 template <class Visit>
 decltype(auto) withTable(size_t index, Visit&& visit) {
-  size_t at = 0;
-#define VESK_TOOL_DISPATCH(Name, ...) \
-  if (at++ == index) return visit.template operator()<VeskTapAgg::Name##Traits>();
-  VESK_TAPAGG_TABLES(VESK_TOOL_DISPATCH)
-#undef VESK_TOOL_DISPATCH
-  return visit.template operator()<VeskTapAgg::DefaultFwdTcamEntryTraits>();  // not reached
+  return withTableOf(VeskTapAgg::AllTableTraits{}, index, visit);
 }
 
 // Runs `visit.template operator()<Traits>(index)` for every table type, in catalogue order.
 template <class Visit>
 void forEachTable(Visit&& visit) {
-  size_t index = 0;
-#define VESK_TOOL_EACH(Name, ...) visit.template operator()<VeskTapAgg::Name##Traits>(index++);
-  VESK_TAPAGG_TABLES(VESK_TOOL_EACH)
-#undef VESK_TOOL_EACH
+  VeskTapAgg::forEachTableType(visit);
 }
 
 inline constexpr size_t kTableCount = VeskTapAgg::kCatalogue.size();

@@ -1,12 +1,13 @@
 #include "tools/hw/HardwareSide.h"
 
-#include <csignal>
 #include <map>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <thread>
 
+#include <asio/io_context.hpp>
+#include <asio/signal_set.hpp>
 #include <fmt/ostream.h>
 
 #include "Asic/MountNamespace.h"
@@ -22,7 +23,6 @@ namespace VeskTool {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-volatile std::sig_atomic_t stopRequested = 0;
 
 // A change that cannot be read or applied: since when, why, and what mends it.
 struct Stuck {
@@ -233,9 +233,12 @@ void tellWhatHoldsItUp(std::vector<std::unique_ptr<HwTable>>& tables, Clock::tim
 
 HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out,
                                std::ostream& err) {
-  stopRequested = 0;
-  std::signal(SIGTERM, [](int) { stopRequested = 1; });
-  std::signal(SIGINT, [](int) { stopRequested = 1; });
+  // SIGTERM and SIGINT end the loop, as they end the agent's: through asio, whose handler
+  // runs between steps and cuts an idle sleep short.
+  asio::io_context io;
+  asio::signal_set signals(io, SIGTERM, SIGINT);
+  bool stopRequested = false;
+  signals.async_wait([&](const asio::error_code& error, int) { stopRequested = !error; });
   registerTcamShards();
   VeskTapAgg::registerTableShardTypes();
 
@@ -263,7 +266,7 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
   std::optional<uint64_t> totalShown;
   auto idleSleep = options.pollEvery;
   bool toldNoAgent = false;
-  while (!stopRequested) {
+  while (io.poll(), !stopRequested) {
     uint64_t budget = UINT64_MAX;
     if (options.rate) {
       const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
@@ -304,7 +307,7 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
     if (applied) continue;
     tellWhatHoldsItUp(tables, start, now, toldNoAgent, out, err);
     if (now - lastWork >= options.spinFor) {
-      std::this_thread::sleep_for(idleSleep);
+      io.run_for(idleSleep);
       // Idle for a while: ever longer sleeps, so that waiting costs nothing.
       if (now - lastWork > kBusyFor) idleSleep = std::min<std::chrono::microseconds>(idleSleep * 2, kSlowestPoll);
     }
