@@ -61,7 +61,8 @@ class OrderedSwTableAccessor {
                       const Nimbo::Ptr<EntryWrapper>& wrapper);
   static void settle(T& table);
   static void answer(const Nimbo::Ptr<EntryHandle>& handle, EntryState state);
-  static void clearTransient(T& table, const EntryKey& key, const EntryVersion& committed, bool add);
+  static void clearTransient(T& table, const EntryKey& key, const EntryVersion& committed,
+                             bool add);
   static void traceConfigRead(const EntryKey& key);
   static Nimbo::Ptr<const NeededEntry> neededWith(const Nimbo::Ptr<const NeededEntry>& needed,
                                                   const Dependency& dependency);
@@ -77,9 +78,8 @@ class OrderedSwTableAccessor {
 
 }  // namespace Asic
 
-#define VESK_ACCESSOR_TRACE(level, ...)                                                   \
-  VESK_TRACE_FROM(T::traceHandle(), level, "OrderedTable/OrderedSwTableAccessor", "",     \
-                  __VA_ARGS__)
+#define VESK_ACCESSOR_TRACE(level, ...) \
+  VESK_TRACE_FROM(T::traceHandle(), level, "OrderedTable/OrderedSwTableAccessor", "", __VA_ARGS__)
 
 namespace Asic {
 
@@ -283,8 +283,8 @@ void OrderedSwTableAccessor<T>::commitTableDelete(T& table, const ResolverEntry&
   const MajorVersion currRemoveAllVersion = table.transientRemoveAllVersion();
   VESK_ASSERT(currRemoveAllVersion.valid());
   VESK_ACCESSOR_TRACE(8, "Committing table delete for version: {}", currRemoveAllVersion);
-  const auto needed = neededWith(table.getNeededEntrySet(resolverEntry.entryWrapper()),
-                                 resolverEntry.dependency());
+  const auto needed =
+      neededWith(table.getNeededEntrySet(resolverEntry.entryWrapper()), resolverEntry.dependency());
   delAllEntries(table, true, needed, handle);
   // One less, not a reset: with 0 it wraps to the invalid value exactly when the last
   // pending remove-all has been committed.
@@ -317,8 +317,8 @@ void OrderedSwTableAccessor<T>::commitEntryWrite(T& table, const ResolverEntry& 
   clearTransient(table, wrapper->key(), handle->entryVersion(), true);
   const auto needed = neededWith(table.getNeededEntrySet(wrapper), resolverEntry.dependency());
   traceConfigRead(wrapper->key());
-  const LogVersion logVersion = table.entryLog()->entryIs(
-      wrapper->logEntry(), {}, needed, table.unitId(), table.statsPtr(), false);
+  const LogVersion logVersion = table.entryLog()->entryIs(wrapper->logEntry(), {}, needed,
+                                                          table.unitId(), table.statsPtr(), false);
   handle->logVersionIs(logVersion);
   if (logVersion > table.entryLog()->cleanupMark()) {
     handle->entryStateIs(EntryState::inLog);
@@ -329,8 +329,7 @@ void OrderedSwTableAccessor<T>::commitEntryWrite(T& table, const ResolverEntry& 
 }
 
 template <class T>
-void OrderedSwTableAccessor<T>::commitEntry(T& table,
-                                            const Nimbo::Ptr<Asic::ResolverEntry>& base) {
+void OrderedSwTableAccessor<T>::commitEntry(T& table, const Nimbo::Ptr<Asic::ResolverEntry>& base) {
   const auto* resolverEntry = Nimbo::downCast<const ResolverEntry>(base.ptr());
   VESK_ASSERT(resolverEntry != nullptr);
   const bool isEntryDelete = resolverEntry->isEntryDeleted();
@@ -338,7 +337,10 @@ void OrderedSwTableAccessor<T>::commitEntry(T& table,
   const Nimbo::Ptr<EntryWrapper>& wrapper = resolverEntry->entryWrapper();
   VESK_ACCESSOR_TRACE(8, "Entry: {}, isEntryDeleted: {}, isTableDeleted: {}", wrapper->entry(),
                       isEntryDelete, isTableDelete);
+  // The condition is the assertion's text, kept as it stands.
+  // clang-format off
   VESK_ASSERT(!( isEntryDelete && isTableDelete ));
+  // clang-format on
   Nimbo::Ptr<EntryHandle> entryHandle = Nimbo::dynamicPtrCast<EntryHandle>(wrapper->entryHandle());
   VESK_ASSERT(entryHandle != NULL);
   const EntryVersion entryConfVersion = entryHandle->entryVersion();
@@ -370,13 +372,13 @@ Nimbo::Ptr<const OrderedSwTable::EntryHandle> OrderedSwTableAccessor<T>::updateE
   Nimbo::Ptr<EntryWrapper> wrapper = entryWrapperFromConfig(table, key, false, slot);
   const typename T::LogEntry rebuilt = wrapper->logEntry();
   wrapper->setResolvedFields();
-  const bool commitToLog = table.swTableHelper()->finalizeOnResourceUpdate(
-      wrapper, Nimbo::Ptr<T>(&table), false);
+  const bool commitToLog =
+      table.swTableHelper()->finalizeOnResourceUpdate(wrapper, Nimbo::Ptr<T>(&table), false);
   Nimbo::Ptr<EntryHandle> handle = Nimbo::dynamicPtrCast<EntryHandle>(wrapper->entryHandle());
   if (!wrapper->logEntry().isEq(rebuilt) && commitToLog) {
     const Nimbo::Ptr<const NeededEntry> needed = table.getNeededEntrySet(wrapper);
-    const LogVersion logVersion = table.entryLog()->entryIs(wrapper->logEntry(), {}, needed,
-                                                            table.unitId(), table.statsPtr(), false);
+    const LogVersion logVersion = table.entryLog()->entryIs(
+        wrapper->logEntry(), {}, needed, table.unitId(), table.statsPtr(), false);
     handle->logVersionIs(logVersion);
     handle->entryStateIs(EntryState::inLog);
     table.stats().updateCntInc(1);
@@ -431,7 +433,8 @@ Nimbo::Ptr<typename T::EntryWrapper> OrderedSwTableAccessor<T>::entryWrapperFrom
 template <class T>
 typename T::Entry OrderedSwTableAccessor<T>::entryReadGeneric(const T& table, const EntryKey& key) {
   VESK_ACCESSOR_TRACE(8, "key: {}", key);
-  if (const Nimbo::Ptr<EntryWrapper> pending = table.transientAddEntry(key)) return pending->entry();
+  if (const Nimbo::Ptr<EntryWrapper> pending = table.transientAddEntry(key))
+    return pending->entry();
   if (!table.transientRemoveEntry(key) && table.entryLog()->entryHas(key, table.unitId())) {
     return table.entryFromConfig(key);
   }

@@ -9,8 +9,8 @@ constexpr uint32_t kSeverity = 3;
 constexpr const char* kAction = "\x01";
 }  // namespace
 
-VESK_LOG_MESSAGE(kHwAbstractionException, "HW_ABSTRACTION_EXCEPTION", "%s", "Exception",
-                 kAction, kSeverity);
+VESK_LOG_MESSAGE(kHwAbstractionException, "HW_ABSTRACTION_EXCEPTION", "%s", "Exception", kAction,
+                 kSeverity);
 VESK_LOG_MESSAGE(kHwAbstractionRelaunchError, "HW_ABSTRACTION_RELAUNCH_ERROR", "%s",
                  "Duplicate Writer Detected, shard path not cleaned up", kAction, kSeverity);
 VESK_LOG_MESSAGE(kHwAbstractionError, "HW_ABSTRACTION_ERROR",

@@ -35,7 +35,9 @@ Nimbo::Ptr<S> mountWriter(const Asic::EntryLogBase& log, const Nimbo::String& pa
   wiped = false;
   return checkAndwriteMountShard<S>(
       log.entityManager(), S::typeName, path, log.agentName(),
-      [&](KestShard::MountInfo& info) { info.collectionInfoIs({collection, capacity, false}); },
+      [&](KestShard::MountInfo& info) {
+        info.collectionInfoIs({collection, capacity, false});
+      },
       [&](S* shard) -> Nimbo::Ptr<KestShard::CollectionControl> {
         return shard ? collectionOf(*shard).control() : nullptr;
       },
@@ -88,7 +90,8 @@ void TableEntryLog<Traits>::mountShardChangeLog() {
     // by a repair of its damaged span): new versions start above what it has taken, and
     // every unit's configuration is logged again as it is mounted, so that the hardware
     // side ends up with exactly the configuration.
-    const uint64_t taken = groupInterface()->tableVersion(tableId()).value_or(Asic::LogVersion()).value();
+    const uint64_t taken =
+        groupInterface()->tableVersion(tableId()).value_or(Asic::LogVersion()).value();
     version = std::max(version, taken);
     relogOnMount_ = true;
   }
@@ -129,8 +132,10 @@ void TableEntryLog<Traits>::mountShardConfig(Asic::UnitId unitId, Asic::LogVersi
 
 // The top bit of the word says the change is a unit delete, whose walk a mount must finish.
 template <TableTraits Traits>
-void TableEntryLog<Traits>::intentIs(ConfigShard& shard, Asic::LogVersion version, bool unitDelete) {
-  shard.swTableEntriesColl().control()->scratchpadIs(version.value() | (uint64_t(unitDelete) << 63));
+void TableEntryLog<Traits>::intentIs(ConfigShard& shard, Asic::LogVersion version,
+                                     bool unitDelete) {
+  shard.swTableEntriesColl().control()->scratchpadIs(version.value() |
+                                                     (uint64_t(unitDelete) << 63));
 }
 
 // A writer stopped between writing the unit's configuration and appending the change left
@@ -151,7 +156,8 @@ void TableEntryLog<Traits>::finishChange(ConfigShard& shard, Asic::UnitId unitId
     tableEntryLog_->entryLogConfigColl().map().doCorruptionDetected(e.what());
   }
   if (!change || change->unitId != unitId) {
-    VESK_ENTRY_LOG_TRACE(2, " Finishing the change of unitId: {} at version: {}", unitId, unfinished);
+    VESK_ENTRY_LOG_TRACE(2, " Finishing the change of unitId: {} at version: {}", unitId,
+                         unfinished);
     const bool next = tableVersion().value() + 1 == unfinished.value();
     if (unitDelete) {
       if (next) tableVersionInc(1);
@@ -266,8 +272,11 @@ Asic::LogVersion TableEntryLog<Traits>::entryIs(
     const LogEntry& logEntry, const ResourceKeys&,
     const Nimbo::Ptr<const Asic::NeededEntry>& neededEntry, Asic::UnitId unitId,
     const Nimbo::Ptr<Asic::SwTableStats>& stats, bool suppressIdenticalWrites) {
+  // The condition is the assertion's text, kept as it stands.
+  // clang-format off
   VESK_ASSERT_MSG(tableConfigShardHas( unitId ),
                   "Config shard for unitId:" << unitId.value() << " is not created yet!");
+  // clang-format on
   ConfigShard& shard = *tableConfigShard_.find(unitId)->second;
   const EntryKey& key = logEntry.key();
   if (suppressIdenticalWrites) {
@@ -279,7 +288,8 @@ Asic::LogVersion TableEntryLog<Traits>::entryIs(
         if (stored.logVersion.valid()) return stored.logVersion;
       } else {
         VESK_ENTRY_LOG_TRACE(
-            3, "Not Suppressing write because entry or resource key is different  for key: {}", key);
+            3, "Not Suppressing write because entry or resource key is different  for key: {}",
+            key);
         if (stats) stats->suppressCheckDiffCntInc(1);
       }
     }

@@ -58,7 +58,9 @@ class TableEntryLog : public Asic::EntryLogBase {
   // "<T>EntryLog", the name it traces under, and "VeskTapAgg/<T>EntryLog", its source.
   static const Nimbo::String& className() { return Names::className(); }
   static const Nimbo::String& sourceName() { return Names::sourceName(); }
-  const Kest::TypeData* typeData() const override { return &TypeRecord<Traits, EntryLogKind>::get(); }
+  const Kest::TypeData* typeData() const override {
+    return &TypeRecord<Traits, EntryLogKind>::get();
+  }
 
   void handleInitialized();
   void mountShardChangeLog();

@@ -60,7 +60,8 @@ TableInterface<Traits>::~TableInterface() {
   onDelete();
   if (swTableSet_) {
     if (Nimbo::Ptr<Asic::GroupInterface> group = groupIntf()) group->swTableSetDel(tableId());
-    while (!swTableSet_->swTables().empty()) swTableSet_->swTableDel(swTableSet_->swTables().begin()->first);
+    while (!swTableSet_->swTables().empty())
+      swTableSet_->swTableDel(swTableSet_->swTables().begin()->first);
   }
   entryLog_ = nullptr;
   swTableStatus_ = nullptr;
@@ -82,8 +83,7 @@ void TableInterface<Traits>::handleInitialized() {
   Nimbo::Ptr<Asic::SwTableInterfacesSingleton> singleton =
       Asic::SwTableInterfacesSingleton::singleton();
   if (singleton->swTableIntfHas(intfName())) {
-    const std::string condition =
-        fmt::format("!singleton->swTableIntfHas( \"{}\" )", intfName());
+    const std::string condition = fmt::format("!singleton->swTableIntfHas( \"{}\" )", intfName());
     Nimbo::assertionFailed(condition.c_str(), __FILE__, __LINE__, __func__,
                            "Interface already created");
   }
@@ -116,7 +116,10 @@ Nimbo::Ptr<TableSwTable<Traits>> TableInterface<Traits>::makeSwTable(
   VESK_INTERFACE_TRACE(8, "unitId: {}", unitId);
   Nimbo::Ptr<Asic::GroupInterface> groupIntf = this->groupIntf();
   VESK_ASSERT(groupIntf);
+  // The condition is the assertion's text, kept as it stands.
+  // clang-format off
   VESK_ASSERT(groupIntf->swTableSetHas( tableId() ));
+  // clang-format on
 
   if (Nimbo::Ptr<Asic::OrderedSwTable> held = swTableSet_->swTable(unitId)) {
     VESK_INTERFACE_TRACE(3, "swTable with unitId: {} exists", unitId);
@@ -149,8 +152,8 @@ Nimbo::Ptr<TableSwTable<Traits>> TableInterface<Traits>::makeSwTable(
     table->restoreEntries();
     const uint32_t restored = table->entrys();
     ringLog_.record(interface_detail::kRestoredEvent, restored, unitId.value());
-    VESK_INTERFACE_TRACE(2, " Restored {} entries for table: {}, unitId: {}", restored,
-                         tableName_, unitId);
+    VESK_INTERFACE_TRACE(2, " Restored {} entries for table: {}, unitId: {}", restored, tableName_,
+                         unitId);
   }
   swTableSet_->swTableIs(table);
   table->tableStatusVersion(version);
@@ -187,8 +190,8 @@ const Nimbo::Ptr<typename TableInterface<Traits>::EntryLog>& TableInterface<Trai
     Asic::SwTableId tableId, const Nimbo::Ptr<Cairn::EntityManager>& em,
     const Nimbo::Ptr<Asic::GroupInterface>& groupIntf, const Nimbo::String& agentName) {
   const bool same = entryLog_ && entryLog_->tableId() == tableId &&
-                    entryLog_->entityManager() == em &&
-                    entryLog_->groupInterface() == groupIntf && entryLog_->agentName() == agentName;
+                    entryLog_->entityManager() == em && entryLog_->groupInterface() == groupIntf &&
+                    entryLog_->agentName() == agentName;
   if (!same) entryLog_ = Nimbo::make<EntryLog>(tableId, em, groupIntf, agentName);
   return entryLog_;
 }

@@ -45,7 +45,9 @@ class TableInterface : public Asic::TableInterfaceBase {
                                   const Nimbo::Ptr<SwTableHelperBase>& swTableHelper, bool clear);
   void reconcile() override;
   void onDelete();
-  const Kest::TypeData* typeData() const override { return &TypeRecord<Traits, InterfaceKind>::get(); }
+  const Kest::TypeData* typeData() const override {
+    return &TypeRecord<Traits, InterfaceKind>::get();
+  }
 
   // "VeskTapAgg::<T>Interface": the name both registries know the interface by.
   static const Nimbo::String& intfName();
@@ -78,7 +80,9 @@ class TableInterface : public Asic::TableInterfaceBase {
   const Nimbo::Ptr<Asic::OrderedSwTableSet>& swTableSet() const noexcept { return swTableSet_; }
   const Nimbo::Ptr<Asic::OrderedSwTableSet>& swTableSetIs(
       Asic::SwTableId tableId, const Nimbo::Ptr<Asic::OrderedSwTableStatus>& status);
-  Nimbo::Ptr<Asic::OrderedSwTableSet> swTableSetDel() { return std::exchange(swTableSet_, nullptr); }
+  Nimbo::Ptr<Asic::OrderedSwTableSet> swTableSetDel() {
+    return std::exchange(swTableSet_, nullptr);
+  }
 
   // What the interface did lately: tables cleared and restored, for post-mortem reading.
   const Kest::RingLog& ringLog() const noexcept { return ringLog_; }

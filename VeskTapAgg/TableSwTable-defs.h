@@ -13,8 +13,8 @@ namespace VeskTapAgg {
 
 // The wrapper traces through its own handle ("<T>EntryWrapper"), from the unit it is
 // generated in ("VeskTapAgg/<T>InfraTypes").
-#define VESK_ENTRY_WRAPPER_TRACE(level, ...)                                              \
-  VESK_TRACE_FROM(Names::traceHandle(), level, Unit::sourceName().c_str(),                \
+#define VESK_ENTRY_WRAPPER_TRACE(level, ...)                               \
+  VESK_TRACE_FROM(Names::traceHandle(), level, Unit::sourceName().c_str(), \
                   Names::className().c_str(), __VA_ARGS__)
 
 template <TableTraits Traits>
@@ -126,7 +126,7 @@ void TableSwTable<Traits>::entryRemoveAllWithResponseHandler(
     const ResponseHandler& responseHandler) {
   VESK_SW_TABLE_TRACE(8, className().c_str(), "");
   Asic::OrderedSwTableAccessor<TableSwTable>::entryRemoveAllGeneric(*this, dependency,
-                                                                   responseHandler);
+                                                                    responseHandler);
 }
 
 // Reads.
@@ -267,7 +267,7 @@ void TableSwTable<Traits>::wrappersDelAll(WrapperMap& map, const char* attribute
 
 template <TableTraits Traits>
 Nimbo::Ptr<TableEntryWrapper<Traits>> TableSwTable<Traits>::wrapperIn(const WrapperMap& map,
-                                                                     const EntryKey& key) {
+                                                                      const EntryKey& key) {
   auto it = map.find(key);
   return it == map.end() ? nullptr : it->second;
 }

@@ -86,9 +86,8 @@ class TableSwTable : public Asic::OrderedSwTable {
       const Nimbo::Ptr<const Asic::CanonicalTableName>& name, Asic::SwTableId tableId,            \
       Asic::UnitId unitId, Asic::OrderedSwTableSet* swTableSet,                                   \
       const Nimbo::Ptr<typename NamedEntryLog<Traits>::Type>& entryLog,                           \
-      const Nimbo::Ptr<Asic::GroupResolver>& groupResolver)                                       \
-    requires std::same_as<Traits, Name##Traits>                                                   \
-  {                                                                                               \
+      const Nimbo::Ptr<Asic::GroupResolver>&                                                      \
+          groupResolver) requires std::same_as<Traits, Name##Traits> {                            \
     return Nimbo::make<TableSwTable>(name, tableId, unitId, swTableSet, entryLog, groupResolver); \
   }
   VESK_TAPAGG_TABLES(VESK_TAPAGG_SW_TABLE_IS)
@@ -101,7 +100,9 @@ class TableSwTable : public Asic::OrderedSwTable {
   // "<T>SwTable", its trace handle's name, and "VeskTapAgg/<T>SwTable", its source.
   static const Nimbo::String& className() { return Names::className(); }
   static const Nimbo::String& sourceName() { return Names::sourceName(); }
-  const Kest::TypeData* typeData() const override { return &TypeRecord<Traits, SwTableKind>::get(); }
+  const Kest::TypeData* typeData() const override {
+    return &TypeRecord<Traits, SwTableKind>::get();
+  }
 
   // Clients' changes; each returns at once with a handle in state created.
   typename EntryHandle::PtrConst entryWrite(
@@ -182,14 +183,18 @@ class TableSwTable : public Asic::OrderedSwTable {
   void transientVersionForKeyDelAll();
   const VersionMap& transientVersionForKeys() const noexcept { return transientVersionForKey_; }
 
-  Asic::MajorVersion transientRemoveAllVersion() const noexcept { return transientRemoveAllVersion_; }
+  Asic::MajorVersion transientRemoveAllVersion() const noexcept {
+    return transientRemoveAllVersion_;
+  }
   void transientRemoveAllVersionIs(Asic::MajorVersion version);
 
   uint32_t entryHandleInLogEnq(const Nimbo::Ptr<EntryHandle>& handle);
   Nimbo::Ptr<EntryHandle> entryHandleInLogDeq();
   Nimbo::Ptr<EntryHandle> entryHandleInLogFront() const { return entryHandleInLog_.front(); }
   Nimbo::Ptr<EntryHandle> entryHandleInLogBack() const { return entryHandleInLog_.back(); }
-  Nimbo::Ptr<EntryHandle> entryHandleInLog(uint32_t index) const { return entryHandleInLog_.at(index); }
+  Nimbo::Ptr<EntryHandle> entryHandleInLog(uint32_t index) const {
+    return entryHandleInLog_.at(index);
+  }
   bool entryHandleInLogHas(uint32_t index) const { return entryHandleInLog_.has(index); }
   size_t entryHandleInLogSize() const noexcept { return entryHandleInLog_.size(); }
   void entryHandleInLogDelAll();

@@ -12,7 +12,8 @@ namespace VeskTapAgg {
 
 template <TableTraits Traits>
 typename Traits::Entry TableSwTableIteratorState<Traits>::maybeUpdateCurrentEntry() {
-  return Asic::IterStateAccessor<TableSwTableIteratorState, SwTable>(this).maybeUpdateCurrentEntry();
+  return Asic::IterStateAccessor<TableSwTableIteratorState, SwTable>(this)
+      .maybeUpdateCurrentEntry();
 }
 
 template <TableTraits Traits>
@@ -39,8 +40,8 @@ typename TableSwTable<Traits>::EntryIteratorConst TableSwTable<Traits>::entryIte
 }
 
 template <TableTraits Traits>
-Nimbo::Ptr<typename TableSwTable<Traits>::SwTableEntries_py> TableSwTable<Traits>::getTableEntries_py()
-    const {
+Nimbo::Ptr<typename TableSwTable<Traits>::SwTableEntries_py>
+TableSwTable<Traits>::getTableEntries_py() const {
   auto snapshot = Nimbo::make<SwTableEntries_py>();
   // Grown once, to at most what the walk can visit, instead of doubling along the way.
   size_t most = transientAddEntry_.size();

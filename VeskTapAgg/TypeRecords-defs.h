@@ -4,8 +4,8 @@
 // into the class's type record by TypeRecord<Traits, Kind>::get(). Included by the one
 // file that instantiates the records for every table type (TypeRecords.cpp).
 
-#include "Kest/AttrMakers.h"
 #include "Asic/Constants.h"
+#include "Kest/AttrMakers.h"
 #include "VeskTapAgg/EntryLog.h"
 #include "VeskTapAgg/Interface.h"
 #include "VeskTapAgg/SwTable.h"
@@ -52,7 +52,8 @@ struct ClassRecord<Traits, SwTableKind> {
                   t.swTableHelperIs(helper);
                 }),
             Kest::attrCollection<Self>(
-                "transientAddEntry", [](const Self& t) -> const auto& { return t.transientAddEntrys(); },
+                "transientAddEntry",
+                [](const Self& t) -> const auto& { return t.transientAddEntrys(); },
                 [](Self& t, const EntryKey& key) { t.transientAddEntryDel(key); }),
             Kest::attrCollection<Self>(
                 "transientRemoveEntry",
@@ -62,11 +63,12 @@ struct ClassRecord<Traits, SwTableKind> {
                 "transientVersionForKey",
                 [](const Self& t) -> const auto& { return t.transientVersionForKeys(); },
                 [](Self& t, const EntryKey& key) { t.transientVersionForKeyDel(key); }),
-            Kest::attrQueue<Self>("entryHandleInLog",
-                                  [](const Self& t) -> const auto& { return t.entryHandleInLogs(); }),
-            Kest::attrOperation<Self>(
-                "clearTable", [](Self& t, bool release) { t.clearTable(release); },
-                {"releaseResources"}),
+            Kest::attrQueue<Self>(
+                "entryHandleInLog",
+                [](const Self& t) -> const auto& { return t.entryHandleInLogs(); }),
+            Kest::attrOperation<Self>("clearTable",
+                                      [](Self& t, bool release) { t.clearTable(release); },
+                                      {"releaseResources"}),
             Kest::attrOperation<Self>("doCreateHwTable", [](Self& t) { t.doCreateHwTable(); }),
             Kest::attrOperation<Self>("handleInitialized", [](Self& t) { t.handleInitialized(); }),
             Kest::attrOperation<Self>("restoreEntries", [](Self& t) { t.restoreEntries(); }),
@@ -110,7 +112,8 @@ struct ClassRecord<Traits, SwTableEntriesKind> {
             Kest::attrCollection<Self>(
                 "tableEntries", [](const Self& s) -> const auto& { return s.tableEntriesColl(); },
                 [](Self& s, const EntryKey& key) { s.tableEntriesDel(key); }),
-            Kest::attrOperation<Self>("tableEntriesDelAll", [](Self& s) { s.tableEntriesDelAll(); }),
+            Kest::attrOperation<Self>("tableEntriesDelAll",
+                                      [](Self& s) { s.tableEntriesDelAll(); }),
         });
   }
 };
@@ -147,15 +150,17 @@ struct ClassRecord<Traits, EntryWrapperKind> {
             Kest::attrValue<Self>("entryHandle", [](const Self& w) { return w.entryHandle(); }),
             Kest::attrValue<Self>("key", [](const Self& w) { return w.key(); }),
             Kest::attrValue<Self>("logEntry", [](const Self& w) { return w.logEntry(); }),
-            Kest::attrOperation<Self>(
-                "finalizeOnFailure",
-                [](Self& w, const SwTable& t, bool isDelete) { return w.finalizeOnFailure(t, isDelete); },
-                {"swTable", "isDelete"}),
+            Kest::attrOperation<Self>("finalizeOnFailure",
+                                      [](Self& w, const SwTable& t, bool isDelete) {
+                                        return w.finalizeOnFailure(t, isDelete);
+                                      },
+                                      {"swTable", "isDelete"}),
             Kest::attrOperation<Self>(
                 "finalizeOnSuccess",
                 [](Self& w, const SwTable& t, bool isDelete) { w.finalizeOnSuccess(t, isDelete); },
                 {"swTable", "isDelete"}),
-            Kest::attrOperation<Self>("retrieveClientData", [](Self& w) { w.retrieveClientData(); }),
+            Kest::attrOperation<Self>("retrieveClientData",
+                                      [](Self& w) { w.retrieveClientData(); }),
             Kest::attrOperation<Self>("setResolvedFields", [](Self& w) { w.setResolvedFields(); }),
         });
   }
@@ -172,8 +177,10 @@ struct ClassRecord<Traits, ResolverEntryKind> {
             Kest::attrValue<Self>("dependency", [](const Self& r) { return r.dependency(); }),
             Kest::attrValue<Self>("entryWrapper", [](const Self& r) { return r.entryWrapper(); }),
             Kest::attrValue<Self>("flags", [](const Self& r) { return r.flags(); }),
-            Kest::attrValue<Self>("isEntryDeleted", [](const Self& r) { return r.isEntryDeleted(); }),
-            Kest::attrValue<Self>("isTableDeleted", [](const Self& r) { return r.isTableDeleted(); }),
+            Kest::attrValue<Self>("isEntryDeleted",
+                                  [](const Self& r) { return r.isEntryDeleted(); }),
+            Kest::attrValue<Self>("isTableDeleted",
+                                  [](const Self& r) { return r.isTableDeleted(); }),
             Kest::attrValue<Self>("swTable", [](const Self& r) { return r.swTable(); }),
             Kest::attrOperation<Self>("isResolved", [](Self& r) { return r.isResolved(); }),
         });
@@ -193,15 +200,15 @@ struct ClassRecord<Traits, SwTableHelperBaseKind> {
         name,
         {
             Kest::attrOperation<Self>("finalizeOnSuccess",
-                                      [](Self& h, const Wrapper& w, bool isDelete, const SwTable& t) {
-                                        h.finalizeOnSuccess(w, isDelete, t);
-                                      },
+                                      [](Self& h, const Wrapper& w, bool isDelete,
+                                         const SwTable& t) { h.finalizeOnSuccess(w, isDelete, t); },
                                       {"entry", "isDelete", "swTable"}),
-            Kest::attrOperation<Self>("finalizeOnFailure",
-                                      [](Self& h, const Wrapper& w, bool isDelete, const SwTable& t) {
-                                        return h.finalizeOnFailure(w, isDelete, t);
-                                      },
-                                      {"entry", "isDelete", "swTable"}),
+            Kest::attrOperation<Self>(
+                "finalizeOnFailure",
+                [](Self& h, const Wrapper& w, bool isDelete, const SwTable& t) {
+                  return h.finalizeOnFailure(w, isDelete, t);
+                },
+                {"entry", "isDelete", "swTable"}),
             Kest::attrOperation<Self>(
                 "finalizeOnResourceUpdate",
                 [](Self& h, const Wrapper& w, const SwTable& t, bool someResourceHasFailed) {
@@ -226,15 +233,16 @@ struct ClassRecord<Traits, EntryLogKind> {
             Kest::attrValue<Self>("tableId", [](const Self& l) { return l.tableId(); }),
             Kest::attrValue<Self>("tableVersion", [](const Self& l) { return l.tableVersion(); }),
             Kest::attrValue<Self>("entityManager", [](const Self& l) { return l.entityManager(); }),
-            Kest::attrValue<Self>("groupInterface", [](const Self& l) { return l.groupInterface(); }),
+            Kest::attrValue<Self>("groupInterface",
+                                  [](const Self& l) { return l.groupInterface(); }),
             Kest::attrValue<Self>("tableEntryLog", [](const Self& l) { return l.tableEntryLog(); }),
             Kest::attrCollection<Self>(
                 "tableConfigShard",
                 [](const Self& l) -> const auto& { return l.tableConfigShards(); },
                 [](Self& l, Asic::UnitId unit) { l.tableConfigShardDel(unit); }),
-            Kest::attrOperation<Self>(
-                "cleanupEntryLog", [](Self& l, Asic::LogVersion v) { l.cleanupEntryLog(v); },
-                {"version"}),
+            Kest::attrOperation<Self>("cleanupEntryLog",
+                                      [](Self& l, Asic::LogVersion v) { l.cleanupEntryLog(v); },
+                                      {"version"}),
             Kest::attrOperation<Self>(
                 "entrys", [](const Self& l, Asic::UnitId u) { return l.entrys(u); }, {"unit"}),
             Kest::attrOperation<Self>(
@@ -262,25 +270,26 @@ struct ClassRecord<Traits, InterfaceKind> {
         name,
         {
             Kest::attrValue<Self>("agentName", [](const Self& i) { return i.agentName(); }),
-            Kest::attrValue<Self>("entityManager",
-                                  [](const Self& i) { return i.orderedTableIntf()->entityManager(); }),
+            Kest::attrValue<Self>(
+                "entityManager",
+                [](const Self& i) { return i.orderedTableIntf()->entityManager(); }),
             Kest::attrValue<Self>("entryLog", [](const Self& i) { return i.entryLog(); }),
             Kest::attrOperation<Self>(
-                "getIntf",
-                [](const Self&, const OrderedTableIntf& o) { return Self::getIntf(o); },
+                "getIntf", [](const Self&, const OrderedTableIntf& o) { return Self::getIntf(o); },
                 {"orderedTableIntf"}),
-            Kest::attrValue<Self>("groupInterface", [](const Self& i) {
-              return i.orderedTableIntf()->groupInterface(
-                  Asic::Constants::canonicalizeGroupName(i.agentName(), i.groupName()));
-            }),
+            Kest::attrValue<Self>("groupInterface",
+                                  [](const Self& i) {
+                                    return i.orderedTableIntf()->groupInterface(
+                                        Asic::Constants::canonicalizeGroupName(i.agentName(),
+                                                                               i.groupName()));
+                                  }),
             Kest::attrValue<Self>("groupName", [](const Self& i) { return i.groupName(); }),
             Kest::attrOperation<Self>("handleInitialized", [](Self& i) { i.handleInitialized(); }),
-            Kest::attrOperation<Self>(
-                "makeSwTable",
-                [](Self& i, Asic::UnitId unit,
-                   const Nimbo::Ptr<typename Self::SwTableHelperBase>& helper,
-                   bool clear) { return i.makeSwTable(unit, helper, clear); },
-                {"unitId", "swTableHelper", "clear"}),
+            Kest::attrOperation<Self>("makeSwTable",
+                                      [](Self& i, Asic::UnitId unit,
+                                         const Nimbo::Ptr<typename Self::SwTableHelperBase>& helper,
+                                         bool clear) { return i.makeSwTable(unit, helper, clear); },
+                                      {"unitId", "swTableHelper", "clear"}),
             Kest::attrOperation<Self>("onDelete", [](Self& i) { i.onDelete(); }),
             Kest::attrValue<Self>("ordTblIntf", [](const Self& i) { return i.orderedTableIntf(); }),
             Kest::attrValue<Self>("orderedTableIntf",
@@ -291,7 +300,8 @@ struct ClassRecord<Traits, InterfaceKind> {
             Kest::attrValue<Self>("swTableStatus", [](const Self& i) { return i.swTableStatus(); }),
             Kest::attrValue<Self>("tableId", [](const Self&) { return Self::tableId(); }),
             Kest::attrValue<Self>("tableName", [](const Self& i) { return i.tableName(); }),
-            Kest::attrValue<Self>("tableNamespace", [](const Self& i) { return i.tableNamespace(); }),
+            Kest::attrValue<Self>("tableNamespace",
+                                  [](const Self& i) { return i.tableNamespace(); }),
             Kest::attrDeclared("unitId", AttrKind::value),
         });
   }

@@ -4,14 +4,14 @@
 
 namespace VeskTapAgg {
 
-#define VESK_TAPAGG_DEFINE_TYPE_RECORDS(Name, ...)                  \
-  template struct TypeRecord<Name##Traits, SwTableKind>;           \
-  template struct TypeRecord<Name##Traits, EntryHandleKind>;       \
-  template struct TypeRecord<Name##Traits, EntryWrapperKind>;      \
-  template struct TypeRecord<Name##Traits, ResolverEntryKind>;     \
-  template struct TypeRecord<Name##Traits, SwTableHelperBaseKind>; \
-  template struct TypeRecord<Name##Traits, EntryLogKind>;          \
-  template struct TypeRecord<Name##Traits, InterfaceKind>;          \
+#define VESK_TAPAGG_DEFINE_TYPE_RECORDS(Name, ...)                    \
+  template struct TypeRecord<Name##Traits, SwTableKind>;              \
+  template struct TypeRecord<Name##Traits, EntryHandleKind>;          \
+  template struct TypeRecord<Name##Traits, EntryWrapperKind>;         \
+  template struct TypeRecord<Name##Traits, ResolverEntryKind>;        \
+  template struct TypeRecord<Name##Traits, SwTableHelperBaseKind>;    \
+  template struct TypeRecord<Name##Traits, EntryLogKind>;             \
+  template struct TypeRecord<Name##Traits, InterfaceKind>;            \
   template struct TypeRecord<Name##Traits, SwTableIteratorStateKind>; \
   template struct TypeRecord<Name##Traits, SwTableEntriesKind>;
 VESK_TAPAGG_TABLES(VESK_TAPAGG_DEFINE_TYPE_RECORDS)
@@ -40,12 +40,14 @@ class TableModules {
                                 {&TypeRecord<Traits, Kinds>::get()...});
   }
 
-  const Kest::ModuleTypeData infraTypes_ = module<EntryWrapperKind, ResolverEntryKind>("InfraTypes");
+  const Kest::ModuleTypeData infraTypes_ =
+      module<EntryWrapperKind, ResolverEntryKind>("InfraTypes");
   const Kest::ModuleTypeData entryLog_ = module<EntryLogKind>("EntryLog");
   const Kest::ModuleTypeData interface_ = module<InterfaceKind>("Interface");
-  const Kest::ModuleTypeData swTable_ = module<SwTableKind, EntryHandleKind, SwTableEntriesKind,
-                                                          SwTableIteratorStateKind>("SwTable");
-  const Kest::ModuleTypeData swTableHelperBase_ = module<SwTableHelperBaseKind>("SwTableHelperBase");
+  const Kest::ModuleTypeData swTable_ =
+      module<SwTableKind, EntryHandleKind, SwTableEntriesKind, SwTableIteratorStateKind>("SwTable");
+  const Kest::ModuleTypeData swTableHelperBase_ =
+      module<SwTableHelperBaseKind>("SwTableHelperBase");
 };
 
 #define VESK_TAPAGG_ANNOUNCE_MODULES(Name, ...) const TableModules<Name##Traits> Name##Modules;

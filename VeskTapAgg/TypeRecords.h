@@ -17,14 +17,14 @@ struct TypeRecord {
   static const Kest::TypeData& get();
 };
 
-#define VESK_TAPAGG_DECLARE_TYPE_RECORDS(Name, ...)                                   \
-  extern template struct VESK_EXPORT TypeRecord<Name##Traits, SwTableKind>;           \
-  extern template struct VESK_EXPORT TypeRecord<Name##Traits, EntryHandleKind>;       \
-  extern template struct VESK_EXPORT TypeRecord<Name##Traits, EntryWrapperKind>;      \
-  extern template struct VESK_EXPORT TypeRecord<Name##Traits, ResolverEntryKind>;     \
-  extern template struct VESK_EXPORT TypeRecord<Name##Traits, SwTableHelperBaseKind>; \
-  extern template struct VESK_EXPORT TypeRecord<Name##Traits, EntryLogKind>;          \
-  extern template struct VESK_EXPORT TypeRecord<Name##Traits, InterfaceKind>;          \
+#define VESK_TAPAGG_DECLARE_TYPE_RECORDS(Name, ...)                                      \
+  extern template struct VESK_EXPORT TypeRecord<Name##Traits, SwTableKind>;              \
+  extern template struct VESK_EXPORT TypeRecord<Name##Traits, EntryHandleKind>;          \
+  extern template struct VESK_EXPORT TypeRecord<Name##Traits, EntryWrapperKind>;         \
+  extern template struct VESK_EXPORT TypeRecord<Name##Traits, ResolverEntryKind>;        \
+  extern template struct VESK_EXPORT TypeRecord<Name##Traits, SwTableHelperBaseKind>;    \
+  extern template struct VESK_EXPORT TypeRecord<Name##Traits, EntryLogKind>;             \
+  extern template struct VESK_EXPORT TypeRecord<Name##Traits, InterfaceKind>;            \
   extern template struct VESK_EXPORT TypeRecord<Name##Traits, SwTableIteratorStateKind>; \
   extern template struct VESK_EXPORT TypeRecord<Name##Traits, SwTableEntriesKind>;
 VESK_TAPAGG_TABLES(VESK_TAPAGG_DECLARE_TYPE_RECORDS)

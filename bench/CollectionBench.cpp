@@ -8,9 +8,9 @@
 #include <unordered_map>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "KestSharedMem/EntityManager.h"
 #include "KestSharedMem/MountGroup.h"
-#include "BenchSupport.h"
 #include "types/TableShards.h"
 
 namespace {

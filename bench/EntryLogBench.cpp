@@ -11,10 +11,10 @@
 
 namespace {
 
-using VeskBench::keyOf;
-using VeskBench::Traits;
 using Asic::LogVersion;
 using Asic::UnitId;
+using VeskBench::keyOf;
+using VeskBench::Traits;
 
 constexpr uint32_t kUnitEntries = 65536;
 const UnitId kUnit(0);

@@ -49,8 +49,8 @@ bool fill(uint32_t entries) {
     auto stats = Nimbo::make<Asic::SwTableStats>();
     auto group = Nimbo::make<Asic::GroupInterface>();
     VeskTapAgg::forEachTableType([&]<class Traits>(size_t) {
-      auto log = Nimbo::make<typename VeskTapAgg::NamedEntryLog<Traits>::Type>(
-          Traits::tableId, em, group, "VeskTapAgg");
+      auto log = Nimbo::make<typename VeskTapAgg::NamedEntryLog<Traits>::Type>(Traits::tableId, em,
+                                                                               group, "VeskTapAgg");
       for (uint16_t unit = 0; unit < kUnits; ++unit) {
         log->mountShardConfig(Asic::UnitId(unit), {});
         for (uint32_t n = 0; n < entries; ++n) {

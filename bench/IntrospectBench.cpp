@@ -24,8 +24,8 @@ struct Rig {
                                                  Nimbo::make<Asic::OrderedSwTableStatus>())) {
     log->mountShardConfig(Asic::UnitId(0), {});
     table = VeskTapAgg::defaultFwdTcamEntrySwTableFactory(
-        Nimbo::make<Asic::CanonicalTableName>(Asic::CanonicalTableName::orderedTable,
-                                              "introspect", "VeskTapAgg", Traits::tableName),
+        Nimbo::make<Asic::CanonicalTableName>(Asic::CanonicalTableName::orderedTable, "introspect",
+                                              "VeskTapAgg", Traits::tableName),
         Traits::tableId, Asic::UnitId(0), set.ptr(), log, resolver);
     for (uint32_t i = 0; i < pending; ++i) {
       table->entryWrite(keyOf(i), Traits::Entry{keyOf(i)}, nullptr);

@@ -9,9 +9,9 @@
 
 namespace {
 
+using Asic::LogVersion;
 using VeskBench::keyOf;
 using VeskBench::Traits;
-using Asic::LogVersion;
 
 VeskBench::Root root;
 
@@ -62,7 +62,8 @@ void BM_EndToEnd(benchmark::State& state) {
     rig.resolver->runUntilIdle();
     rig.confirm();
   }
-  if (answered != uint64_t(state.iterations()) * batch) state.SkipWithError("a change went unanswered");
+  if (answered != uint64_t(state.iterations()) * batch)
+    state.SkipWithError("a change went unanswered");
   state.SetItemsProcessed(int64_t(answered));
 }
 BENCHMARK(BM_EndToEnd)->Arg(1)->Arg(10000);
@@ -127,7 +128,8 @@ void BM_TableEntriesSnapshot(benchmark::State& state) {
   rig.fill(kFullUnit);
   for (auto _ : state) {
     const auto snapshot = rig.table->getTableEntries_py();
-    if (snapshot->tableEntriesSize() != kFullUnit) state.SkipWithError("the snapshot missed entries");
+    if (snapshot->tableEntriesSize() != kFullUnit)
+      state.SkipWithError("the snapshot missed entries");
   }
   state.SetItemsProcessed(int64_t(state.iterations()) * kFullUnit);
 }

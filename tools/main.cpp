@@ -17,8 +17,8 @@
 #include <climits>
 #include <iostream>
 
-#include <CLI/CLI.hpp>
 #include <fmt/ostream.h>
+#include <CLI/CLI.hpp>
 
 #include "Nimbo/Exception.h"
 #include "tools/agent/Agent.h"
@@ -37,7 +37,8 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-constexpr uint64_t kMaxChanges = 100000000;  // a workload's changes take ~30 bytes each in the agent
+constexpr uint64_t kMaxChanges =
+    100000000;  // a workload's changes take ~30 bytes each in the agent
 
 // A whole number from `min` to `max`, written in decimal; anything else (a sign, a
 // fraction, a number out of range) is refused naming the word as given, cut short.
@@ -46,7 +47,8 @@ CLI::Validator whole(uint64_t min, uint64_t max) {
       [min, max](std::string& word) -> std::string {
         uint64_t value = 0;
         const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), value);
-        if (error != std::errc() || end != word.data() + word.size() || value < min || value > max) {
+        if (error != std::errc() || end != word.data() + word.size() || value < min ||
+            value > max) {
           return fmt::format("'{}' is not a whole number from {} to {}", echoed(word), min, max);
         }
         word = std::to_string(value);  // decimal for the conversion too: "010" is ten
@@ -103,11 +105,15 @@ int main(int argc, char** argv) {
       "socket (0: never).\nExit codes: 0 done, 1 failed, 2 usage error.");
 
   DemoOptions demo;
-  auto* demoCmd = app.add_subcommand("demo", "Run hardware side and agent, kill and restart the agent, check that everything agrees");
+  auto* demoCmd = app.add_subcommand(
+      "demo",
+      "Run hardware side and agent, kill and restart the agent, check that everything agrees");
   demoCmd->add_option("--units", demo.units, "units per table type")->transform(whole(1, 64));
   demoCmd->add_option("--keys", demo.keys, "keys per table and unit")->transform(whole(1, 65536));
-  demoCmd->add_option("--changes", demo.changes, "changes in the workload")->transform(whole(1, kMaxChanges));
-  demoCmd->add_option("--seed", demo.seed, "seed of the generated workload")->transform(whole(0, UINT64_MAX));
+  demoCmd->add_option("--changes", demo.changes, "changes in the workload")
+      ->transform(whole(1, kMaxChanges));
+  demoCmd->add_option("--seed", demo.seed, "seed of the generated workload")
+      ->transform(whole(0, UINT64_MAX));
   demoCmd->add_flag("--keep", demo.keep, "keep the shared-memory root afterwards");
 
   AgentOptions agent;
@@ -116,46 +122,85 @@ int main(int argc, char** argv) {
   std::string workloadFile, reportJson;
   int progressMs = 1000, giveUpMs = 0;
   bool noWait = false, noVerify = false;
-  auto* agentCmd = app.add_subcommand("agent", "Run the agent: restore (or clear) the units' tables and apply a workload");
+  auto* agentCmd = app.add_subcommand(
+      "agent", "Run the agent: restore (or clear) the units' tables and apply a workload");
   agentCmd->footer(
       "Changes that wait on the hardware side (none running, or a change log full) are told "
       "once and waited for without using the CPU; --give-up-ms ends the wait.");
   agentCmd->add_option("--units", agent.units, "units to drive")->transform(whole(0, 65535));
   agentCmd->add_flag("--clear", agent.clear, "clear the units' tables instead of restoring them");
-  agentCmd->add_option("--tables", tableNames, "table types the generated workload writes (default: all)");
-  agentCmd->add_option("--seed", spec.seed, "seed of the generated workload")->transform(whole(0, UINT64_MAX));
+  agentCmd->add_option("--tables", tableNames,
+                       "table types the generated workload writes (default: all)");
+  agentCmd->add_option("--seed", spec.seed, "seed of the generated workload")
+      ->transform(whole(0, UINT64_MAX));
   agentCmd->add_option("--keys", spec.keys, "keys per table and unit")->transform(whole(1, 65536));
-  agentCmd->add_option("--changes", spec.changes, "changes in the generated workload")->transform(whole(0, kMaxChanges));
-  agentCmd->add_option("--remove-all-every", spec.removeAllEvery, "about one remove-all in this many changes (0: none)")->transform(whole(0, UINT32_MAX));
-  agentCmd->add_option("--workload", workloadFile,
-                       fmt::format("read the changes from this file instead (a regular file of at most {} MiB, "
-                                   "lines of at most {} characters)", kMaxWorkloadBytes >> 20, kMaxWorkloadLine))
+  agentCmd->add_option("--changes", spec.changes, "changes in the generated workload")
+      ->transform(whole(0, kMaxChanges));
+  agentCmd
+      ->add_option("--remove-all-every", spec.removeAllEvery,
+                   "about one remove-all in this many changes (0: none)")
+      ->transform(whole(0, UINT32_MAX));
+  agentCmd
+      ->add_option(
+          "--workload", workloadFile,
+          fmt::format("read the changes from this file instead (a regular file of at most {} MiB, "
+                      "lines of at most {} characters)",
+                      kMaxWorkloadBytes >> 20, kMaxWorkloadLine))
       ->check(CLI::ExistingFile);
-  agentCmd->add_option("--window", agent.window, "changes in flight at most")->transform(whole(1, 10000000));
+  agentCmd->add_option("--window", agent.window, "changes in flight at most")
+      ->transform(whole(1, 10000000));
   int targetLatencyUs = int(agent.targetLatency.count());
-  agentCmd->add_option("--target-latency-us", targetLatencyUs, "size the window for answers within this many microseconds (0: keep --window in flight)")->transform(whole(0, 60000000));
-  agentCmd->add_flag("--no-wait", noWait, "finish once everything is committed, without waiting for the hardware side");
+  agentCmd
+      ->add_option(
+          "--target-latency-us", targetLatencyUs,
+          "size the window for answers within this many microseconds (0: keep --window in flight)")
+      ->transform(whole(0, 60000000));
+  agentCmd->add_flag("--no-wait", noWait,
+                     "finish once everything is committed, without waiting for the hardware side");
   agentCmd->add_flag("--no-verify", noVerify, "do not read back the keys the workload touched");
-  agentCmd->add_option("--progress-ms", progressMs, "print progress this often, when it moved (0: never)")->transform(whole(0, INT_MAX));
-  agentCmd->add_option("--give-up-ms", giveUpMs, "give up (exit 1) when changes have waited this long with no hardware side taking any (0: wait until Ctrl-C)")->transform(whole(0, INT_MAX));
-  agentCmd->add_option("--report-json", reportJson, "write the report as JSON to this file (refused before the run if it cannot be written)");
+  agentCmd
+      ->add_option("--progress-ms", progressMs,
+                   "print progress this often, when it moved (0: never)")
+      ->transform(whole(0, INT_MAX));
+  agentCmd
+      ->add_option("--give-up-ms", giveUpMs,
+                   "give up (exit 1) when changes have waited this long with no hardware side "
+                   "taking any (0: wait until Ctrl-C)")
+      ->transform(whole(0, INT_MAX));
+  agentCmd->add_option(
+      "--report-json", reportJson,
+      "write the report as JSON to this file (refused before the run if it cannot be written)");
 
   HardwareOptions hw;
   int hwDelayUs = 0, hwIdleMs = 0, hwProgressMs = 0, hwSpinUs = int(hw.spinFor.count());
-  auto* hwCmd = app.add_subcommand("hw", "Run the hardware side: apply the change logs to simulated TCAMs");
+  auto* hwCmd =
+      app.add_subcommand("hw", "Run the hardware side: apply the change logs to simulated TCAMs");
   hwCmd->footer(
       "A TCAM file it cannot use (a symlink, a directory, another owner or mode) stops it with "
-      "exit 1, naming the file; what it waits for (an agent, a change it cannot read) it says once.");
-  hwCmd->add_option("--delay", hwDelayUs, "microseconds per change, to model a slow TCAM")->transform(whole(0, 1000000));
-  hwCmd->add_option("--rate", hw.rate, "changes per second at most (0: no limit)")->transform(whole(0, 1000000000));
-  hwCmd->add_option("--spin-us", hwSpinUs, "after work, look again without sleeping for this many microseconds")->transform(whole(0, 1000000));
-  hwCmd->add_option("--exit-when-idle", hwIdleMs, "stop after this many milliseconds without work (0: never)")->transform(whole(0, INT_MAX));
-  hwCmd->add_option("--progress-ms", hwProgressMs, "print progress this often, when it moved (0: never)")->transform(whole(0, INT_MAX));
+      "exit 1, naming the file; what it waits for (an agent, a change it cannot read) it says "
+      "once.");
+  hwCmd->add_option("--delay", hwDelayUs, "microseconds per change, to model a slow TCAM")
+      ->transform(whole(0, 1000000));
+  hwCmd->add_option("--rate", hw.rate, "changes per second at most (0: no limit)")
+      ->transform(whole(0, 1000000000));
+  hwCmd
+      ->add_option("--spin-us", hwSpinUs,
+                   "after work, look again without sleeping for this many microseconds")
+      ->transform(whole(0, 1000000));
+  hwCmd
+      ->add_option("--exit-when-idle", hwIdleMs,
+                   "stop after this many milliseconds without work (0: never)")
+      ->transform(whole(0, INT_MAX));
+  hwCmd
+      ->add_option("--progress-ms", hwProgressMs,
+                   "print progress this often, when it moved (0: never)")
+      ->transform(whole(0, INT_MAX));
 
   ShowOptions show;
   std::string showTable;
   int showUnit = -1;
-  auto* showCmd = app.add_subcommand("show", "Show what the shared memory of an agent and its hardware side holds");
+  auto* showCmd = app.add_subcommand(
+      "show", "Show what the shared memory of an agent and its hardware side holds");
   showCmd->add_option("--table", showTable, "only this table type");
   showCmd->add_option("--unit", showUnit, "only this unit")->transform(whole(0, 65535));
   showCmd->add_flag("--entries", show.entries, "list every live entry");
@@ -167,8 +212,10 @@ int main(int argc, char** argv) {
   });
   const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
   if (argc > 1 && argv[1][0] != '-' &&
-      std::none_of(commands.begin(), commands.end(), [&](const CLI::App* c) { return c->check_name(argv[1]); })) {
-    fmt::print(std::cerr, "vesktap: unknown command '{}' (demo, agent, hw or show; see --help)\n", echoed(argv[1]));
+      std::none_of(commands.begin(), commands.end(),
+                   [&](const CLI::App* c) { return c->check_name(argv[1]); })) {
+    fmt::print(std::cerr, "vesktap: unknown command '{}' (demo, agent, hw or show; see --help)\n",
+               echoed(argv[1]));
     return 2;
   }
   try {
@@ -198,7 +245,8 @@ int main(int argc, char** argv) {
         agent.workload = readWorkloadFile(workloadFile);
         for (const Change& c : agent.workload) {
           if (std::find(agent.units.begin(), agent.units.end(), c.unit) == agent.units.end()) {
-            throw std::invalid_argument(fmt::format("{}: unit {} is not one of --units", formatChange(c), c.unit));
+            throw std::invalid_argument(
+                fmt::format("{}: unit {} is not one of --units", formatChange(c), c.unit));
           }
         }
       }
@@ -214,7 +262,8 @@ int main(int argc, char** argv) {
       if (report.gaveUp) {
         throw std::runtime_error(fmt::format(
             "gave up after {} ms without a hardware side taking changes (start `vesktap hw` on "
-            "this shared-memory root, or raise --give-up-ms)", giveUpMs));
+            "this shared-memory root, or raise --give-up-ms)",
+            giveUpMs));
       }
       return report.mismatches == 0 ? 0 : 1;
     }
@@ -232,7 +281,8 @@ int main(int argc, char** argv) {
     if (*showCmd) {
       if (!showTable.empty()) {
         show.table = tableIndexOf(showTable);
-        if (*show.table == kTableCount) throw UsageError("--table: unknown table '" + echoed(showTable) + "'");
+        if (*show.table == kTableCount)
+          throw UsageError("--table: unknown table '" + echoed(showTable) + "'");
       }
       if (showUnit >= 0) show.unit = uint16_t(showUnit);
       VeskTool::show(show, std::cout);

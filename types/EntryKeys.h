@@ -16,18 +16,18 @@ namespace VeskTapAgg {
 // types/RecordSchema.h): a field added there is printed, inspected, in JSON and in Python.
 
 // Default forwarding: what tapped traffic does when no service policy claims it.
-#define VESK_FIELDS(F)               \
-  F(uint32_t, priority, decimal)     \
-  F(U32Match, ingressPort, record)   \
-  F(U16Match, vlan, record)          \
-  F(U16Match, etherType, record)     \
-  F(MacMatch, dstMac, record)        \
-  F(MacMatch, srcMac, record)        \
-  F(Ip4Match, dstIp, record)         \
-  F(Ip4Match, srcIp, record)         \
-  F(U8Match, ipProtocol, record)     \
-  F(U8Match, tcpFlags, record)       \
-  F(U16Match, l4DstPort, record)     \
+#define VESK_FIELDS(F)             \
+  F(uint32_t, priority, decimal)   \
+  F(U32Match, ingressPort, record) \
+  F(U16Match, vlan, record)        \
+  F(U16Match, etherType, record)   \
+  F(MacMatch, dstMac, record)      \
+  F(MacMatch, srcMac, record)      \
+  F(Ip4Match, dstIp, record)       \
+  F(Ip4Match, srcIp, record)       \
+  F(U8Match, ipProtocol, record)   \
+  F(U8Match, tcpFlags, record)     \
+  F(U16Match, l4DstPort, record)   \
   F(uint32_t, actionIndex, decimal)
 struct VESK_EXPORT DefaultFwdTcamEntryEntryKey {
   VESK_RECORD(DefaultFwdTcamEntryEntryKey, VESK_FIELDS);
@@ -35,13 +35,13 @@ struct VESK_EXPORT DefaultFwdTcamEntryEntryKey {
 #undef VESK_FIELDS
 
 // Service policy on layer-2 headers.
-#define VESK_FIELDS(F)               \
-  F(uint32_t, priority, decimal)     \
-  F(U32Match, ingressPort, record)   \
-  F(U16Match, vlan, record)          \
-  F(U16Match, etherType, record)     \
-  F(MacMatch, dstMac, record)        \
-  F(MacMatch, srcMac, record)        \
+#define VESK_FIELDS(F)             \
+  F(uint32_t, priority, decimal)   \
+  F(U32Match, ingressPort, record) \
+  F(U16Match, vlan, record)        \
+  F(U16Match, etherType, record)   \
+  F(MacMatch, dstMac, record)      \
+  F(MacMatch, srcMac, record)      \
   F(uint32_t, actionIndex, decimal)
 struct VESK_EXPORT ServicePolicyMacTcamEntryEntryKey {
   VESK_RECORD(ServicePolicyMacTcamEntryEntryKey, VESK_FIELDS);
@@ -49,18 +49,18 @@ struct VESK_EXPORT ServicePolicyMacTcamEntryEntryKey {
 #undef VESK_FIELDS
 
 // Service policy on IPv4 headers.
-#define VESK_FIELDS(F)               \
-  F(uint32_t, priority, decimal)     \
-  F(U32Match, ingressPort, record)   \
-  F(U16Match, vlan, record)          \
-  F(U16Match, l4SrcPort, record)     \
-  F(Ip4Match, srcIp, record)         \
-  F(Ip4Match, dstIp, record)         \
-  F(U16Match, l4DstPort, record)     \
-  F(U8Match, ipProtocol, record)     \
-  F(U8Match, dscp, record)           \
-  F(U8Match, tcpFlags, record)       \
-  F(uint16_t, reserved, hidden)      \
+#define VESK_FIELDS(F)             \
+  F(uint32_t, priority, decimal)   \
+  F(U32Match, ingressPort, record) \
+  F(U16Match, vlan, record)        \
+  F(U16Match, l4SrcPort, record)   \
+  F(Ip4Match, srcIp, record)       \
+  F(Ip4Match, dstIp, record)       \
+  F(U16Match, l4DstPort, record)   \
+  F(U8Match, ipProtocol, record)   \
+  F(U8Match, dscp, record)         \
+  F(U8Match, tcpFlags, record)     \
+  F(uint16_t, reserved, hidden)    \
   F(uint32_t, actionIndex, decimal)
 struct VESK_EXPORT ServicePolicyV4TcamEntryEntryKey {
   VESK_RECORD(ServicePolicyV4TcamEntryEntryKey, VESK_FIELDS);
@@ -68,16 +68,16 @@ struct VESK_EXPORT ServicePolicyV4TcamEntryEntryKey {
 #undef VESK_FIELDS
 
 // Service policy on IPv6 headers.
-#define VESK_FIELDS(F)               \
-  F(uint32_t, priority, decimal)     \
-  F(U32Match, ingressPort, record)   \
-  F(U16Match, vlan, record)          \
-  F(U16Match, l4SrcPort, record)     \
-  F(Ip6Match, srcIp, record)         \
-  F(Ip6Match, dstIp, record)         \
-  F(U16Match, l4DstPort, record)     \
-  F(U8Match, nextHeader, record)     \
-  F(U8Match, trafficClass, record)   \
+#define VESK_FIELDS(F)             \
+  F(uint32_t, priority, decimal)   \
+  F(U32Match, ingressPort, record) \
+  F(U16Match, vlan, record)        \
+  F(U16Match, l4SrcPort, record)   \
+  F(Ip6Match, srcIp, record)       \
+  F(Ip6Match, dstIp, record)       \
+  F(U16Match, l4DstPort, record)   \
+  F(U8Match, nextHeader, record)   \
+  F(U8Match, trafficClass, record) \
   F(uint32_t, actionIndex, decimal)
 struct VESK_EXPORT ServicePolicyV6TcamEntryEntryKey {
   VESK_RECORD(ServicePolicyV6TcamEntryEntryKey, VESK_FIELDS);
@@ -88,14 +88,14 @@ struct VESK_EXPORT ServicePolicyV6TcamEntryEntryKey {
 // VXLAN VNI or the GRE key.
 enum class TunnelType : uint8_t { none = 0, gre = 1, vxlan = 2, ipInIp = 3 };
 
-#define VESK_FIELDS(F)               \
-  F(uint32_t, priority, decimal)     \
-  F(U32Match, ingressPort, record)   \
-  F(U8Match, tunnelType, record)     \
-  F(uint16_t, reserved, hidden)      \
-  F(Ip4Match, outerSrcIp, record)    \
-  F(Ip4Match, outerDstIp, record)    \
-  F(U32Match, tunnelKey, record)     \
+#define VESK_FIELDS(F)             \
+  F(uint32_t, priority, decimal)   \
+  F(U32Match, ingressPort, record) \
+  F(U8Match, tunnelType, record)   \
+  F(uint16_t, reserved, hidden)    \
+  F(Ip4Match, outerSrcIp, record)  \
+  F(Ip4Match, outerDstIp, record)  \
+  F(U32Match, tunnelKey, record)   \
   F(uint32_t, actionIndex, decimal)
 struct VESK_EXPORT TapTunnelTerminationTcamEntryEntryKey {
   VESK_RECORD(TapTunnelTerminationTcamEntryEntryKey, VESK_FIELDS);

@@ -13,8 +13,8 @@ template <class R, class F>
 Kest::RecordField describeField(const R& probe, const Field<R, F>& f) {
   const auto* base = reinterpret_cast<const unsigned char*>(&probe);
   const auto* at = reinterpret_cast<const unsigned char*>(&(probe.*f.member));
-  Kest::RecordField described{f.name, f.text, uint16_t(at - base), uint16_t(sizeof(F)), nullptr,
-                              f.names};
+  Kest::RecordField described{f.name,  f.text, uint16_t(at - base), uint16_t(sizeof(F)),
+                              nullptr, f.names};
   if constexpr (SchemaRecord<F>) described.record = &typeRecordOf<F>();
   return described;
 }

@@ -28,32 +28,32 @@
 
 // Members and fields() of a record.
 #define VESK_RECORD_MEMBER(Type, name, ...) std::type_identity_t<Type> name{};
-#define VESK_RECORD_FIELD(Type, name, text, ...)                                        \
-  ::VeskTapAgg::Field<Self, Type>{#name, &Self::name,                                   \
+#define VESK_RECORD_FIELD(Type, name, text, ...)      \
+  ::VeskTapAgg::Field<Self, Type>{#name, &Self::name, \
                                   ::Kest::FieldText::text __VA_OPT__(, __VA_ARGS__)},
-#define VESK_RECORD_FIELDS(Self_, LIST)       \
-  LIST(VESK_RECORD_MEMBER)                    \
-  static constexpr auto fields() {            \
-    using Self = Self_;                       \
+#define VESK_RECORD_FIELDS(Self_, LIST)         \
+  LIST(VESK_RECORD_MEMBER)                      \
+  static constexpr auto fields() {              \
+    using Self = Self_;                         \
     return std::tuple{LIST(VESK_RECORD_FIELD)}; \
   }
 
 // The operations every key and entry offers: equality (isEq, ==), ordering (<=>) and a
 // 32-bit hash of its bytes under a seed. Records that are hashed have no padding bytes.
-#define VESK_RECORD_OPS(Type)                                                        \
-  bool isEq(const Type& other) const noexcept { return *this == other; }             \
-  uint32_t hash(uint32_t seed) const noexcept {                                      \
-    static_assert(std::has_unique_object_representations_v<Type>,                    \
-                  "a hashed record must have no padding");                           \
-    return Kest::hash32(this, sizeof(Type), seed);                                   \
-  }                                                                                  \
-  friend bool operator==(const Type&, const Type&) = default;                        \
+#define VESK_RECORD_OPS(Type)                                            \
+  bool isEq(const Type& other) const noexcept { return *this == other; } \
+  uint32_t hash(uint32_t seed) const noexcept {                          \
+    static_assert(std::has_unique_object_representations_v<Type>,        \
+                  "a hashed record must have no padding");               \
+    return Kest::hash32(this, sizeof(Type), seed);                       \
+  }                                                                      \
+  friend bool operator==(const Type&, const Type&) = default;            \
   friend auto operator<=>(const Type&, const Type&) = default
 
 // A record named after its type, with its fields and operations.
-#define VESK_RECORD(Self_, LIST)                          \
-  VESK_RECORD_FIELDS(Self_, LIST)                         \
-  static Nimbo::String typeName() { return #Self_; }      \
+#define VESK_RECORD(Self_, LIST)                     \
+  VESK_RECORD_FIELDS(Self_, LIST)                    \
+  static Nimbo::String typeName() { return #Self_; } \
   VESK_RECORD_OPS(Self_)
 
 namespace VeskTapAgg {
@@ -92,7 +92,7 @@ const Kest::RecordType& typeRecordOf();
 
 // Every record prints through its type record.
 template <class T>
-  requires VeskTapAgg::SchemaRecord<T>
+requires VeskTapAgg::SchemaRecord<T>
 struct fmt::formatter<T> {
   constexpr auto parse(fmt::format_parse_context& ctx) { return ctx.begin(); }
   auto format(const T& record, fmt::format_context& ctx) const {

@@ -4,9 +4,11 @@
 
 namespace VeskTapAgg {
 
-#define VESK_TAPAGG_RECORD_TYPE(Record) template VESK_EXPORT const Kest::RecordType& typeRecordOf<Record>();
+#define VESK_TAPAGG_RECORD_TYPE(Record) \
+  template VESK_EXPORT const Kest::RecordType& typeRecordOf<Record>();
 VESK_TAPAGG_SHARED_RECORDS(VESK_TAPAGG_RECORD_TYPE)
-#define VESK_TAPAGG_TABLE_RECORD_TYPES(Name, ...) VESK_TAPAGG_RECORDS_OF(Name, VESK_TAPAGG_RECORD_TYPE)
+#define VESK_TAPAGG_TABLE_RECORD_TYPES(Name, ...) \
+  VESK_TAPAGG_RECORDS_OF(Name, VESK_TAPAGG_RECORD_TYPE)
 VESK_TAPAGG_TABLES(VESK_TAPAGG_TABLE_RECORD_TYPES)
 #undef VESK_TAPAGG_TABLE_RECORD_TYPES
 
@@ -26,7 +28,8 @@ template <TableTraits Traits>
 struct TableRecordModule {
   TableRecordModule() { Nimbo::ModuleInspectData::loaded(module); }
   const Kest::ModuleTypeData module{
-      Nimbo::String(Traits::tableName) + "Records", {},
+      Nimbo::String(Traits::tableName) + "Records",
+      {},
       {&typeRecordOf<typename Traits::EntryKey>(), &typeRecordOf<typename Traits::Entry>(),
        &typeRecordOf<typename Traits::LogEntry>(), &typeRecordOf<typename Traits::ResourceKeys>(),
        &typeRecordOf<typename Traits::ConfigShardEntry>(),

@@ -25,15 +25,15 @@ inline constexpr std::array<std::string_view, 6> kActionFlagNames{
 // The action of one action-table line. Kind and flags are stored as bytes, not enums, so
 // that every byte pattern read from shared memory is a value; the fields a flag does not
 // enable stay zero.
-#define VESK_FIELDS(F)                                  \
-  F(uint8_t, kind, named, kActionKindNames)             \
-  F(uint8_t, flags, flagNames, kActionFlagNames)        \
-  F(uint16_t, vlanId, decimal)                          \
-  F(uint32_t, redirectPort, decimal)                    \
-  F(uint16_t, truncateLength, decimal)                  \
-  F(uint16_t, reserved, hidden)                         \
-  F(uint32_t, counterId, decimal)                       \
-  F(uint32_t, mirrorSession, decimal)                   \
+#define VESK_FIELDS(F)                           \
+  F(uint8_t, kind, named, kActionKindNames)      \
+  F(uint8_t, flags, flagNames, kActionFlagNames) \
+  F(uint16_t, vlanId, decimal)                   \
+  F(uint32_t, redirectPort, decimal)             \
+  F(uint16_t, truncateLength, decimal)           \
+  F(uint16_t, reserved, hidden)                  \
+  F(uint32_t, counterId, decimal)                \
+  F(uint32_t, mirrorSession, decimal)            \
   F(uint32_t, reserved2, hidden)
 struct VESK_EXPORT TcamAction {
   enum Flag : uint8_t {
@@ -136,8 +136,7 @@ struct NoResourceKeys {
 // What a change-log record did: wrote its key, deleted its key, or deleted every entry of
 // its unit (its key then left at the default).
 enum class DeleteKind : uint8_t { write = 0, entryDelete = 1, unitDelete = 2 };
-inline constexpr std::array<std::string_view, 3> kDeleteKindNames{"write", "delete",
-                                                                  "deleteAll"};
+inline constexpr std::array<std::string_view, 3> kDeleteKindNames{"write", "delete", "deleteAll"};
 
 // Records of the shared-memory collections. 64-bit fields are 4-byte aligned so that the
 // records stay as small as their fields.
@@ -146,11 +145,11 @@ inline constexpr std::array<std::string_view, 3> kDeleteKindNames{"write", "dele
 // One entry of a unit's configuration: the entry as last written, with the version of the
 // change that wrote (or deleted) it. A deleted entry stays as a tombstone until cleanup.
 // Equality leaves the reserved bytes out.
-#define VESK_FIELDS(F)                   \
-  F(LogEntry, logEntry, record)          \
-  F(ResourceKeys, rsrcKeys, record)      \
+#define VESK_FIELDS(F)                     \
+  F(LogEntry, logEntry, record)            \
+  F(ResourceKeys, rsrcKeys, record)        \
   F(Asic::LogVersion, logVersion, decimal) \
-  F(bool, isDeleted, flag)               \
+  F(bool, isDeleted, flag)                 \
   F(uint8_t[3], reserved, hidden)
 template <class LogEntry, class ResourceKeys>
 struct ConfigShardEntryOf {
@@ -170,11 +169,11 @@ struct ConfigShardEntryOf {
 #undef VESK_FIELDS
 
 // One change in a table type's change log, keyed by its version.
-#define VESK_FIELDS(F)                             \
-  F(Asic::LogVersion, logVersion, decimal)         \
-  F(uint8_t, deleteKind, named, kDeleteKindNames)  \
-  F(uint8_t, reserved, hidden)                     \
-  F(Asic::UnitId, unitId, decimal)                 \
+#define VESK_FIELDS(F)                            \
+  F(Asic::LogVersion, logVersion, decimal)        \
+  F(uint8_t, deleteKind, named, kDeleteKindNames) \
+  F(uint8_t, reserved, hidden)                    \
+  F(Asic::UnitId, unitId, decimal)                \
   F(Key, key, record)
 template <class Key>
 struct LogShardEntryOf {

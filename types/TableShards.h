@@ -7,8 +7,8 @@
 namespace VeskTapAgg {
 
 // A unit's configuration in shared memory: the collection "swTableEntries" of
-// ConfigShardEntry records keyed by entry key, counting its tombstones (isDeleted). Mounted through an entity manager under its
-// registered type name "VeskTapAgg::<T>ConfigShard"; single-threaded.
+// ConfigShardEntry records keyed by entry key, counting its tombstones (isDeleted). Mounted through
+// an entity manager under its registered type name "VeskTapAgg::<T>ConfigShard"; single-threaded.
 // Reads throw Nimbo::CorruptionDetectedException for a damaged record: report it with
 // swTableEntriesColl().map().doCorruptionDetected().
 template <class Traits>
@@ -29,7 +29,9 @@ class TableConfigShard : public KestShard::Shard {
         swTableEntries_(mountKeyed<Record, KeyOf, DeletedOf>(c, "swTableEntries")) {}
 
   // The record of `key`, or a default record when there is none.
-  Record swTableEntries(const Key& key) const { return swTableEntries_.find(key).value_or(Record{}); }
+  Record swTableEntries(const Key& key) const {
+    return swTableEntries_.find(key).value_or(Record{});
+  }
   bool swTableEntriesHas(const Key& key) const { return swTableEntries_.contains(key); }
   void swTableEntriesIs(const Record& record) { swTableEntries_.insertOrReplace(record); }
   bool swTableEntriesDel(const Key& key) { return swTableEntries_.erase(key); }
@@ -53,12 +55,15 @@ class TableEntryLogShard : public KestShard::Shard {
   using Collection = KestShard::VersionCollection<Record, VersionOf>;
 
   explicit TableEntryLogShard(const KestShard::MountContext& c)
-      : KestShard::Shard(c), entryLogConfig_(mountVersioned<Record, VersionOf>(c, "entryLogConfig")) {}
+      : KestShard::Shard(c),
+        entryLogConfig_(mountVersioned<Record, VersionOf>(c, "entryLogConfig")) {}
 
   Record entryLogConfig(Asic::LogVersion version) const {
     return entryLogConfig_.find(version).value_or(Record{});
   }
-  bool entryLogConfigHas(Asic::LogVersion version) const { return entryLogConfig_.contains(version); }
+  bool entryLogConfigHas(Asic::LogVersion version) const {
+    return entryLogConfig_.contains(version);
+  }
   void entryLogConfigIs(const Record& record) { entryLogConfig_.insertOrReplace(record); }
   bool entryLogConfigDel(Asic::LogVersion version) { return entryLogConfig_.erase(version); }
   uint32_t entryLogConfigSize() const noexcept { return entryLogConfig_.count(); }
@@ -68,16 +73,16 @@ class TableEntryLogShard : public KestShard::Shard {
   Collection entryLogConfig_;
 };
 
-#define VESK_TAPAGG_DECLARE_SHARDS(Name, ...)                                              \
-  class VESK_EXPORT Name##ConfigShard final : public TableConfigShard<Name##Traits> {      \
-   public:                                                                                 \
-    using TableConfigShard::TableConfigShard;                                              \
-    static constexpr const char* typeName = "VeskTapAgg::" #Name "ConfigShard";            \
-  };                                                                                       \
-  class VESK_EXPORT Name##EntryLogShard final : public TableEntryLogShard<Name##Traits> {  \
-   public:                                                                                 \
-    using TableEntryLogShard::TableEntryLogShard;                                          \
-    static constexpr const char* typeName = "VeskTapAgg::" #Name "EntryLogShard";          \
+#define VESK_TAPAGG_DECLARE_SHARDS(Name, ...)                                             \
+  class VESK_EXPORT Name##ConfigShard final : public TableConfigShard<Name##Traits> {     \
+   public:                                                                                \
+    using TableConfigShard::TableConfigShard;                                             \
+    static constexpr const char* typeName = "VeskTapAgg::" #Name "ConfigShard";           \
+  };                                                                                      \
+  class VESK_EXPORT Name##EntryLogShard final : public TableEntryLogShard<Name##Traits> { \
+   public:                                                                                \
+    using TableEntryLogShard::TableEntryLogShard;                                         \
+    static constexpr const char* typeName = "VeskTapAgg::" #Name "EntryLogShard";         \
   };
 VESK_TAPAGG_TABLES(VESK_TAPAGG_DECLARE_SHARDS)
 

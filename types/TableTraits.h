@@ -17,17 +17,17 @@ namespace VeskTapAgg {
 // is a defined value.
 template <class R>
 concept ShmRecord = std::is_trivially_copyable_v<R> && std::is_default_constructible_v<R> &&
-                    std::has_unique_object_representations_v<R> && requires(const R& r) {
-                      { r.isEq(r) } -> std::same_as<bool>;
-                      { r == r } -> std::same_as<bool>;
-                    };
+    std::has_unique_object_representations_v<R> && requires(const R& r) {
+  { r.isEq(r) } -> std::same_as<bool>;
+  { r == r } -> std::same_as<bool>;
+};
 
 // A key of a shared-memory collection, hashed and compared by its bytes.
 template <class K>
 concept ShmKey = ShmRecord<K> && requires(const K& k, uint32_t seed) {
-                   { k.hash(seed) } -> std::same_as<uint32_t>;
-                   { k <=> k } -> std::convertible_to<std::strong_ordering>;
-                 };
+  { k.hash(seed) } -> std::same_as<uint32_t>;
+  { k <=> k } -> std::convertible_to<std::strong_ordering>;
+};
 
 // What every generic table algorithm knows of a table type: one traits struct per type,
 // generated from the catalogue list (types/Catalogue.h) as <T>Traits.
@@ -42,34 +42,33 @@ concept ShmKey = ShmRecord<K> && requires(const K& k, uint32_t seed) {
 //   Constants          configShardPath(unit) and tableEntryLogShardPath()
 //   tableName, tableId, and the hash salts of the table's four keyed collections
 template <class T>
-concept TableTraits =
-    ShmKey<typename T::EntryKey> && ShmRecord<typename T::Entry> &&
+concept TableTraits = ShmKey<typename T::EntryKey> && ShmRecord<typename T::Entry> &&
     ShmRecord<typename T::LogEntry> && ShmRecord<typename T::ResourceKeys> &&
     ShmRecord<typename T::ConfigShardEntry> && ShmRecord<typename T::LogShardEntry> &&
     requires(const typename T::Entry& entry, const typename T::LogEntry& logEntry,
              const typename T::ConfigShardEntry& config, const typename T::LogShardEntry& change,
              Asic::UnitId unit) {
-      typename T::ConfigShard;
-      typename T::EntryLogShard;
-      { entry.key() } -> std::same_as<const typename T::EntryKey&>;
-      { logEntry.key() } -> std::same_as<const typename T::EntryKey&>;
-      { config.logEntry } -> std::convertible_to<typename T::LogEntry>;
-      { config.rsrcKeys } -> std::convertible_to<typename T::ResourceKeys>;
-      { config.logVersion } -> std::convertible_to<Asic::LogVersion>;
-      { config.isDeleted } -> std::convertible_to<bool>;
-      { change.logVersion } -> std::convertible_to<Asic::LogVersion>;
-      { change.deleteKind } -> std::convertible_to<uint8_t>;
-      { change.unitId } -> std::convertible_to<Asic::UnitId>;
-      { change.key } -> std::convertible_to<typename T::EntryKey>;
-      { T::Constants::configShardPath(unit) } -> std::same_as<Nimbo::String>;
-      { T::Constants::tableEntryLogShardPath() } -> std::same_as<Nimbo::String>;
-      { T::tableName } -> std::convertible_to<const char*>;
-      { T::tableId } -> std::convertible_to<Asic::SwTableId>;
-      { T::transientAddEntrySalt } -> std::convertible_to<uint32_t>;
-      { T::transientRemoveEntrySalt } -> std::convertible_to<uint32_t>;
-      { T::transientVersionForKeySalt } -> std::convertible_to<uint32_t>;
-      { T::tableEntriesSalt } -> std::convertible_to<uint32_t>;
-      { T::tableConfigShardSalt } -> std::convertible_to<uint32_t>;
-    };
+  typename T::ConfigShard;
+  typename T::EntryLogShard;
+  { entry.key() } -> std::same_as<const typename T::EntryKey&>;
+  { logEntry.key() } -> std::same_as<const typename T::EntryKey&>;
+  { config.logEntry } -> std::convertible_to<typename T::LogEntry>;
+  { config.rsrcKeys } -> std::convertible_to<typename T::ResourceKeys>;
+  { config.logVersion } -> std::convertible_to<Asic::LogVersion>;
+  { config.isDeleted } -> std::convertible_to<bool>;
+  { change.logVersion } -> std::convertible_to<Asic::LogVersion>;
+  { change.deleteKind } -> std::convertible_to<uint8_t>;
+  { change.unitId } -> std::convertible_to<Asic::UnitId>;
+  { change.key } -> std::convertible_to<typename T::EntryKey>;
+  { T::Constants::configShardPath(unit) } -> std::same_as<Nimbo::String>;
+  { T::Constants::tableEntryLogShardPath() } -> std::same_as<Nimbo::String>;
+  { T::tableName } -> std::convertible_to<const char*>;
+  { T::tableId } -> std::convertible_to<Asic::SwTableId>;
+  { T::transientAddEntrySalt } -> std::convertible_to<uint32_t>;
+  { T::transientRemoveEntrySalt } -> std::convertible_to<uint32_t>;
+  { T::transientVersionForKeySalt } -> std::convertible_to<uint32_t>;
+  { T::tableEntriesSalt } -> std::convertible_to<uint32_t>;
+  { T::tableConfigShardSalt } -> std::convertible_to<uint32_t>;
+};
 
 }  // namespace VeskTapAgg

@@ -113,9 +113,11 @@ void forEachTableType(Visit&& visit) {
 // and the six of each table type.
 #define VESK_TAPAGG_SHARED_RECORDS(X) \
   X(U8Match) X(U16Match) X(U32Match) X(MacMatch) X(Ip4Match) X(Ip6Match) X(TcamAction)
-#define VESK_TAPAGG_RECORDS_OF(Name, X)                                                  \
-  X(Name##EntryKey) X(Name##Entry) X(Name##LogEntry) X(Name##ResourceKeys)               \
+// clang-format off
+#define VESK_TAPAGG_RECORDS_OF(Name, X)                                         \
+  X(Name##EntryKey) X(Name##Entry) X(Name##LogEntry) X(Name##ResourceKeys)      \
   X(Name##ConfigShardEntry) X(Name##LogShardEntry)
+// clang-format on
 
 #define VESK_TAPAGG_DECLARE_RECORD_TYPE(Record) \
   extern template VESK_EXPORT const Kest::RecordType& typeRecordOf<Record>();

@@ -33,10 +33,12 @@ class VESK_EXPORT Publisher {
 
   template <class KeyText>
   void announce(std::string_view attribute, KeyText&& keyText) {
-    if (observed()) [[unlikely]] tell(attribute, keyText());
+    if (observed()) [[unlikely]]
+      tell(attribute, keyText());
   }
   void announce(std::string_view attribute) {
-    if (observed()) [[unlikely]] tell(attribute, std::string());
+    if (observed()) [[unlikely]]
+      tell(attribute, std::string());
   }
 
  private:

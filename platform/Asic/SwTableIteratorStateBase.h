@@ -61,8 +61,7 @@ class SwTableIteratorStateBase : public Nimbo::Node {
   void swTableIs(const OrderedSwTable* swTable) noexcept { swTable_ = swTable; }
 
  protected:
-  explicit SwTableIteratorStateBase(const OrderedSwTable* swTable) noexcept
-      : swTable_(swTable) {}
+  explicit SwTableIteratorStateBase(const OrderedSwTable* swTable) noexcept : swTable_(swTable) {}
 
  private:
   State state_;

@@ -21,8 +21,8 @@ class SwTableStats : public Nimbo::Node {
   X(suppressedWriteCnt)           \
   X(suppressCheckDiffCnt)
 
-#define VESK_SW_TABLE_COUNTER_ACCESSORS(name)                         \
-  uint64_t name() const noexcept { return name##_; }                  \
+#define VESK_SW_TABLE_COUNTER_ACCESSORS(name)        \
+  uint64_t name() const noexcept { return name##_; } \
   void name##Inc(uint64_t by) noexcept { name##_ += by; }
   VESK_SW_TABLE_COUNTERS(VESK_SW_TABLE_COUNTER_ACCESSORS)
 #undef VESK_SW_TABLE_COUNTER_ACCESSORS

@@ -21,7 +21,9 @@ namespace Kest {
 template <class Key>
 struct DefaultHasher {
   uint32_t operator()(const Key& key, uint32_t seed) const noexcept {
-    if constexpr (requires { { key.hash(seed) } -> std::convertible_to<uint32_t>; }) {
+    if constexpr (requires {
+                    { key.hash(seed) } -> std::convertible_to<uint32_t>;
+                  }) {
       return key.hash(seed);
     } else {
       static_assert(std::has_unique_object_representations_v<Key>, "hash a padded key explicitly");
@@ -80,8 +82,8 @@ class HashMap2018 {
     IteratorBase() = default;
     // An Iterator converts to a ConstIterator.
     template <bool kOther>
-      requires(kConst && !kOther)
-    IteratorBase(const IteratorBase<kOther>& o) noexcept : map_(o.map_), slot_(o.slot_) {}
+    requires(kConst && !kOther) IteratorBase(const IteratorBase<kOther>& o)
+    noexcept : map_(o.map_), slot_(o.slot_) {}
 
     reference operator*() const noexcept { return map_->slots_.at(slot_).item(); }
     pointer operator->() const noexcept { return &**this; }
@@ -338,8 +340,8 @@ class HashMap2018 {
   size_t eraseSlot(size_t slot) noexcept {
     slots_.destroy(slot);
     --size_;
-    for (size_t next = slot + 1; next < slots_.length() && slots_.full(next) &&
-                                 homeOf(slots_.at(next).hash) < next;
+    for (size_t next = slot + 1;
+         next < slots_.length() && slots_.full(next) && homeOf(slots_.at(next).hash) < next;
          ++next) {
       slots_.move(next, next - 1);
     }
@@ -349,8 +351,7 @@ class HashMap2018 {
   // Moves every element to a table of 2^bits homes. Elements keep their order, each at
   // its new home or right after the one before it; the tail is at least what that needs.
   void relayout(uint32_t bits) {
-    const size_t length =
-        std::max(size_t(1) << bits, placedLength(bits)) + tailFor(bits);
+    const size_t length = std::max(size_t(1) << bits, placedLength(bits)) + tailFor(bits);
     Slots fresh(length);
     size_t nextFree = 0;
     for (size_t i = nextFull(0); i < slots_.length(); i = nextFull(i + 1)) {

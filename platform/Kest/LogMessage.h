@@ -24,8 +24,8 @@ struct LogMessageDescriptor {
 // defines the descriptor `variable` in the "vesk_log_messages" section. The explicit
 // alignment keeps the compiler from padding descriptors apart, so that the section reads
 // as an array.
-#define VESK_LOG_MESSAGE(variable, name, format, explanation, action, severity)            \
-  [[gnu::section("vesk_log_messages"), gnu::used]] alignas(::Kest::LogMessageDescriptor) \
-  constinit const ::Kest::LogMessageDescriptor variable {                                  \
-    (name), (format), (explanation), (action), (severity)                                  \
+#define VESK_LOG_MESSAGE(variable, name, format, explanation, action, severity)             \
+  [[gnu::section("vesk_log_messages"), gnu::used]] alignas(                                 \
+      ::Kest::LogMessageDescriptor) constinit const ::Kest::LogMessageDescriptor variable { \
+    (name), (format), (explanation), (action), (severity)                                   \
   }

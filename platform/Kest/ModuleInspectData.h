@@ -22,8 +22,8 @@ constexpr uint32_t moduleHash(std::string_view text) noexcept {
 
 // The type record of one source unit of a library: its name, made from the unit's
 // ("_<unit>_<8 hex digits>_kestModule"), the records of the classes the unit defines
-// (possibly none) and those of the plain records (keys, entries) it defines. Built at load by the unit, never changed; lives as long as the library.
-// Any thread may read it.
+// (possibly none) and those of the plain records (keys, entries) it defines. Built at load by the
+// unit, never changed; lives as long as the library. Any thread may read it.
 class VESK_EXPORT ModuleTypeData {
  public:
   ModuleTypeData(std::string_view unit, std::vector<const TypeData*> types,

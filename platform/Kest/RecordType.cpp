@@ -55,8 +55,10 @@ void formatScalar(fmt::memory_buffer& out, const void* record, const RecordField
       return;
     case FieldText::named: {
       const uint64_t n = fieldNumber(record, field);
-      if (n < field.names.size()) append(out, field.names[n]);
-      else fmt::format_to(to, "{}", n);
+      if (n < field.names.size())
+        append(out, field.names[n]);
+      else
+        fmt::format_to(to, "{}", n);
       return;
     }
     case FieldText::flagNames:
@@ -91,10 +93,23 @@ bool jsonString(FieldText text) noexcept {
 uint64_t fieldNumber(const void* record, const RecordField& field) noexcept {
   const unsigned char* bytes = bytesOf(record, field);
   switch (field.size) {
-    case 1: return bytes[0];
-    case 2: { uint16_t v; std::memcpy(&v, bytes, 2); return v; }
-    case 4: { uint32_t v; std::memcpy(&v, bytes, 4); return v; }
-    case 8: { uint64_t v; std::memcpy(&v, bytes, 8); return v; }
+    case 1:
+      return bytes[0];
+    case 2: {
+      uint16_t v;
+      std::memcpy(&v, bytes, 2);
+      return v;
+    }
+    case 4: {
+      uint32_t v;
+      std::memcpy(&v, bytes, 4);
+      return v;
+    }
+    case 8: {
+      uint64_t v;
+      std::memcpy(&v, bytes, 8);
+      return v;
+    }
   }
   return 0;
 }
@@ -103,8 +118,10 @@ RecordType::RecordType(Nimbo::String name, size_t size, Form form, std::vector<R
     : name_(std::move(name)), size_(size), form_(form), fields_(std::move(fields)) {
   size_t next = 0;
   for (const RecordField& f : fields_) {
-    VESK_ASSERT_MSG(f.offset == next, fmt::format("{}.{} is not where its table puts it", name_, f.name));
-    VESK_ASSERT_MSG((f.text == FieldText::record) == (f.record != nullptr), name_ + "." + Nimbo::String(f.name));
+    VESK_ASSERT_MSG(f.offset == next,
+                    fmt::format("{}.{} is not where its table puts it", name_, f.name));
+    VESK_ASSERT_MSG((f.text == FieldText::record) == (f.record != nullptr),
+                    name_ + "." + Nimbo::String(f.name));
     next = f.offset + f.size;
   }
   VESK_ASSERT_MSG(next == size_, name_ + ": the field table does not cover every byte");
@@ -133,8 +150,10 @@ void RecordType::format(fmt::memory_buffer& out, const void* record) const {
     if (!first) append(out, ", ");
     append(out, f.name);
     append(out, "=");
-    if (f.record) f.record->format(out, bytesOf(record, f));
-    else formatScalar(out, record, f);
+    if (f.record)
+      f.record->format(out, bytesOf(record, f));
+    else
+      formatScalar(out, record, f);
     first = false;
   }
   append(out, ")");

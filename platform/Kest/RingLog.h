@@ -24,9 +24,9 @@ class VESK_EXPORT RingLog {
   static constexpr unsigned kMaxArgs = 4;
 
   struct Record {
-    int64_t timeNs;      // UTC
+    int64_t timeNs;  // UTC
     uint32_t eventId;
-    uint16_t handleId;   // 0: none
+    uint16_t handleId;  // 0: none
     uint8_t argCount;
     uint8_t signedArgs;  // bit i: args[i] holds a two's-complement int64_t
     uint64_t args[kMaxArgs];
@@ -50,7 +50,9 @@ class VESK_EXPORT RingLog {
       return *this;
     }
     Iterator operator++(int) noexcept { return Iterator(ring_, seq_++); }
-    friend bool operator==(const Iterator& a, const Iterator& b) noexcept { return a.seq_ == b.seq_; }
+    friend bool operator==(const Iterator& a, const Iterator& b) noexcept {
+      return a.seq_ == b.seq_;
+    }
 
    private:
     friend class RingLog;
@@ -79,8 +81,9 @@ class VESK_EXPORT RingLog {
     static_assert((... && (std::is_integral_v<Args> || std::is_enum_v<Args>)),
                   "ring-log arguments are integers or enums");
     Record& r = slots_[next_++ & (capacity_ - 1)];
-    r = Record{clockNs(), eventId, handleId, uint8_t(sizeof...(Args)), signedMask<Args...>(),
-               {uint64_t(args)...}};
+    r = Record{
+        clockNs(),          eventId, handleId, uint8_t(sizeof...(Args)), signedMask<Args...>(),
+        {uint64_t(args)...}};
   }
 
   uint32_t capacity() const noexcept { return capacity_; }

@@ -73,8 +73,9 @@ void writeLine(std::FILE* out, const TraceRecord& r) {
 
 void TraceHandle::emit(unsigned level, const char* file, const char* function,
                        const char* className, std::string text) const {
-  TraceRecord record{name_,           file,  function ? function : "",
-                     className ? className : "", level, std::move(text), nowUtc()};
+  TraceRecord record{
+      name_,           file,    function ? function : "", className ? className : "", level,
+      std::move(text), nowUtc()};
   Registry& r = registry();
   std::lock_guard lock(r.mutex);
   if (r.capture) {

@@ -8,10 +8,14 @@ namespace Kest {
 
 const char* attrKindName(AttrKind kind) noexcept {
   switch (kind) {
-    case AttrKind::value: return "value";
-    case AttrKind::pointer: return "pointer";
-    case AttrKind::collection: return "collection";
-    case AttrKind::operation: return "operation";
+    case AttrKind::value:
+      return "value";
+    case AttrKind::pointer:
+      return "pointer";
+    case AttrKind::collection:
+      return "collection";
+    case AttrKind::operation:
+      return "operation";
   }
   return "unknown";
 }
@@ -30,16 +34,16 @@ TypeData::TypeData(Nimbo::String name, std::vector<KestAttr> attrs, Construct co
       constructArity_(constructArity) {
   std::sort(attrs_.begin(), attrs_.end(),
             [](const KestAttr& a, const KestAttr& b) { return a.name < b.name; });
-  const auto twin = std::adjacent_find(attrs_.begin(), attrs_.end(),
-                                       [](const KestAttr& a, const KestAttr& b) {
-                                         return a.name == b.name;
-                                       });
+  const auto twin =
+      std::adjacent_find(attrs_.begin(), attrs_.end(),
+                         [](const KestAttr& a, const KestAttr& b) { return a.name == b.name; });
   VESK_ASSERT_MSG(twin == attrs_.end(), name_ + "." + Nimbo::String(twin->name));
 }
 
 const KestAttr* TypeData::attr(std::string_view name) const noexcept {
-  const auto it = std::lower_bound(attrs_.begin(), attrs_.end(), name,
-                                   [](const KestAttr& a, std::string_view n) { return a.name < n; });
+  const auto it =
+      std::lower_bound(attrs_.begin(), attrs_.end(), name,
+                       [](const KestAttr& a, std::string_view n) { return a.name < n; });
   return it != attrs_.end() && it->name == name ? &*it : nullptr;
 }
 
@@ -85,11 +89,14 @@ Value TypeData::inspectOperation(Nimbo::Node& object, const KestAttr& attr, Insp
     static constexpr const char* kVerbs[] = {"cannot be read", "cannot be written",
                                              "cannot be called"};
     const bool bound = readable || attr.write || attr.call;
-    throw InspectException(describe(
-        attr, fmt::format("{} ({})", kVerbs[size_t(op)],
-                          bound ? attrKindName(attr.kind) : "declared, not bound")));
+    throw InspectException(
+        describe(attr, fmt::format("{} ({})", kVerbs[size_t(op)],
+                                   bound ? attrKindName(attr.kind) : "declared, not bound")));
   }
-  checkArity(attr, args.size(), op == InspectOp::read ? 0 : op == InspectOp::write ? 1 : attr.arity);
+  checkArity(attr, args.size(),
+             op == InspectOp::read    ? 0
+             : op == InspectOp::write ? 1
+                                      : attr.arity);
   try {
     switch (op) {
       case InspectOp::read:
@@ -112,8 +119,8 @@ AttrIterator TypeData::genericIfIterator(const Nimbo::Ptr<Nimbo::Node>& object,
   if (!object) throw InspectException(describe(attr, "no object to walk"));
   checkOwn(*object, attr);
   if (!attr.collection) {
-    throw InspectException(describe(attr, fmt::format("is not a collection ({})",
-                                                      attrKindName(attr.kind))));
+    throw InspectException(
+        describe(attr, fmt::format("is not a collection ({})", attrKindName(attr.kind))));
   }
   return AttrIterator(object, *this, attr);
 }

@@ -125,8 +125,7 @@ class VESK_EXPORT TypeData {
   // not support and for arguments that do not fit; the object is then unchanged.
   Value inspectOperation(Nimbo::Node& object, const KestAttr& attr, InspectOp op,
                          std::span<const Value> args = {}) const;
-  AttrIterator genericIfIterator(const Nimbo::Ptr<Nimbo::Node>& object,
-                                 const KestAttr& attr) const;
+  AttrIterator genericIfIterator(const Nimbo::Ptr<Nimbo::Node>& object, const KestAttr& attr) const;
 
   bool constructible() const noexcept { return construct_ != nullptr; }
   Nimbo::Ptr<Nimbo::Node> genericIfConstructFromCtorArgs(std::span<const Value> args) const;

@@ -47,15 +47,19 @@ struct PtrPointee<Nimbo::Ptr<U>> {
   using type = U;
 };
 template <class T>
-concept NodePtr = requires { typename PtrPointee<T>::type; };
+concept NodePtr = requires {
+  typename PtrPointee<T>::type;
+};
 template <class T>
-concept NodeRawPtr = std::is_pointer_v<T> && std::derived_from<std::remove_cv_t<std::remove_pointer_t<T>>, Nimbo::Node>;
+concept NodeRawPtr = std::is_pointer_v<T> &&
+    std::derived_from<std::remove_cv_t<std::remove_pointer_t<T>>, Nimbo::Node>;
 // A value class that is a number underneath (ids, versions): value() and construction
 // from it.
 template <class T>
 concept NumberClass = requires(const T& t) {
   { t.value() } -> std::unsigned_integral;
-} && std::is_constructible_v<T, decltype(std::declval<const T&>().value())>;
+}
+&&std::is_constructible_v<T, decltype(std::declval<const T&>().value())>;
 
 template <class>
 inline constexpr bool kNoConversion = false;

@@ -22,7 +22,8 @@ VESK_EXPORT extern void (*publishHook)() noexcept;
 
 template <class T, class V>
 inline void storeRelease(T& word, V value) noexcept {
-  if (publishHook) [[unlikely]] publishHook();
+  if (publishHook) [[unlikely]]
+    publishHook();
   __atomic_store_n(&word, static_cast<T>(value), __ATOMIC_RELEASE);
 }
 inline void fenceAcquire() noexcept { __atomic_thread_fence(__ATOMIC_ACQUIRE); }

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <cstring>
 #include <iterator>
-#include <tuple>
 #include <optional>
+#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -34,8 +34,7 @@ struct RecordTraits {
     RecordLayout layout{uint32_t(sizeof(Record)), uint32_t(key - base), uint32_t(sizeof(Key))};
     if constexpr (!std::is_same_v<MarkOf, NoMark>) {
       static_assert(sizeof(MarkOf{}(probe)) == 1, "a mark is one byte");
-      layout.markOffset =
-          uint32_t(reinterpret_cast<const unsigned char*>(&MarkOf{}(probe)) - base);
+      layout.markOffset = uint32_t(reinterpret_cast<const unsigned char*>(&MarkOf{}(probe)) - base);
     }
     return layout;
   }
@@ -85,8 +84,10 @@ void walkReporting(Shard::ShardMapBase& map, Iterator& it, Start&& start, Visit&
                    uint32_t& damaged) {
   bool whole = stepReporting(map, start);
   while (it.valid()) {
-    if (whole) visit(*it);
-    else ++damaged;
+    if (whole)
+      visit(*it);
+    else
+      ++damaged;
     whole = stepReporting(map, [&] { ++it; });
   }
 }
@@ -117,7 +118,8 @@ class KeyedCollection {
       } catch (const Nimbo::CorruptionDetectedException&) {
         // Standing on the damaged record lets the next step go past it; damage that gave
         // no record to stand on (a broken chain) ends the walk.
-        valid_ = store_->precedes(hash_, Traits::bytes(KeyOf{}(record_)), hash, Traits::bytes(KeyOf{}(next)));
+        valid_ = store_->precedes(hash_, Traits::bytes(KeyOf{}(record_)), hash,
+                                  Traits::bytes(KeyOf{}(next)));
         std::tie(record_, hash_) = std::pair(next, hash);
         throw;
       }
@@ -188,7 +190,8 @@ class KeyedCollection {
         visit(r);
       };
       Iterator it(store_.ptr());
-      walkReporting(*store_, it, [&] { it.position(firstStep()); }, counting, visited);
+      walkReporting(
+          *store_, it, [&] { it.position(firstStep()); }, counting, visited);
       if (!store_->walkMissed(visited, generation)) return;
     }
   }
@@ -289,7 +292,8 @@ class VersionCollection {
   void forEach(Visit&& visit) const {
     Iterator it(store_.ptr());
     uint32_t damaged = 0;
-    walkReporting(*store_, it, [&] { it.position(firstStep()); }, visit, damaged);
+    walkReporting(
+        *store_, it, [&] { it.position(firstStep()); }, visit, damaged);
   }
 
   Shard::ShardMapBase& map() const noexcept { return *store_; }

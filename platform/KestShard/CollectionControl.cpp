@@ -4,7 +4,9 @@
 
 namespace KestShard {
 
-bool CollectionControl::wiped() const noexcept { return loadAcquire(segment_->header().wiped) != 0; }
+bool CollectionControl::wiped() const noexcept {
+  return loadAcquire(segment_->header().wiped) != 0;
+}
 
 void CollectionControl::clearWiped() {
   segment_->requireWritable("clearWiped");

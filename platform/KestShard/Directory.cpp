@@ -41,10 +41,9 @@ void checkSafe(int fd, const Nimbo::String& path) {
         fmt::format("refusing {}: owned by uid {}, not by this user", path, st.st_uid), EPERM);
   }
   if (st.st_mode & (S_IWGRP | S_IWOTH)) {
-    throw Nimbo::SystemException(
-        fmt::format("refusing {}: writable by group or others (mode {:o})", path,
-                    st.st_mode & 07777),
-        EPERM);
+    throw Nimbo::SystemException(fmt::format("refusing {}: writable by group or others (mode {:o})",
+                                             path, st.st_mode & 07777),
+                                 EPERM);
   }
 }
 
@@ -82,8 +81,10 @@ Directory Directory::root() {
   size_t slash = path.rfind('/');
   Nimbo::String parent = slash == 0 ? "/" : path.substr(0, slash);
   Nimbo::String name = path.substr(slash + 1);
-  int parentFd = Env::current().openAt(AT_FDCWD, parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
-  if (parentFd < 0) throwSystemError("cannot open the parent of the shared-memory root", parent, errno);
+  int parentFd =
+      Env::current().openAt(AT_FDCWD, parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0);
+  if (parentFd < 0)
+    throwSystemError("cannot open the parent of the shared-memory root", parent, errno);
   try {
     Directory root = openChecked(parentFd, name, path, true);
     Env::current().close(parentFd);
@@ -107,7 +108,8 @@ Directory Directory::openChecked(int parentFd, const Nimbo::String& name, const 
   }
   if (fd < 0) {
     int error = errno;
-    if (error == ELOOP || error == ENOTDIR) throwSystemError("refusing (symlink or not a directory)", path, error);
+    if (error == ELOOP || error == ENOTDIR)
+      throwSystemError("refusing (symlink or not a directory)", path, error);
     throwSystemError("cannot open directory", path, error);
   }
   Directory dir(fd, path);

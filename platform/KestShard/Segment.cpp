@@ -1,9 +1,9 @@
 #include "KestShard/Segment.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/mman.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -25,7 +25,9 @@ uint64_t* allocationBits(unsigned char* base) {
   return reinterpret_cast<uint64_t*>(base + kPageSize);
 }
 
-uint64_t identityHash(const SegmentHeader& h) { return Kest::hashBytes(&h, kIdentityBytes, kSegmentMagic); }
+uint64_t identityHash(const SegmentHeader& h) {
+  return Kest::hashBytes(&h, kIdentityBytes, kSegmentMagic);
+}
 
 void copyName(char* dst, size_t size, const Nimbo::String& src) {
   std::memset(dst, 0, size);
@@ -88,10 +90,14 @@ bool Segment::usable(const struct ::stat& st, Nimbo::String& why) const {
   SegmentHeader h;
   std::memcpy(&h, p, sizeof h);
   Env::current().unmap(p, kPageSize);
-  if (h.magic != kSegmentMagic) why = "bad magic";
-  else if (h.layoutVersion != kLayoutVersion) why = fmt::format("layout version {}", h.layoutVersion);
-  else if (h.identityCheck != identityHash(h)) why = "header checksum mismatch";
-  else if (h.fileSize != uint64_t(st.st_size)) why = "file size differs from its header";
+  if (h.magic != kSegmentMagic)
+    why = "bad magic";
+  else if (h.layoutVersion != kLayoutVersion)
+    why = fmt::format("layout version {}", h.layoutVersion);
+  else if (h.identityCheck != identityHash(h))
+    why = "header checksum mismatch";
+  else if (h.fileSize != uint64_t(st.st_size))
+    why = "file size differs from its header";
   if (!why.empty()) return false;
   if (h.formatWord != geometry_.formatWord || h.recordSize != geometry_.layout.recordSize ||
       h.keySize != geometry_.layout.keySize || h.kind != uint32_t(geometry_.kind)) {
@@ -102,9 +108,9 @@ bool Segment::usable(const struct ::stat& st, Nimbo::String& why) const {
         geometry_.layout.keySize, uint32_t(geometry_.kind)));
   }
   if (h.capacity != geometry_.capacity) {
-    throw Nimbo::InvalidArgumentException(fmt::format(
-        "refusing {}: capacity {} differs from the requested {}", path_, h.capacity,
-        geometry_.capacity));
+    throw Nimbo::InvalidArgumentException(
+        fmt::format("refusing {}: capacity {} differs from the requested {}", path_, h.capacity,
+                    geometry_.capacity));
   }
   return true;
 }
@@ -113,11 +119,11 @@ void Segment::checkMatches(const Identity& identity) const {
   const SegmentHeader& h = header();
   if (!nameIs(h.collectionName, kNameSize, identity.collectionName) ||
       !nameIs(h.typeName, kTypeNameSize, identity.typeName)) {
-    throw Nimbo::InvalidArgumentException(fmt::format(
-        "refusing {}: it holds collection '{}' of type '{}', not '{}' of type '{}'", path_,
-        Nimbo::String(h.collectionName, strnlen(h.collectionName, kNameSize)),
-        Nimbo::String(h.typeName, strnlen(h.typeName, kTypeNameSize)), identity.collectionName,
-        identity.typeName));
+    throw Nimbo::InvalidArgumentException(
+        fmt::format("refusing {}: it holds collection '{}' of type '{}', not '{}' of type '{}'",
+                    path_, Nimbo::String(h.collectionName, strnlen(h.collectionName, kNameSize)),
+                    Nimbo::String(h.typeName, strnlen(h.typeName, kTypeNameSize)),
+                    identity.collectionName, identity.typeName));
   }
 }
 
@@ -151,13 +157,14 @@ Nimbo::Ptr<Segment> Segment::create(const Directory& dir, const Nimbo::String& n
   const Nimbo::String path = dir.path() + "/" + name;
   const Nimbo::String tmpName = name + ".new";
   env.unlinkAt(dir.fd(), tmpName.c_str(), 0);  // left by a writer that died while creating
-  int fd = env.openAt(dir.fd(), tmpName.c_str(),
-                      O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
+  int fd = env.openAt(dir.fd(), tmpName.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC,
+                      0600);
   if (fd < 0) throwSystemError("cannot create", path, errno);
   Nimbo::Ptr<Segment> seg(new Segment(fd, path, geometry, true));
   try {
     if (env.lock(fd, LOCK_EX | LOCK_NB) != 0) throwSystemError("cannot lock", path, errno);
-    if (env.truncate(fd, off_t(geometry.fileSize)) != 0) throwSystemError("cannot size", path, errno);
+    if (env.truncate(fd, off_t(geometry.fileSize)) != 0)
+      throwSystemError("cannot size", path, errno);
     // The first chunk holds the header and the allocation bits themselves: it is reserved
     // before any of its pages is touched, since on a full tmpfs even reading a page that
     // has no backing store raises SIGBUS.
@@ -300,11 +307,16 @@ void Segment::checkHeader() const {
   const SegmentHeader& h = header();
   const auto& copy = *reinterpret_cast<const SegmentHeader*>(identity_);
   const char* damaged = nullptr;
-  if (loadRelaxed(h.magic) != copy.magic) damaged = "magic";
-  else if (loadRelaxed(h.formatWord) != copy.formatWord) damaged = "format word";
-  else if (loadRelaxed(h.capacity) != copy.capacity) damaged = "capacity";
-  else if (loadRelaxed(h.identityCheck) != copy.identityCheck) damaged = "identity checksum";
-  if (!damaged) [[likely]] return;
+  if (loadRelaxed(h.magic) != copy.magic)
+    damaged = "magic";
+  else if (loadRelaxed(h.formatWord) != copy.formatWord)
+    damaged = "format word";
+  else if (loadRelaxed(h.capacity) != copy.capacity)
+    damaged = "capacity";
+  else if (loadRelaxed(h.identityCheck) != copy.identityCheck)
+    damaged = "identity checksum";
+  if (!damaged) [[likely]]
+    return;
   if (writable_) std::memcpy(base_, identity_, sizeof identity_);
   throw Nimbo::CorruptionDetectedException(
       fmt::format("header of {} damaged ({}){}", path_, damaged,

@@ -84,7 +84,8 @@ class VESK_EXPORT Segment : public Nimbo::Node {
   bool created_ = false;
   bool pinned_ = false;
   unsigned char* base_ = nullptr;
-  alignas(SegmentHeader) unsigned char identity_[kIdentityBytes + sizeof(uint64_t)] = {};  // taken at open
+  alignas(SegmentHeader) unsigned char identity_[kIdentityBytes + sizeof(uint64_t)] =
+      {};  // taken at open
 };
 
 }  // namespace KestShard

@@ -46,11 +46,11 @@ Geometry Geometry::of(CollectionKind kind, const RecordLayout& layout, uint32_t 
   g.arenaOffset = alignUp64(g.indexOffset + uint64_t(g.bucketCount) * 4, 64);
   g.fileSize = alignUp64(g.slotOffset(g.slotCount), kChunkSize);
   if (g.fileSize / kChunkSize > kMaxChunks) {
-    throw Nimbo::InvalidArgumentException(fmt::format(
-        "collection of {} records of {} bytes is too large for one segment", capacity,
-        layout.recordSize));
+    throw Nimbo::InvalidArgumentException(
+        fmt::format("collection of {} records of {} bytes is too large for one segment", capacity,
+                    layout.recordSize));
   }
-  const uint32_t format[] = {kLayoutVersion, uint32_t(kind), layout.recordSize, layout.keyOffset,
+  const uint32_t format[] = {kLayoutVersion, uint32_t(kind),    layout.recordSize, layout.keyOffset,
                              layout.keySize, layout.markOffset, g.slotSize};
   g.formatWord = Kest::hashBytes(format, sizeof(format), kSegmentMagic);
   return g;

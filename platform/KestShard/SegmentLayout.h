@@ -24,7 +24,7 @@ enum class CollectionKind : uint32_t { keyed = 1, versionLog = 2 };
 constexpr uint64_t kSegmentMagic = 0x314d48534b534556ULL;  // "VESKSHM1"
 constexpr uint32_t kLayoutVersion = 3;
 constexpr uint32_t kPageSize = 4096;
-constexpr uint32_t kChunkSize = 64 * 1024;     // unit of space reservation and release
+constexpr uint32_t kChunkSize = 64 * 1024;      // unit of space reservation and release
 constexpr uint32_t kMaxChunks = kPageSize * 8;  // one page of allocation bits
 constexpr uint32_t kMaxSlotSize = 2048;
 constexpr uint32_t kNameSize = 64;

@@ -24,8 +24,8 @@ Nimbo::Ptr<Segment> Shard::openSegment(const MountContext& context, const Nimbo:
   Geometry geometry = Geometry::of(kind, layout, info->capacity);
   Segment::Identity identity{name, typeName_};
   if (!writable_) return Segment::openReader(context.directory, name, geometry, identity);
-  Nimbo::Ptr<Segment> segment = Segment::openWriter(context.directory, name, geometry, identity,
-                                                     context.existedBefore(name));
+  Nimbo::Ptr<Segment> segment =
+      Segment::openWriter(context.directory, name, geometry, identity, context.existedBefore(name));
   if (info->preallocate) segment->pin();
   if (segment->created()) context.existsNow(name);
   return segment;

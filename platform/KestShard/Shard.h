@@ -39,16 +39,14 @@ class VESK_EXPORT Shard : public Kest::Entity {
   template <class Record, class KeyOf, class MarkOf = NoMark>
   KeyedCollection<Record, KeyOf, MarkOf> mountKeyed(const MountContext& context,
                                                     const Nimbo::String& name) {
-    return KeyedCollection<Record, KeyOf, MarkOf>(
-        mountStore<KeyedStore>(context, name, CollectionKind::keyed,
-                               KeyedCollection<Record, KeyOf, MarkOf>::layout()));
+    return KeyedCollection<Record, KeyOf, MarkOf>(mountStore<KeyedStore>(
+        context, name, CollectionKind::keyed, KeyedCollection<Record, KeyOf, MarkOf>::layout()));
   }
   template <class Record, class KeyOf>
   VersionCollection<Record, KeyOf> mountVersioned(const MountContext& context,
                                                   const Nimbo::String& name) {
-    return VersionCollection<Record, KeyOf>(
-        mountStore<VersionStore>(context, name, CollectionKind::versionLog,
-                                 VersionCollection<Record, KeyOf>::layout()));
+    return VersionCollection<Record, KeyOf>(mountStore<VersionStore>(
+        context, name, CollectionKind::versionLog, VersionCollection<Record, KeyOf>::layout()));
   }
 
  private:
@@ -78,9 +76,8 @@ class VESK_EXPORT ShardTypeRegistry {
 template <class S>
 struct ShardTypeRegistration {
   explicit ShardTypeRegistration(const char* typeName) {
-    ShardTypeRegistry::typeIs(typeName, [](const MountContext& c) -> Nimbo::Ptr<Shard> {
-      return Nimbo::make<S>(c);
-    });
+    ShardTypeRegistry::typeIs(
+        typeName, [](const MountContext& c) -> Nimbo::Ptr<Shard> { return Nimbo::make<S>(c); });
   }
 };
 

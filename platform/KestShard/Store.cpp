@@ -46,7 +46,6 @@ bool Store::recoveryNeeded() const noexcept {
   return (header().generation & 1) != 0 || header().repairAtMount != 0;
 }
 
-
 void Store::recovered() {
   SegmentHeader& h = header();
   if (h.generation & 1) ++h.generation;
@@ -90,7 +89,8 @@ void Store::ReaderWait::next() {
     sched_yield();
     return;
   }
-  const auto pause = std::chrono::microseconds(std::min<uint32_t>(1000, 10u << std::min(tries_ - 64, 7u)));
+  const auto pause =
+      std::chrono::microseconds(std::min<uint32_t>(1000, 10u << std::min(tries_ - 64, 7u)));
   std::this_thread::sleep_for(pause);
 }
 

@@ -66,9 +66,9 @@ class VESK_EXPORT Store : public Shard::ShardMapBase {
 
   // What one pass over the shared structure concluded.
   enum class Outcome {
-    found,         // a record read whole under its slot's sequence word: always trusted
-    absent,        // nothing there: trusted only if no change ran meanwhile
-    inconsistent,  // a link or word that makes no sense: damage, unless a change ran
+    found,          // a record read whole under its slot's sequence word: always trusted
+    absent,         // nothing there: trusted only if no change ran meanwhile
+    inconsistent,   // a link or word that makes no sense: damage, unless a change ran
     damagedRecord,  // a record that fails its checksum: damage, unless a change ran; no
                     // rebuild of the index mends it
   };

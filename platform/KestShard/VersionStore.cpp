@@ -27,8 +27,8 @@ VersionStore::VersionStore(Nimbo::Ptr<Segment> segment, Nimbo::String name)
     : Store(std::move(segment), std::move(name)) {
   if (geometry().layout.keySize != sizeof(uint64_t)) {
     throw Nimbo::InvalidArgumentException(
-        fmt::format("{}: a version-ordered collection needs an 8-byte key, not {} bytes", this->name(),
-                    geometry().layout.keySize));
+        fmt::format("{}: a version-ordered collection needs an 8-byte key, not {} bytes",
+                    this->name(), geometry().layout.keySize));
   }
   if (writable() && (recoveryNeeded() || !spanPlausible())) recover();
 }
@@ -61,8 +61,10 @@ uint64_t VersionStore::lowerBound(uint64_t head, uint64_t tail, uint64_t key) co
   uint64_t lo = head, hi = tail;
   while (lo < hi) {
     uint64_t mid = lo + (hi - lo) / 2;
-    if (keyAt(mid) < key) lo = mid + 1;
-    else hi = mid;
+    if (keyAt(mid) < key)
+      lo = mid + 1;
+    else
+      hi = mid;
   }
   return lo;
 }
@@ -123,7 +125,9 @@ bool VersionStore::seek(uint64_t key, bool strictlyAfter, bool exact, unsigned c
   return found;
 }
 
-bool VersionStore::find(uint64_t key, unsigned char* out) const { return seek(key, false, true, out); }
+bool VersionStore::find(uint64_t key, unsigned char* out) const {
+  return seek(key, false, true, out);
+}
 
 uint64_t VersionStore::newestVersion() const {
   segment()->checkHeader();
@@ -271,7 +275,8 @@ void VersionStore::releaseFreed(uint64_t from, uint64_t to) {
     const uint64_t index = pos % g.capacity;
     const uint64_t run = std::min(to - pos, g.capacity - index);  // up to the ring's end
     const uint64_t firstChunk = g.slotOffset(uint32_t(index)) / kChunkSize;
-    const uint64_t lastChunk = (g.slotOffset(uint32_t(index + run - 1)) + g.slotSize - 1) / kChunkSize;
+    const uint64_t lastChunk =
+        (g.slotOffset(uint32_t(index + run - 1)) + g.slotSize - 1) / kChunkSize;
     for (uint64_t c = firstChunk; c <= lastChunk; ++c) {
       if (!chunkInUse(c, head, span)) segment()->release(c * kChunkSize, (c + 1) * kChunkSize);
     }
@@ -331,8 +336,8 @@ void VersionStore::recover() {
   const uint64_t damagedTail = h.tail;
   while (h.tail > h.head && !written(h.tail - 1)) --h.tail;
   if (h.tail != damagedTail) {
-    repaired(fmt::format("tail {} lies past the filled slots; the log ends at {}", damagedTail,
-                         h.tail));
+    repaired(
+        fmt::format("tail {} lies past the filled slots; the log ends at {}", damagedTail, h.tail));
   }
   for (uint64_t pos = h.head; pos < h.tail; ++pos) {
     if (slot(pos).sequence & 1) ++slot(pos).sequence;
@@ -340,8 +345,8 @@ void VersionStore::recover() {
   const uint64_t wholeTail = h.tail;
   while (h.tail > h.head && !whole(h.tail - 1)) --h.tail;
   if (h.tail != wholeTail) {
-    repaired(fmt::format("{} newest record(s) damaged; the log ends at {}", wholeTail - h.tail,
-                         h.tail));
+    repaired(
+        fmt::format("{} newest record(s) damaged; the log ends at {}", wholeTail - h.tail, h.tail));
   }
   uint64_t damagedAtHead = 0;
   while (h.head < h.tail && (slot(h.head).state != kLive || !whole(h.head))) {
@@ -349,13 +354,14 @@ void VersionStore::recover() {
     ++h.head;
   }
   if (damagedAtHead != 0) {
-    repaired(fmt::format("{} oldest record(s) damaged; the log starts at {}", damagedAtHead,
-                         h.head));
+    repaired(
+        fmt::format("{} oldest record(s) damaged; the log starts at {}", damagedAtHead, h.head));
   }
   if (h.head < h.tail && !endsInOrder()) {
-    repaired(fmt::format("versions {} to {} out of order over positions {} to {}; the log "
-                         "restarts empty at {}",
-                         keyAt(h.head), keyAt(h.tail - 1), h.head, h.tail - 1, h.tail));
+    repaired(
+        fmt::format("versions {} to {} out of order over positions {} to {}; the log "
+                    "restarts empty at {}",
+                    keyAt(h.head), keyAt(h.tail - 1), h.head, h.tail - 1, h.tail));
     h.head = h.tail;
   }
   uint32_t live = 0;

@@ -51,7 +51,8 @@ Nimbo::Ptr<Kest::Entity> EntityManager::getEntity(const Nimbo::String& path) con
 
 void EntityManager::entityDel(const Nimbo::String& path) { entities_.erase(path); }
 
-bool EntityManager::existedBefore(const Nimbo::String& path, const Nimbo::String& collection) const {
+bool EntityManager::existedBefore(const Nimbo::String& path,
+                                  const Nimbo::String& collection) const {
   KestShard::Directory dir;
   try {
     dir = directory_.sub(fmt::format("{}/{}", kNamespaceDir, path), false);
@@ -69,13 +70,12 @@ bool EntityManager::existedBefore(const Nimbo::String& path, const Nimbo::String
 void EntityManager::existsNow(const Nimbo::String& path, const Nimbo::String& collection) const {
   KestShard::Directory dir = directory_.sub(fmt::format("{}/{}", kNamespaceDir, path), true);
   KestShard::Env& env = KestShard::Env::current();
-  int fd = env.openAt(dir.fd(), collection.c_str(),
-                      O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  int fd =
+      env.openAt(dir.fd(), collection.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) {
-    throw Nimbo::SystemException(
-        fmt::format("cannot record {}/{} in the namespace of {}: {}", path, collection,
-                    directory_.path(), std::strerror(errno)),
-        errno);
+    throw Nimbo::SystemException(fmt::format("cannot record {}/{} in the namespace of {}: {}", path,
+                                             collection, directory_.path(), std::strerror(errno)),
+                                 errno);
   }
   env.close(fd);
 }
@@ -96,7 +96,10 @@ Nimbo::Ptr<Kest::Entity> EntityManager::mount(const Nimbo::String& path,
   const bool writer = info.type() == KestShard::KestShardType::writer;
   KestShard::Directory dir = directory_.sub(path, writer);
   KestShard::MountContext context{
-      path, typeName, dir, info,
+      path,
+      typeName,
+      dir,
+      info,
       [this, &path](const Nimbo::String& c) { return existedBefore(path, c); },
       [this, &path](const Nimbo::String& c) { existsNow(path, c); }};
   Nimbo::Ptr<KestShard::Shard> shard = factory(context);

@@ -63,13 +63,11 @@ class Ptr {
   Ptr(const Ptr& o) noexcept : p_(o.p_) { acquire(); }
   Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(const Ptr<U>& o) noexcept : p_(o.ptr()) {
-    acquire();
-  }
+  requires std::is_convertible_v<U*, T*> Ptr(const Ptr<U>& o)
+  noexcept : p_(o.ptr()) { acquire(); }
   template <class U>
-    requires std::is_convertible_v<U*, T*>
-  Ptr(Ptr<U>&& o) noexcept : p_(o.release()) {}
+  requires std::is_convertible_v<U*, T*> Ptr(Ptr<U>&& o)
+  noexcept : p_(o.release()) {}
   ~Ptr() { reset(); }
 
   Ptr& operator=(Ptr o) noexcept {

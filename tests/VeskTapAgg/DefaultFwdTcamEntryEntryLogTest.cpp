@@ -51,22 +51,21 @@ TEST_F(DefaultFwdTcamEntryEntryLogTest, TracesEveryOperationAtItsLevel) {
   agent.log().entrys(UnitId(0));
   agent.log().cleanupEntryLog(LogVersion(3));
   const std::string key2 = fmt::format("{}", agent.key(2));
-  EXPECT_EQ(traces.texts(),
-            (std::vector<std::string>{
-                fmt::format(" logEntry: {} neededEntry: {{}} version: 1 unitId: 0 "
-                            "suppressIdenticalWrites: true",
-                            entry),
-                "Suppressing identical write for key: " + key,
-                " key:" + key2 + " neededEntry: {} unitId: 0",
-                " key: " + key2 + " entry does not exist. So ignoring delete",
-                " key:" + key + " neededEntry: {} unitId: 0",
-                " neededEntry:{}, unitId: 0",
-                " key: " + key + " unitId:0",
-                " unitId:0",
-                " unitId:0",
-                " version 3",
-                " deleteing all entries for unitId: 0",
-            }));
+  EXPECT_EQ(traces.texts(), (std::vector<std::string>{
+                                fmt::format(" logEntry: {} neededEntry: {{}} version: 1 unitId: 0 "
+                                            "suppressIdenticalWrites: true",
+                                            entry),
+                                "Suppressing identical write for key: " + key,
+                                " key:" + key2 + " neededEntry: {} unitId: 0",
+                                " key: " + key2 + " entry does not exist. So ignoring delete",
+                                " key:" + key + " neededEntry: {} unitId: 0",
+                                " neededEntry:{}, unitId: 0",
+                                " key: " + key + " unitId:0",
+                                " unitId:0",
+                                " unitId:0",
+                                " version 3",
+                                " deleteing all entries for unitId: 0",
+                            }));
 }
 
 TEST_F(DefaultFwdTcamEntryEntryLogTest, ADisabledLevelWritesNothing) {
@@ -88,7 +87,8 @@ TEST_F(DefaultFwdTcamEntryEntryLogTest, NotLocalEmMountsInTheSharedNamespace) {
               EXPECT_TRUE(std::filesystem::exists(
                   path / Traits::Constants::configShardPath(UnitId(0)) / "swTableEntries"));
               EXPECT_FALSE(std::filesystem::exists(std::filesystem::path(root.path()) / "local" /
-                                                   kTestAgent / Traits::Constants::configShardPath(UnitId(0))));
+                                                   kTestAgent /
+                                                   Traits::Constants::configShardPath(UnitId(0))));
             }),
             0);
   Agent local;  // without it, the same agent finds nothing of that
@@ -103,7 +103,8 @@ TEST_F(DefaultFwdTcamEntryEntryLogTest, DefinesThreeMessagesOfSeverityThree) {
   };
   const Expected expected[] = {
       {"HW_ABSTRACTION_EXCEPTION", "%s", "Exception"},
-      {"HW_ABSTRACTION_RELAUNCH_ERROR", "%s", "Duplicate Writer Detected, shard path not cleaned up"},
+      {"HW_ABSTRACTION_RELAUNCH_ERROR", "%s",
+       "Duplicate Writer Detected, shard path not cleaned up"},
       {"HW_ABSTRACTION_ERROR", "Hardware abstraction error: unable to load item: %s",
        "Hardware abstraction error: unable to load some persistent items. Some agents will be "
        "restarted"},
@@ -120,8 +121,8 @@ TEST_F(DefaultFwdTcamEntryEntryLogTest, DefinesThreeMessagesOfSeverityThree) {
 
 TEST_F(DefaultFwdTcamEntryEntryLogTest, FactoriesMakeTheNamedClass) {
   Agent agent;
-  auto viaFactory = VeskTapAgg::defaultFwdTcamEntryEntryLogFactory(Traits::tableId, agent.em,
-                                                                    agent.groupInterface, kTestAgent);
+  auto viaFactory = VeskTapAgg::defaultFwdTcamEntryEntryLogFactory(
+      Traits::tableId, agent.em, agent.groupInterface, kTestAgent);
   auto viaIs = VeskTapAgg::DefaultFwdTcamEntryEntryLog::DefaultFwdTcamEntryEntryLogIs(
       Traits::tableId, agent.em, agent.groupInterface, kTestAgent);
   EXPECT_NE(viaFactory.ptr(), viaIs.ptr());

@@ -29,7 +29,8 @@ TEST_F(DefaultFwdTcamEntryInterfaceTest, TracesRegistrationAndRestoreWordForWord
   Kest::TraceCapture traces;
   auto intf = agent.intf();
   intf->makeSwTable(UnitId(0), nullptr, false);
-  intf->makeSwTable(UnitId(0), Nimbo::make<VeskTapAgg::DefaultFwdTcamEntrySwTableHelperBase>(), true);
+  intf->makeSwTable(UnitId(0), Nimbo::make<VeskTapAgg::DefaultFwdTcamEntrySwTableHelperBase>(),
+                    true);
   intf->reconcile();
   EXPECT_EQ(traces.texts("DefaultFwdTcamEntryInterface"),
             (std::vector<std::string>{

@@ -37,7 +37,10 @@ std::vector<Step> stream(uint32_t seed, size_t length) {
   std::vector<Step> steps;
   for (size_t i = 0; i < length; ++i) {
     const uint32_t dice = rng() % 100;
-    const Op op = dice < 68 ? Op::write : dice < 88 ? Op::del : dice < 90 ? Op::tableDel : Op::cleanup;
+    const Op op = dice < 68   ? Op::write
+                  : dice < 88 ? Op::del
+                  : dice < 90 ? Op::tableDel
+                              : Op::cleanup;
     steps.push_back({op, uint32_t(rng() % 64), uint16_t(rng()), rng() % 40});
   }
   return steps;
@@ -91,7 +94,8 @@ struct Model {
     if (change.first == 1 && config.count(change.second) && config[change.second].version == v) {
       config.erase(change.second);
     }
-    if (change.first == 2) std::erase_if(config, [&](const auto& kv) { return kv.second.version == v; });
+    if (change.first == 2)
+      std::erase_if(config, [&](const auto& kv) { return kv.second.version == v; });
   }
 };
 
@@ -101,9 +105,15 @@ void runStream(const std::vector<Step>& steps, int reportFd) {
   for (uint32_t i = 0; i < steps.size(); ++i) {
     const Step& s = steps[i];
     switch (s.op) {
-      case Op::write: agent.write(s.key, s.variant); break;
-      case Op::del: agent.del(s.key); break;
-      case Op::tableDel: log.tableDel(nullptr, UnitId(0)); break;
+      case Op::write:
+        agent.write(s.key, s.variant);
+        break;
+      case Op::del:
+        agent.del(s.key);
+        break;
+      case Op::tableDel:
+        log.tableDel(nullptr, UnitId(0));
+        break;
       case Op::cleanup: {
         const uint64_t v = log.tableVersion().value();
         log.cleanupEntryLog(LogVersion(v > s.keepNewest ? v - s.keepNewest : 0));
@@ -309,7 +319,8 @@ TEST_P(RemoveAllKillTest, ARemoveAllIsFinishedWholeOrNotAtAll) {
   uint64_t lastUnitDelete = 0;
   for (const auto& c : agent.changes()) {
     changes[c.logVersion.value()] = c;
-    if (c.deleteKind == uint8_t(VeskTapAgg::DeleteKind::unitDelete)) lastUnitDelete = c.logVersion.value();
+    if (c.deleteKind == uint8_t(VeskTapAgg::DeleteKind::unitDelete))
+      lastUnitDelete = c.logVersion.value();
   }
   log.tableConfigShard(UnitId(0))->swTableEntriesColl().forEach([&](const auto& record) {
     const uint64_t v = record.logVersion.value();
@@ -345,11 +356,21 @@ class KillPointSweepTest : public ::testing::TestWithParam<SweptChange> {
   static void change(Agent& agent, SweptChange kind) {
     auto& log = agent.log();
     switch (kind) {
-      case SweptChange::write: agent.write(20, 2); break;
-      case SweptChange::replace: agent.write(5, 2); break;
-      case SweptChange::del: agent.del(7); break;
-      case SweptChange::tableDel: log.tableDel(nullptr, UnitId(0)); break;
-      case SweptChange::cleanup: log.cleanupEntryLog(log.tableVersion()); break;
+      case SweptChange::write:
+        agent.write(20, 2);
+        break;
+      case SweptChange::replace:
+        agent.write(5, 2);
+        break;
+      case SweptChange::del:
+        agent.del(7);
+        break;
+      case SweptChange::tableDel:
+        log.tableDel(nullptr, UnitId(0));
+        break;
+      case SweptChange::cleanup:
+        log.cleanupEntryLog(log.tableVersion());
+        break;
     }
   }
   static void checkRemount(SweptChange kind, uint32_t n);
@@ -402,7 +423,8 @@ void KillPointSweepTest::checkRemount(SweptChange kind, uint32_t n) {
       newest = std::max(newest, v);
       live += record.isDeleted ? 0 : 1;
       if (kind == SweptChange::cleanup) return;
-      ASSERT_TRUE(changes.count(v)) << "stop " << n << ": a record at version " << v << " has no change";
+      ASSERT_TRUE(changes.count(v))
+          << "stop " << n << ": a record at version " << v << " has no change";
       const auto& c = changes[v];
       if (c.deleteKind != uint8_t(VeskTapAgg::DeleteKind::unitDelete)) {
         EXPECT_EQ(std::memcmp(&c.key, &record.logEntry.entryKey, sizeof c.key), 0) << "stop " << n;
@@ -411,19 +433,28 @@ void KillPointSweepTest::checkRemount(SweptChange kind, uint32_t n) {
       }
     });
     switch (kind) {
-      case SweptChange::write: EXPECT_TRUE(live == 11 || live == 12) << "stop " << n; break;
+      case SweptChange::write:
+        EXPECT_TRUE(live == 11 || live == 12) << "stop " << n;
+        break;
       case SweptChange::replace:
-      case SweptChange::cleanup: EXPECT_EQ(live, 11u) << "stop " << n; break;
-      case SweptChange::del: EXPECT_TRUE(live == 11 || live == 10) << "stop " << n; break;
-      case SweptChange::tableDel: EXPECT_TRUE(live == 11 || live == 0) << "stop " << n; break;
+      case SweptChange::cleanup:
+        EXPECT_EQ(live, 11u) << "stop " << n;
+        break;
+      case SweptChange::del:
+        EXPECT_TRUE(live == 11 || live == 10) << "stop " << n;
+        break;
+      case SweptChange::tableDel:
+        EXPECT_TRUE(live == 11 || live == 0) << "stop " << n;
+        break;
     }
     EXPECT_GT(agent.write(30).value(), newest) << "stop " << n << ": a version is issued twice";
   }
 }
 
 INSTANTIATE_TEST_SUITE_P(Changes, KillPointSweepTest,
-                         ::testing::Values(SweptChange::write, SweptChange::replace, SweptChange::del,
-                                           SweptChange::tableDel, SweptChange::cleanup));
+                         ::testing::Values(SweptChange::write, SweptChange::replace,
+                                           SweptChange::del, SweptChange::tableDel,
+                                           SweptChange::cleanup));
 
 }  // namespace
 }  // namespace VeskTest

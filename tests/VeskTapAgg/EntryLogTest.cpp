@@ -94,7 +94,8 @@ TYPED_TEST(EntryLogTest, ReadersTellLiveEntriesFromTombstones) {
   EXPECT_EQ(log.entryLogVersion(agent.key(1), unit), LogVersion(1));
   EXPECT_FALSE(log.entryHas(agent.key(2), unit));
   EXPECT_EQ(log.entry(agent.key(2), unit), typename TypeParam::LogEntry{});
-  EXPECT_EQ(log.entryLogVersion(agent.key(2), unit), LogVersion(4)) << "a tombstone keeps its version";
+  EXPECT_EQ(log.entryLogVersion(agent.key(2), unit), LogVersion(4))
+      << "a tombstone keeps its version";
   EXPECT_EQ(log.entryLogVersion(agent.key(9), unit), LogVersion(0));
   EXPECT_EQ(log.entryRsrcKeys(agent.key(1), unit), typename TypeParam::ResourceKeys{});
   EXPECT_EQ(log.entrysInDeletion(unit), 1u);
@@ -122,11 +123,11 @@ TYPED_TEST(EntryLogTest, UnitsAreKeptApart) {
 TYPED_TEST(EntryLogTest, CleanupKeepsARecordRewrittenAfterItsDelete) {
   typename TestFixture::Agent agent;
   auto& log = agent.mounted();
-  agent.write(1);               // 1
-  agent.del(1);                 // 2
-  agent.write(1, 7);            // 3
-  agent.write(2);               // 4
-  agent.del(2);                 // 5
+  agent.write(1);     // 1
+  agent.del(1);       // 2
+  agent.write(1, 7);  // 3
+  agent.write(2);     // 4
+  agent.del(2);       // 5
   log.cleanupEntryLog(LogVersion(5));
   EXPECT_TRUE(log.entryHas(agent.key(1), UnitId(0)));
   EXPECT_EQ(log.entryLogVersion(agent.key(1), UnitId(0)), LogVersion(3));
@@ -140,16 +141,17 @@ TYPED_TEST(EntryLogTest, UnitDeleteRetiresExactlyItsOwnTombstones) {
   typename TestFixture::Agent agent;
   auto& log = agent.mounted();
   const UnitId unit(0);
-  agent.write(1);                                    // 1
-  agent.write(2);                                    // 2
-  agent.write(3);                                    // 3
-  agent.del(3);                                      // 4
+  agent.write(1);  // 1
+  agent.write(2);  // 2
+  agent.write(3);  // 3
+  agent.del(3);    // 4
   EXPECT_EQ(log.tableDel(nullptr, unit), LogVersion(5));
   EXPECT_EQ(log.entryLogVersion(agent.key(1), unit), LogVersion(5));
-  EXPECT_EQ(log.entryLogVersion(agent.key(3), unit), LogVersion(4)) << "an older tombstone keeps its version";
-  agent.write(3, 1);                                 // 6
-  agent.write(4);                                    // 7
-  agent.del(4);                                      // 8
+  EXPECT_EQ(log.entryLogVersion(agent.key(3), unit), LogVersion(4))
+      << "an older tombstone keeps its version";
+  agent.write(3, 1);  // 6
+  agent.write(4);     // 7
+  agent.del(4);       // 8
 
   log.cleanupEntryLog(LogVersion(5));
   EXPECT_EQ(log.entryLogVersion(agent.key(1), unit), LogVersion(0));
@@ -197,8 +199,8 @@ TYPED_TEST(EntryLogTest, MountPurgesTombstonesUpToTheGivenVersion) {
     typename TestFixture::Agent agent;
     agent.mounted(unit);
     for (uint32_t n = 1; n <= 3; ++n) agent.write(n, 0, false, unit);  // 1..3
-    agent.del(1, unit);                                              // 4
-    agent.del(2, unit);                                              // 5
+    agent.del(1, unit);                                                // 4
+    agent.del(2, unit);                                                // 5
   }
   typename TestFixture::Agent keepAll;
   keepAll.mounted(unit, LogVersion(0));
@@ -239,14 +241,19 @@ TYPED_TEST(EntryLogTest, AWipedCollectionIsLoggedAndRelaunchesTheAgent) {
   using Agent = typename TestFixture::Agent;
   ASSERT_EQ(inChild([] { Agent().mounted(UnitId(0)); }), 0);
   Agent agent;
-  std::filesystem::remove(agent.collectionFile(TypeParam::Constants::tableEntryLogShardPath(), "entryLogConfig"));
-  std::filesystem::remove(agent.collectionFile(TypeParam::Constants::configShardPath(UnitId(0)), "swTableEntries"));
-  auto genId = Nimbo::make<Asic::GenId>(Nimbo::String("hardware/quill/agent/relaunch/config/") + kTestAgent);
+  std::filesystem::remove(
+      agent.collectionFile(TypeParam::Constants::tableEntryLogShardPath(), "entryLogConfig"));
+  std::filesystem::remove(
+      agent.collectionFile(TypeParam::Constants::configShardPath(UnitId(0)), "swTableEntries"));
+  auto genId =
+      Nimbo::make<Asic::GenId>(Nimbo::String("hardware/quill/agent/relaunch/config/") + kTestAgent);
   agent.em->entityIs(genId);
   Kest::LogCapture messages;
 
   auto& log = agent.log();
-  const std::string item = std::string("Hardware abstraction error: unable to load item: entryLog::") + TypeParam::tableName;
+  const std::string item =
+      std::string("Hardware abstraction error: unable to load item: entryLog::") +
+      TypeParam::tableName;
   EXPECT_EQ(messages.texts(), std::vector<std::string>{item});
   EXPECT_EQ(messages.records().at(0).name, "HW_ABSTRACTION_ERROR");
   EXPECT_EQ(genId->majorId(), 1);
@@ -254,7 +261,9 @@ TYPED_TEST(EntryLogTest, AWipedCollectionIsLoggedAndRelaunchesTheAgent) {
 
   agent.mounted(UnitId(0));
   EXPECT_EQ(messages.texts().size(), 2u);
-  EXPECT_EQ(messages.texts().back(), std::string("Hardware abstraction error: unable to load item: entryCfg::") + TypeParam::tableName);
+  EXPECT_EQ(messages.texts().back(),
+            std::string("Hardware abstraction error: unable to load item: entryCfg::") +
+                TypeParam::tableName);
   EXPECT_EQ(genId->majorId(), 2);
 
   Agent again;  // a second mount of a collection already recovered says nothing
@@ -277,8 +286,9 @@ TYPED_TEST(EntryLogTest, DamagedRecordsAreReportedAndReadAsAbsent) {
             0);
   Agent agent;
   const auto damaged = agent.entry(1, 4);
-  ASSERT_TRUE(damageRecordHolding(agent.collectionFile(TypeParam::Constants::configShardPath(UnitId(0)), "swTableEntries"),
-                                  &damaged, sizeof damaged));
+  ASSERT_TRUE(damageRecordHolding(
+      agent.collectionFile(TypeParam::Constants::configShardPath(UnitId(0)), "swTableEntries"),
+      &damaged, sizeof damaged));
   Kest::LogCapture messages;
   auto& log = agent.mounted();
   const auto& map = log.tableConfigShard(UnitId(0))->swTableEntriesColl().map();

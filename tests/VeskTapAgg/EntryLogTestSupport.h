@@ -25,11 +25,11 @@ namespace VeskTest {
 // The named entry-log class and factory of each table type, by its traits.
 template <class Traits>
 struct NamedEntryLog;
-#define VESK_TEST_NAMED_ENTRY_LOG(Name, lower, ...)                                         \
-  template <>                                                                               \
-  struct NamedEntryLog<VeskTapAgg::Name##Traits> {                                          \
-    using Type = VeskTapAgg::Name##EntryLog;                                                \
-    static constexpr auto factory = &VeskTapAgg::lower##EntryLogFactory;                    \
+#define VESK_TEST_NAMED_ENTRY_LOG(Name, lower, ...)                      \
+  template <>                                                            \
+  struct NamedEntryLog<VeskTapAgg::Name##Traits> {                       \
+    using Type = VeskTapAgg::Name##EntryLog;                             \
+    static constexpr auto factory = &VeskTapAgg::lower##EntryLogFactory; \
   };
 VESK_TAPAGG_TABLES(VESK_TEST_NAMED_ENTRY_LOG)
 #undef VESK_TEST_NAMED_ENTRY_LOG
@@ -59,7 +59,8 @@ class EntryLogAgent {
         stats(Nimbo::make<Asic::SwTableStats>()) {}
 
   EntryLog& log() {
-    if (!log_) log_ = NamedEntryLog<Traits>::factory(Traits::tableId, em, groupInterface, kTestAgent);
+    if (!log_)
+      log_ = NamedEntryLog<Traits>::factory(Traits::tableId, em, groupInterface, kTestAgent);
     return *log_;
   }
   EntryLog& mounted(Asic::UnitId unit = Asic::UnitId(0), Asic::LogVersion purge = {}) {

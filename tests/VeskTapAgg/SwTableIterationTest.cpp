@@ -18,12 +18,12 @@ using Asic::UnitId;
 using Flag = Asic::SwTableIteratorStateBase::State::Flag;
 
 // Every table type's names exist as clients use them.
-#define VESK_TEST_ITERATION_NAMES(Name, lower, ...)                                         \
+#define VESK_TEST_ITERATION_NAMES(Name, lower, ...)                                        \
   static_assert(std::is_same_v<decltype(VeskTapAgg::lower##SwTableIteratorStateFactory()), \
-                               Nimbo::Ptr<VeskTapAgg::Name##SwTableIteratorState>>);        \
-  static_assert(std::input_iterator<VeskTapAgg::Name##SwTable::EntryIteratorConst>);        \
-  static_assert(std::sentinel_for<std::default_sentinel_t,                                  \
-                                  VeskTapAgg::Name##SwTable::EntryIteratorConst>);
+                               Nimbo::Ptr<VeskTapAgg::Name##SwTableIteratorState>>);       \
+  static_assert(std::input_iterator<VeskTapAgg::Name##SwTable::EntryIteratorConst>);       \
+  static_assert(                                                                           \
+      std::sentinel_for<std::default_sentinel_t, VeskTapAgg::Name##SwTable::EntryIteratorConst>);
 VESK_TAPAGG_TABLES(VESK_TEST_ITERATION_NAMES)
 #undef VESK_TEST_ITERATION_NAMES
 
@@ -66,7 +66,8 @@ class SwTableIterationTest : public ::testing::Test {
     return out;
   }
   static Keys without(Keys all, const Keys& drop) {
-    std::erase_if(all, [&](const Key& k) { return std::find(drop.begin(), drop.end(), k) != drop.end(); });
+    std::erase_if(
+        all, [&](const Key& k) { return std::find(drop.begin(), drop.end(), k) != drop.end(); });
     return all;
   }
   static void commit(Rig& rig, uint32_t from, uint32_t to) {
@@ -168,7 +169,8 @@ TYPED_TEST(SwTableIterationTest, AWalkFromAKeyResumesInTheCollectionThatHoldsIt)
 
   // A key the table does not hold: nothing at all.
   EXPECT_TRUE(rig.table->entryIteratorConst(rig.key(99)).isEnd());
-  EXPECT_EQ(rig.table->initIterStateFromKey(rig.key(99))->state().bits(), uint8_t(Flag::bookmarkSet));
+  EXPECT_EQ(rig.table->initIterStateFromKey(rig.key(99))->state().bits(),
+            uint8_t(Flag::bookmarkSet));
   // A committed key pending removal is a position in the configuration, not an entry.
   const auto logged = T::configOrder(rig);
   const auto removed = std::find(logged.begin(), logged.end(), rig.key(7));
@@ -312,10 +314,9 @@ TEST_F(SwTableIterationSpecialsTest, TracesEachStepWordForWord) {
   const std::string committed = fmt::format("{}", rig.entry(1));
   EXPECT_EQ(traces.texts("SwTableIter"),
             (std::vector<std::string>{"", "  in transientAdd collection",
-                                      "  found entry: " + pending, "  done with transAdd",
-                                      "", "  in cfgShard collection",
-                                      "  found entry: " + committed, "  done with cfgShard",
-                                      "", "  no more entries"}));
+                                      "  found entry: " + pending, "  done with transAdd", "",
+                                      "  in cfgShard collection", "  found entry: " + committed,
+                                      "  done with cfgShard", "", "  no more entries"}));
   EXPECT_EQ(traces.records().front().level, 8u);
   EXPECT_EQ(traces.records()[1].level, 9u);
 

@@ -65,9 +65,9 @@ TEST_F(SwTableSpecialsTest, TracesTheWritePipelineWordForWord) {
 
 // A helper whose failure hook says yes and remembers what it was called with.
 struct FailureRecordingHelper : VeskTapAgg::DefaultFwdTcamEntrySwTableHelperBase {
-  bool finalizeOnFailure(const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamEntryEntryWrapper>& entry,
-                         bool isDelete,
-                         const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamEntrySwTable>& swTable) override {
+  bool finalizeOnFailure(
+      const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamEntryEntryWrapper>& entry, bool isDelete,
+      const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamEntrySwTable>& swTable) override {
     calls.push_back(fmt::format("{} {} {}", entry->key(), isDelete, swTable->unitId()));
     return true;
   }
@@ -118,9 +118,9 @@ TEST_F(SwTableSpecialsTest, AnInvalidStoredVersionStopsTheAgent) {
 
 // A helper that gives every entry whose resources changed a new VLAN.
 struct RetaggingHelper : VeskTapAgg::DefaultFwdTcamActionSwTableHelperBase {
-  bool finalizeOnResourceUpdate(const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamActionEntryWrapper>& entry,
-                                const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamActionSwTable>&,
-                                bool) override {
+  bool finalizeOnResourceUpdate(
+      const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamActionEntryWrapper>& entry,
+      const Nimbo::Ptr<VeskTapAgg::DefaultFwdTcamActionSwTable>&, bool) override {
     auto changed = entry->entry();
     changed.action.vlanId = 4000;
     entry->entryIs(changed);

@@ -28,27 +28,27 @@ void expectExportedFromTheLibrary(const void* factory, const char* name) {
 }
 
 TEST(SwTableFactories, SixPerTableTypeAreExportedAndEachClassHasItsStaticIs) {
-#define VESK_TEST_FACTORIES(Name, lower, ...)                                                 \
-  for (auto [factory, name] :                                                               \
-       {std::pair<const void*, const char*>{(const void*)&VeskTapAgg::lower##SwTableFactory,  \
-                                            #lower "SwTableFactory"},                        \
-        {(const void*)&VeskTapAgg::lower##EntryLogFactory, #lower "EntryLogFactory"},        \
-        {(const void*)&VeskTapAgg::lower##EntryWrapperFactory, #lower "EntryWrapperFactory"}, \
-        {(const void*)&VeskTapAgg::lower##ResolverEntryFactory, #lower "ResolverEntryFactory"}, \
-        {(const void*)&VeskTapAgg::lower##SwTableHelperBaseFactory,                           \
-         #lower "SwTableHelperBaseFactory"},                                                  \
-        {(const void*)&VeskTapAgg::lower##SwTableIteratorStateFactory,                        \
-         #lower "SwTableIteratorStateFactory"}}) {                                            \
-    expectExportedFromTheLibrary(factory, name);                                            \
-  }                                                                                         \
-  static_assert(std::is_same_v<decltype(&VeskTapAgg::Name##SwTable::Name##SwTableIs),        \
-                               decltype(&VeskTapAgg::lower##SwTableFactory)>);               \
-  static_assert(std::is_same_v<decltype(&VeskTapAgg::Name##EntryWrapper::Name##EntryWrapperIs), \
-                               decltype(&VeskTapAgg::lower##EntryWrapperFactory)>);          \
+#define VESK_TEST_FACTORIES(Name, lower, ...)                                                     \
+  for (auto [factory, name] :                                                                     \
+       {std::pair<const void*, const char*>{(const void*)&VeskTapAgg::lower##SwTableFactory,      \
+                                            #lower "SwTableFactory"},                             \
+        {(const void*)&VeskTapAgg::lower##EntryLogFactory, #lower "EntryLogFactory"},             \
+        {(const void*)&VeskTapAgg::lower##EntryWrapperFactory, #lower "EntryWrapperFactory"},     \
+        {(const void*)&VeskTapAgg::lower##ResolverEntryFactory, #lower "ResolverEntryFactory"},   \
+        {(const void*)&VeskTapAgg::lower##SwTableHelperBaseFactory,                               \
+         #lower "SwTableHelperBaseFactory"},                                                      \
+        {(const void*)&VeskTapAgg::lower##SwTableIteratorStateFactory,                            \
+         #lower "SwTableIteratorStateFactory"}}) {                                                \
+    expectExportedFromTheLibrary(factory, name);                                                  \
+  }                                                                                               \
+  static_assert(std::is_same_v<decltype(&VeskTapAgg::Name##SwTable::Name##SwTableIs),             \
+                               decltype(&VeskTapAgg::lower##SwTableFactory)>);                    \
+  static_assert(std::is_same_v<decltype(&VeskTapAgg::Name##EntryWrapper::Name##EntryWrapperIs),   \
+                               decltype(&VeskTapAgg::lower##EntryWrapperFactory)>);               \
   static_assert(std::is_same_v<decltype(&VeskTapAgg::Name##ResolverEntry::Name##ResolverEntryIs), \
-                               decltype(&VeskTapAgg::lower##ResolverEntryFactory)>);         \
-  static_assert(                                                                            \
-      std::is_same_v<decltype(&VeskTapAgg::Name##SwTableHelperBase::Name##SwTableHelperBaseIs), \
+                               decltype(&VeskTapAgg::lower##ResolverEntryFactory)>);              \
+  static_assert(                                                                                  \
+      std::is_same_v<decltype(&VeskTapAgg::Name##SwTableHelperBase::Name##SwTableHelperBaseIs),   \
                      decltype(&VeskTapAgg::lower##SwTableHelperBaseFactory)>);
   VESK_TAPAGG_TABLES(VESK_TEST_FACTORIES)
 #undef VESK_TEST_FACTORIES

@@ -22,12 +22,12 @@ class SwTableRig {
   explicit SwTableRig(Asic::UnitId unit = Asic::UnitId(0)) : unit_(unit) {
     agent.mounted(unit);
     set = Nimbo::make<Asic::OrderedSwTableSet>(Traits::tableId, status);
-    table = Nimbo::make<SwTable>(
-        Nimbo::make<Asic::CanonicalTableName>(Asic::CanonicalTableName::orderedTable,
-                                              "VeskTapAgg.VeskTapAggGroup", "VeskTapAgg",
-                                              Traits::tableName),
-        Traits::tableId, unit, set.ptr(), Nimbo::Ptr<VeskTapAgg::TableEntryLog<Traits>>(&agent.log()),
-        resolver);
+    table =
+        Nimbo::make<SwTable>(Nimbo::make<Asic::CanonicalTableName>(
+                                 Asic::CanonicalTableName::orderedTable,
+                                 "VeskTapAgg.VeskTapAggGroup", "VeskTapAgg", Traits::tableName),
+                             Traits::tableId, unit, set.ptr(),
+                             Nimbo::Ptr<VeskTapAgg::TableEntryLog<Traits>>(&agent.log()), resolver);
     set->swTableIs(table);
   }
 

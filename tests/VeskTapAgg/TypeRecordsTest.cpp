@@ -101,22 +101,50 @@ TYPED_TEST(TypeRecordsTest, EveryClassAnswersWithTheRecordOfItsModule) {
   auto resolverEntry = Nimbo::make<VeskTapAgg::TableResolverEntry<Traits>>(
       nullptr, Asic::EntryFlags::write, rig.table.ptr(), wrapper);
   const std::vector<std::tuple<const Nimbo::Node*, const char*, const char*, Names>> classes = {
-      {rig.table.ptr(), "SwTable", "SwTable",
-       {"canonicalName", "clearTable", "doCreateHwTable", "entryHandleInLog", "entryLog", "entrys",
-        "groupResolver", "handleInitialized", "hasPendingHwWrites", "restoreEntries", "stats",
-        "swTableHelper", "swTableSet", "tableId", "tableStatusVersion", "transientAddEntry",
-        "transientRemoveAllVersion", "transientRemoveEntry", "transientVersionForKey", "unitId"}},
-      {handle.ptr(), "SwTable", "SwTable::EntryHandle",
+      {rig.table.ptr(),
+       "SwTable",
+       "SwTable",
+       {"canonicalName",
+        "clearTable",
+        "doCreateHwTable",
+        "entryHandleInLog",
+        "entryLog",
+        "entrys",
+        "groupResolver",
+        "handleInitialized",
+        "hasPendingHwWrites",
+        "restoreEntries",
+        "stats",
+        "swTableHelper",
+        "swTableSet",
+        "tableId",
+        "tableStatusVersion",
+        "transientAddEntry",
+        "transientRemoveAllVersion",
+        "transientRemoveEntry",
+        "transientVersionForKey",
+        "unitId"}},
+      {handle.ptr(),
+       "SwTable",
+       "SwTable::EntryHandle",
        {"entryState", "entryVersion", "key", "logVersion", "swTable", "tableId", "tableName"}},
-      {wrapper.ptr(), "InfraTypes", "EntryWrapper",
+      {wrapper.ptr(),
+       "InfraTypes",
+       "EntryWrapper",
        {"entry", "entryHandle", "finalizeOnFailure", "finalizeOnSuccess", "key", "logEntry",
         "retrieveClientData", "setResolvedFields"}},
-      {resolverEntry.ptr(), "InfraTypes", "ResolverEntry",
+      {resolverEntry.ptr(),
+       "InfraTypes",
+       "ResolverEntry",
        {"dependency", "entryWrapper", "flags", "isEntryDeleted", "isResolved", "isTableDeleted",
         "swTable"}},
-      {rig.table->swTableHelper().ptr(), "SwTableHelperBase", "SwTableHelperBase",
+      {rig.table->swTableHelper().ptr(),
+       "SwTableHelperBase",
+       "SwTableHelperBase",
        {"finalizeOnFailure", "finalizeOnResourceUpdate", "finalizeOnSuccess"}},
-      {&rig.agent.log(), "EntryLog", "EntryLog",
+      {&rig.agent.log(),
+       "EntryLog",
+       "EntryLog",
        {"agentName", "cleanupEntryLog", "cleanupMark", "entityManager", "entrys",
         "entrysInDeletion", "groupInterface", "mountShardConfig", "tableConfigShard",
         "tableEntryLog", "tableId", "tableVersion"}},
@@ -162,7 +190,8 @@ TYPED_TEST(TypeRecordsTest, TheDispatcherReadsATableAndWalksItsPendingChanges) {
             Value(Nimbo::String("VeskTapAgg.VeskTapAggGroup/VeskTapAgg/") + Traits::tableName));
   EXPECT_EQ(read(table, "entrys"), Value(uint64_t(3)));
   EXPECT_EQ(read(table, "hasPendingHwWrites"), Value(true));
-  EXPECT_EQ(read(table, "transientAddEntry"), Value(uint64_t(3))) << "a collection reads as its size";
+  EXPECT_EQ(read(table, "transientAddEntry"), Value(uint64_t(3)))
+      << "a collection reads as its size";
   EXPECT_EQ(objectIn(read(table, "entryLog")), &rig.agent.log());
 
   // The walk visits the pending writes in the map's own order, each wrapper once.
@@ -170,7 +199,8 @@ TYPED_TEST(TypeRecordsTest, TheDispatcherReadsATableAndWalksItsPendingChanges) {
   for (const auto& [key, wrapper] : rig.table->transientAddEntrys()) {
     expected.emplace_back(Nimbo::String(fmt::format("{}", key)), wrapper.ptr());
   }
-  for (auto it = Kest::genericIfIterator(table, "transientAddEntry"); it.iterNonnull(); it.iterInc()) {
+  for (auto it = Kest::genericIfIterator(table, "transientAddEntry"); it.iterNonnull();
+       it.iterInc()) {
     seen.emplace_back(it.iterKey(), objectIn(it.iterObj()));
     const Nimbo::Ptr<Nimbo::Node> wrapper = nodeIn(it.iterObj());
     EXPECT_EQ(read(wrapper, "key"), it.iterKey());
@@ -184,7 +214,8 @@ TYPED_TEST(TypeRecordsTest, TheDispatcherReadsATableAndWalksItsPendingChanges) {
   std::vector<Value> indices;
   std::vector<const Nimbo::Node*> queued;
   Nimbo::Ptr<Nimbo::Node> last;
-  for (auto it = Kest::genericIfIterator(table, "entryHandleInLog"); it.iterNonnull(); it.iterInc()) {
+  for (auto it = Kest::genericIfIterator(table, "entryHandleInLog"); it.iterNonnull();
+       it.iterInc()) {
     indices.push_back(it.iterKey());
     last = nodeIn(it.iterObj());
     queued.push_back(last.ptr());
@@ -227,9 +258,9 @@ TYPED_TEST(TypeRecordsTest, TheDispatcherChangesATableOnlyThroughItsOwnOperation
   EXPECT_EQ(static_cast<const Nimbo::Node*>(rig.table->swTableHelper().ptr()), helper.ptr());
 
   // Refusals name the class and the attribute, and change nothing.
-  EXPECT_EQ(refusal("swTableHelper", InspectOp::write, {Nimbo::Ptr<Nimbo::Node>(&rig.agent.log())}),
-            name + ".swTableHelper: an object of class " + this->name("EntryLog") +
-                " does not fit here");
+  EXPECT_EQ(
+      refusal("swTableHelper", InspectOp::write, {Nimbo::Ptr<Nimbo::Node>(&rig.agent.log())}),
+      name + ".swTableHelper: an object of class " + this->name("EntryLog") + " does not fit here");
   EXPECT_EQ(static_cast<const Nimbo::Node*>(rig.table->swTableHelper().ptr()), helper.ptr());
   EXPECT_EQ(refusal("entrs", InspectOp::read, {}), name + " has no attribute \"entrs\"");
   EXPECT_THROW(Kest::inspectOperation(*table, "entrs", InspectOp::read),
@@ -238,7 +269,8 @@ TYPED_TEST(TypeRecordsTest, TheDispatcherChangesATableOnlyThroughItsOwnOperation
             name + ".tableId: cannot be written (value)");
   EXPECT_EQ(refusal("clearTable", InspectOp::call, {uint64_t(1)}),
             name + ".clearTable: expected a flag, got a number");
-  EXPECT_EQ(refusal("clearTable", InspectOp::read, {}), name + ".clearTable: cannot be read (operation)");
+  EXPECT_EQ(refusal("clearTable", InspectOp::read, {}),
+            name + ".clearTable: cannot be read (operation)");
   EXPECT_EQ(read(table, "tableId"), Value(uint64_t(Traits::tableId.value())));
 
   // A walk deletes a pending write through the table's own delete; the rest stay.
@@ -271,14 +303,14 @@ TYPED_TEST(TypeRecordsTest, TheChangeObjectsShowTheirEntryAndTheirTable) {
   auto handle = rig.write(4, 2);
   const Nimbo::Ptr<Nimbo::Node> wrapper = rig.table->transientAddEntry(rig.key(4));
   const Nimbo::Ptr<Nimbo::Node> resolverEntry = Nimbo::make<VeskTapAgg::TableResolverEntry<Traits>>(
-      nullptr, Asic::EntryFlags::remove, rig.table.ptr(),
-      rig.table->transientAddEntry(rig.key(4)));
+      nullptr, Asic::EntryFlags::remove, rig.table.ptr(), rig.table->transientAddEntry(rig.key(4)));
 
   EXPECT_EQ(read(wrapper, "entry"), Value(Nimbo::String(fmt::format("{}", rig.entry(4, 2)))));
   EXPECT_EQ(read(wrapper, "logEntry"),
             Value(Nimbo::String(fmt::format("{}", VeskTapAgg::logEntryOf(rig.entry(4, 2))))));
   EXPECT_EQ(objectIn(read(wrapper, "entryHandle")), handle.ptr());
-  EXPECT_EQ(read(nodeIn(read(wrapper, "entryHandle")), "entryVersion"), Value(Nimbo::String("0.0")));
+  EXPECT_EQ(read(nodeIn(read(wrapper, "entryHandle")), "entryVersion"),
+            Value(Nimbo::String("0.0")));
 
   EXPECT_EQ(read(resolverEntry, "flags"), Value(uint64_t(Asic::EntryFlags::remove)));
   EXPECT_EQ(read(resolverEntry, "isEntryDeleted"), Value(true));
@@ -360,7 +392,8 @@ TYPED_TEST(TypeRecordsTest, TheFrameworkWalksATableThroughItsStateAndReadsItsSna
   EXPECT_EQ(read(node, "tableEntries"), Value(uint64_t(3)));
   std::map<std::string, std::string> walked;
   for (auto it = Kest::genericIfIterator(node, "tableEntries"); it.iterNonnull(); it.iterInc()) {
-    walked[std::string(std::get<Nimbo::String>(it.iterKey()))] = std::get<Nimbo::String>(it.iterObj());
+    walked[std::string(std::get<Nimbo::String>(it.iterKey()))] =
+        std::get<Nimbo::String>(it.iterObj());
   }
   std::map<std::string, std::string> expected;
   for (uint32_t n = 1; n <= 3; ++n) expected[text(rig.key(n))] = text(rig.entry(n));

@@ -30,7 +30,8 @@ class Vesktap {
  public:
   explicit Vesktap(std::vector<std::string> args) {
     static int counter = 0;
-    const std::string base = "/tmp/vesk-cli-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
+    const std::string base =
+        "/tmp/vesk-cli-" + std::to_string(getpid()) + "-" + std::to_string(counter++);
     outPath_ = base + ".out";
     errPath_ = base + ".err";
     pid_ = fork();

@@ -27,7 +27,6 @@ using Json = nlohmann::json;
 // Every case on its own shared-memory root, inherited by the programs it starts.
 class CliTest : public ::testing::Test {
  protected:
-
   std::string workloadFile(const std::vector<Change>& changes) {
     const std::string path = root_ + "/workload.txt";
     std::ofstream file(path);
@@ -67,14 +66,15 @@ class CliTest : public ::testing::Test {
 
 // What `show` lists for a table after `changes`: per unit, formatted key -> formatted entry.
 template <class Traits>
-std::map<uint16_t, std::map<std::string, std::string>> expectedEntries(const std::vector<Change>& changes,
-                                                                      size_t table) {
+std::map<uint16_t, std::map<std::string, std::string>> expectedEntries(
+    const std::vector<Change>& changes, size_t table) {
   ExpectedState state(kTableCount);
   for (const Change& c : changes) state.apply(c);
   std::map<uint16_t, std::map<std::string, std::string>> units;
   for (const auto& [slot, variant] : state.entries(table)) {
     const auto entry = logEntryOf<Traits>(uint32_t(slot), variant);
-    units[uint16_t(slot >> 32)][fmt::format("{}", entry.key())] = fmt::format("{}", VeskTapAgg::entryOf(entry));
+    units[uint16_t(slot >> 32)][fmt::format("{}", entry.key())] =
+        fmt::format("{}", VeskTapAgg::entryOf(entry));
   }
   return units;
 }
@@ -126,20 +126,24 @@ TEST_F(CliTest, ShowReadsBackWhatTheAgentWroteAndThatTheHardwareAgrees) {
       changes.push_back({ChangeKind::write, uint8_t(second), unit, k, uint16_t(k + 1)});
     }
   }
-  for (uint32_t k = 0; k < 40; k += 3) changes.push_back({ChangeKind::remove, uint8_t(second), 0, k, 0});
-  for (uint32_t k = 0; k < 40; k += 5) changes.push_back({ChangeKind::write, uint8_t(second), 1, k, 999});
+  for (uint32_t k = 0; k < 40; k += 3)
+    changes.push_back({ChangeKind::remove, uint8_t(second), 0, k, 0});
+  for (uint32_t k = 0; k < 40; k += 5)
+    changes.push_back({ChangeKind::write, uint8_t(second), 1, k, 999});
   changes.push_back({ChangeKind::removeAll, uint8_t(first), 1, 0, 0});
-  for (uint32_t k = 100; k < 104; ++k) changes.push_back({ChangeKind::write, uint8_t(first), 1, k, 7});
+  for (uint32_t k = 100; k < 104; ++k)
+    changes.push_back({ChangeKind::write, uint8_t(first), 1, k, 7});
 
-  const auto agent = run({"agent", "--units", "0", "1", "--workload", workloadFile(changes), "--no-wait",
-                          "--progress-ms", "0"});
+  const auto agent = run({"agent", "--units", "0", "1", "--workload", workloadFile(changes),
+                          "--no-wait", "--progress-ms", "0"});
   ASSERT_EQ(agent.code, 0) << agent.out << agent.err;
 
   Json shown = showJson({"--entries"});
   forEachTable([&]<class Traits>(size_t t) {
     const Json& table = tableIn(shown, Traits::tableName);
     if (t != first && t != second) {
-      for (const auto& [unit, entries] : shownEntries(table)) EXPECT_TRUE(entries.empty()) << Traits::tableName;
+      for (const auto& [unit, entries] : shownEntries(table))
+        EXPECT_TRUE(entries.empty()) << Traits::tableName;
       return;
     }
     EXPECT_EQ(shownEntries(table), expectedEntries<Traits>(changes, t)) << Traits::tableName;
@@ -162,17 +166,19 @@ TEST_F(CliTest, ShowReadsBackWhatTheAgentWroteAndThatTheHardwareAgrees) {
       EXPECT_EQ(u["tcamLines"], u["liveEntries"]) << u;
       newestApplied = std::max<uint64_t>(newestApplied, u["tcamAppliedVersion"]);
     }
-    EXPECT_EQ(newestApplied, table["changeLog"]["tableVersion"]) << "the TCAM of the last change's unit";
+    EXPECT_EQ(newestApplied, table["changeLog"]["tableVersion"])
+        << "the TCAM of the last change's unit";
   }
 }
 
 TEST_F(CliTest, EveryChangeIsConfirmedIncludingRemoveAllsWhichHaveNoAnswerOfTheirOwn) {
   Vesktap hw({"hw"});
-  Vesktap agent({"agent", "--units", "0", "1", "--keys", "50", "--changes", "3000", "--remove-all-every", "40",
-                 "--progress-ms", "0"});
+  Vesktap agent({"agent", "--units", "0", "1", "--keys", "50", "--changes", "3000",
+                 "--remove-all-every", "40", "--progress-ms", "0"});
   ASSERT_TRUE(agent.awaitOutput("total: ")) << agent.out() << agent.err();
   EXPECT_EQ(agent.wait(), 0) << agent.err();
-  EXPECT_NE(agent.out().find("total: 3000 accepted, 3000 committed, 3000 confirmed"), std::string::npos)
+  EXPECT_NE(agent.out().find("total: 3000 accepted, 3000 committed, 3000 confirmed"),
+            std::string::npos)
       << agent.out();
   hw.signal(SIGTERM);
   EXPECT_EQ(hw.wait(), 0) << hw.err();
@@ -184,16 +190,20 @@ TEST_F(CliTest, ARemoveAllIsConfirmedWhenItLogsNothingOrComesFirst) {
   Vesktap hw({"hw"});
   const std::vector<std::vector<std::string>> runs = {
       {"removeAll DefaultFwdTcamAction 1"},  // the first change on a fresh root
-      {"write DefaultFwdTcamAction 0 1 1", "removeAll DefaultFwdTcamAction 1"},  // unit 1 holds nothing
+      {"write DefaultFwdTcamAction 0 1 1",
+       "removeAll DefaultFwdTcamAction 1"},  // unit 1 holds nothing
       {"removeAll DefaultFwdTcamAction 1"},  // nothing to remove, every earlier change taken
-      {"removeAll DefaultFwdTcamAction 0", "removeAll DefaultFwdTcamAction 0"},  // the second empties nothing
+      {"removeAll DefaultFwdTcamAction 0",
+       "removeAll DefaultFwdTcamAction 0"},  // the second empties nothing
   };
   for (const auto& changes : runs) {
     const std::string what = fmt::format("{}", fmt::join(changes, "; "));
-    Vesktap agent({"agent", "--units", "0", "1", "--workload", textFile("changes.txt", changes), "--progress-ms", "0"});
+    Vesktap agent({"agent", "--units", "0", "1", "--workload", textFile("changes.txt", changes),
+                   "--progress-ms", "0"});
     ASSERT_TRUE(agent.awaitOutput("total: ")) << what << ": " << agent.out() << agent.err();
     EXPECT_EQ(agent.wait(), 0) << what << ": " << agent.err();
-    EXPECT_NE(agent.out().find(fmt::format("total: {0} accepted, {0} committed, {0} confirmed", changes.size())),
+    EXPECT_NE(agent.out().find(
+                  fmt::format("total: {0} accepted, {0} committed, {0} confirmed", changes.size())),
               std::string::npos)
         << what << ": " << agent.out();
   }
@@ -202,31 +212,40 @@ TEST_F(CliTest, ARemoveAllIsConfirmedWhenItLogsNothingOrComesFirst) {
 }
 
 TEST_F(CliTest, AnAgentWithoutAHardwareSideSaysSoOnceAndWaitsWithoutUsingTheCpu) {
-  Vesktap agent({"agent", "--units", "0", "--tables", "ServicePolicyV4TcamEntry", "--keys", "50", "--changes", "100",
-                 "--progress-ms", "20"});
-  ASSERT_TRUE(agent.awaitOutput("agent: no hardware side is taking changes: ")) << agent.out() << agent.err();
+  Vesktap agent({"agent", "--units", "0", "--tables", "ServicePolicyV4TcamEntry", "--keys", "50",
+                 "--changes", "100", "--progress-ms", "20"});
+  ASSERT_TRUE(agent.awaitOutput("agent: no hardware side is taking changes: "))
+      << agent.out() << agent.err();
   EXPECT_LT(cpuSecondsOverASecond(agent), 0.1);
   const std::string waiting = agent.out();
-  EXPECT_NE(waiting.find(" committed changes of ServicePolicyV4TcamEntry wait since "), std::string::npos) << waiting;
+  EXPECT_NE(waiting.find(" committed changes of ServicePolicyV4TcamEntry wait since "),
+            std::string::npos)
+      << waiting;
   EXPECT_NE(waiting.find("start `vesktap hw`"), std::string::npos) << waiting;
   EXPECT_EQ(occurrences(waiting, "no hardware side"), 1u) << waiting;
-  EXPECT_LE(occurrences(waiting, "progress: "), 2u) << "a line when it moved, not at every tick: " << waiting;
+  EXPECT_LE(occurrences(waiting, "progress: "), 2u)
+      << "a line when it moved, not at every tick: " << waiting;
 
   // A hardware side ends the wait, and the agent says so.
   Vesktap hw({"hw"});
   ASSERT_TRUE(agent.awaitOutput("total: ")) << agent.out() << agent.err();
   EXPECT_EQ(agent.wait(), 0) << agent.err();
-  EXPECT_NE(agent.out().find("agent: a hardware side is taking changes now"), std::string::npos) << agent.out();
-  EXPECT_NE(agent.out().find("total: 100 accepted, 100 committed, 100 confirmed"), std::string::npos) << agent.out();
+  EXPECT_NE(agent.out().find("agent: a hardware side is taking changes now"), std::string::npos)
+      << agent.out();
+  EXPECT_NE(agent.out().find("total: 100 accepted, 100 committed, 100 confirmed"),
+            std::string::npos)
+      << agent.out();
   hw.signal(SIGTERM);
   EXPECT_EQ(hw.wait(), 0) << hw.err();
 
   // Asked to, an agent gives up instead, in one line.
-  const auto gaveUp = run({"agent", "--units", "0", "--tables", "ServicePolicyV4TcamEntry", "--keys", "50", "--seed",
-                           "7", "--changes", "100", "--progress-ms", "0", "--give-up-ms", "300"});
+  const auto gaveUp =
+      run({"agent", "--units", "0", "--tables", "ServicePolicyV4TcamEntry", "--keys", "50",
+           "--seed", "7", "--changes", "100", "--progress-ms", "0", "--give-up-ms", "300"});
   EXPECT_EQ(gaveUp.code, 1);
   EXPECT_EQ(lines(gaveUp.err), 1u) << gaveUp.err;
-  EXPECT_NE(gaveUp.err.find("gave up after 300 ms without a hardware side taking changes"), std::string::npos)
+  EXPECT_NE(gaveUp.err.find("gave up after 300 ms without a hardware side taking changes"),
+            std::string::npos)
       << gaveUp.err;
   EXPECT_NE(gaveUp.out.find("(gave up waiting)"), std::string::npos) << gaveUp.out;
 }
@@ -243,26 +262,31 @@ TEST_F(CliTest, AFullChangeLogIsToldOnceAndWaitedForWithoutUsingTheCpuAndNothing
   {
     std::ofstream file(path);
     for (int unit = 0; unit < 16; ++unit) {
-      for (int key = 0; key < 62500; ++key) file << "write DefaultFwdTcamAction " << unit << " " << key << " 1\n";
+      for (int key = 0; key < 62500; ++key)
+        file << "write DefaultFwdTcamAction " << unit << " " << key << " 1\n";
     }
     for (int key = 0; key < 100; ++key) file << "write DefaultFwdTcamAction 16 " << key << " 2\n";
   }
-  std::vector<std::string> args{"agent", "--workload", path, "--no-wait", "--no-verify", "--progress-ms", "0",
-                                "--units"};
+  std::vector<std::string> args{"agent",       "--workload",    path, "--no-wait",
+                                "--no-verify", "--progress-ms", "0",  "--units"};
   for (int unit = 0; unit <= 16; ++unit) args.push_back(std::to_string(unit));
   Vesktap agent(args);
-  ASSERT_TRUE(agent.awaitOutput("agent: change log of DefaultFwdTcamAction is full: ", 100)) << agent.out() << agent.err();
+  ASSERT_TRUE(agent.awaitOutput("agent: change log of DefaultFwdTcamAction is full: ", 100))
+      << agent.out() << agent.err();
   EXPECT_LT(cpuSecondsOverASecond(agent), 0.1);
   const std::string full = agent.out();
-  EXPECT_NE(full.find("1000000 changes the hardware side has not taken"), std::string::npos) << full;
-  EXPECT_NE(full.find("holding 100 changes back, nothing is lost; waiting for the hardware side"), std::string::npos)
+  EXPECT_NE(full.find("1000000 changes the hardware side has not taken"), std::string::npos)
+      << full;
+  EXPECT_NE(full.find("holding 100 changes back, nothing is lost; waiting for the hardware side"),
+            std::string::npos)
       << full;
   EXPECT_EQ(occurrences(full, " is full"), 1u) << full;
 
   Vesktap hw({"hw"});
   ASSERT_TRUE(agent.awaitOutput("total: ", 100)) << agent.out() << agent.err();
   EXPECT_EQ(agent.wait(), 0) << agent.err();
-  EXPECT_NE(agent.out().find("total: 1000100 accepted, 1000100 committed"), std::string::npos) << agent.out();
+  EXPECT_NE(agent.out().find("total: 1000100 accepted, 1000100 committed"), std::string::npos)
+      << agent.out();
   hw.signal(SIGTERM);
   EXPECT_EQ(hw.wait(), 0) << hw.err();
   const Json shown = showJson({"--table", "DefaultFwdTcamAction", "--unit", "16"});
@@ -272,8 +296,8 @@ TEST_F(CliTest, AFullChangeLogIsToldOnceAndWaitedForWithoutUsingTheCpuAndNothing
 TEST_F(CliTest, AHardwareSideThatCannotUseATcamSaysWhichFileAndStops) {
   const auto write = [&](const std::string& key) {
     const auto agent = run({"agent", "--units", "0", "--workload",
-                            textFile("changes.txt", {"write DefaultFwdTcamAction 0 " + key + " 1"}), "--no-wait",
-                            "--progress-ms", "0"});
+                            textFile("changes.txt", {"write DefaultFwdTcamAction 0 " + key + " 1"}),
+                            "--no-wait", "--progress-ms", "0"});
     ASSERT_EQ(agent.code, 0) << agent.err;
   };
   write("1");
@@ -289,7 +313,8 @@ TEST_F(CliTest, AHardwareSideThatCannotUseATcamSaysWhichFileAndStops) {
     const auto hw = run({"hw", "--exit-when-idle", "300"});
     EXPECT_EQ(hw.code, 1) << what;
     EXPECT_EQ(lines(hw.err), 1u) << what << ": " << hw.err;
-    EXPECT_NE(hw.err.find("cannot use the TCAM of DefaultFwdTcamAction unit 0"), std::string::npos) << hw.err;
+    EXPECT_NE(hw.err.find("cannot use the TCAM of DefaultFwdTcamAction unit 0"), std::string::npos)
+        << hw.err;
     EXPECT_NE(hw.err.find(tcam), std::string::npos) << hw.err;
     EXPECT_NE(hw.err.find("remove that file"), std::string::npos) << hw.err;
   };
@@ -307,13 +332,14 @@ TEST_F(CliTest, AHardwareSideThatCannotUseATcamSaysWhichFileAndStops) {
 }
 
 TEST_F(CliTest, AHardwareSideThatCannotReadAChangeSaysWhichAndHowToMendIt) {
-  ASSERT_EQ(run({"agent", "--units", "0", "--tables", "DefaultFwdTcamAction", "--keys", "1000", "--changes", "1000",
-                 "--no-wait", "--progress-ms", "0"})
+  ASSERT_EQ(run({"agent", "--units", "0", "--tables", "DefaultFwdTcamAction", "--keys", "1000",
+                 "--changes", "1000", "--no-wait", "--progress-ms", "0"})
                 .code,
             0);
   // Damage records in the middle of the change log: the hardware side cannot go past them.
-  const std::string log =
-      root_ + "/local/VeskTapAgg/VeskTapAgg.VeskTapAggGroup/VeskTapAgg/DefaultFwdTcamAction/entryLog/entryLogConfig";
+  const std::string log = root_ +
+                          "/local/VeskTapAgg/VeskTapAgg.VeskTapAggGroup/VeskTapAgg/"
+                          "DefaultFwdTcamAction/entryLog/entryLogConfig";
   {
     std::fstream file(log, std::ios::in | std::ios::out | std::ios::binary);
     std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
@@ -325,14 +351,17 @@ TEST_F(CliTest, AHardwareSideThatCannotReadAChangeSaysWhichAndHowToMendIt) {
   const auto stuck = run({"hw", "--exit-when-idle", "300"});
   EXPECT_EQ(stuck.code, 1);
   EXPECT_EQ(lines(stuck.err), 1u) << stuck.err;
-  EXPECT_NE(stuck.err.find("the hardware side stopped idle without applying change "), std::string::npos) << stuck.err;
+  EXPECT_NE(stuck.err.find("the hardware side stopped idle without applying change "),
+            std::string::npos)
+      << stuck.err;
   EXPECT_NE(stuck.err.find("of DefaultFwdTcamAction"), std::string::npos) << stuck.err;
 
   // It names the file, and what it says to do mends it.
   EXPECT_NE(stuck.err.find(log), std::string::npos) << stuck.err;
   EXPECT_NE(stuck.err.find("stop the agent, delete "), std::string::npos) << stuck.err;
   std::filesystem::remove(log);
-  ASSERT_EQ(run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--progress-ms", "0"}).code, 0);
+  ASSERT_EQ(
+      run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--progress-ms", "0"}).code, 0);
   const auto mended = run({"hw", "--exit-when-idle", "300"});
   EXPECT_EQ(mended.code, 0) << mended.err;
   const Json unit = tableIn(showJson(), "DefaultFwdTcamAction")["units"][0];
@@ -341,22 +370,26 @@ TEST_F(CliTest, AHardwareSideThatCannotReadAChangeSaysWhichAndHowToMendIt) {
 }
 
 TEST_F(CliTest, WhatTheSystemLogIsToldTheOperatorSeesOnStderr) {
-  ASSERT_EQ(run({"agent", "--units", "0", "--changes", "50", "--no-wait", "--progress-ms", "0"}).code, 0);
+  ASSERT_EQ(
+      run({"agent", "--units", "0", "--changes", "50", "--no-wait", "--progress-ms", "0"}).code, 0);
   // Damage the header of a unit's configuration: the next agent wipes and rebuilds it,
   // and tells the system log, which an operator without a syslog reader never sees.
-  const std::string config =
-      root_ + "/local/VeskTapAgg/VeskTapAgg.VeskTapAggGroup/VeskTapAgg/DefaultFwdTcamAction/config/0/swTableEntries";
+  const std::string config = root_ +
+                             "/local/VeskTapAgg/VeskTapAgg.VeskTapAggGroup/VeskTapAgg/"
+                             "DefaultFwdTcamAction/config/0/swTableEntries";
   ASSERT_TRUE(std::filesystem::is_regular_file(config));
   {
     std::fstream file(config, std::ios::in | std::ios::out | std::ios::binary);
     file.write(std::string(64, '\xff').data(), 64);
   }
   setenv("VESK_LOG_STDERR", "1", 1);
-  const auto restart = run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--progress-ms", "0"});
+  const auto restart =
+      run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--progress-ms", "0"});
   unsetenv("VESK_LOG_STDERR");
   EXPECT_EQ(restart.code, 0) << restart.err;
-  EXPECT_NE(restart.err.find("vesktap: %HW_ABSTRACTION_ERROR: Hardware abstraction error: unable to load item: "
-                             "entryCfg::DefaultFwdTcamAction"),
+  EXPECT_NE(restart.err.find(
+                "vesktap: %HW_ABSTRACTION_ERROR: Hardware abstraction error: unable to load item: "
+                "entryCfg::DefaultFwdTcamAction"),
             std::string::npos)
       << restart.err;
 }
@@ -364,8 +397,8 @@ TEST_F(CliTest, WhatTheSystemLogIsToldTheOperatorSeesOnStderr) {
 TEST_F(CliTest, ASecondAgentIsRefusedAndTheFirstStopsCleanlyOnSigterm) {
   // No hardware side: the first agent commits a window of changes and then waits for
   // answers that never come.
-  Vesktap agent({"agent", "--units", "0", "--tables", "ServicePolicyMacTcamEntry", "--keys", "500", "--changes", "3000",
-                 "--progress-ms", "20"});
+  Vesktap agent({"agent", "--units", "0", "--tables", "ServicePolicyMacTcamEntry", "--keys", "500",
+                 "--changes", "3000", "--progress-ms", "20"});
   ASSERT_TRUE(agent.awaitOutput("progress: ")) << agent.out() << agent.err();
 
   const auto second = run({"agent", "--units", "0", "--changes", "10", "--no-wait"});
@@ -384,15 +417,16 @@ TEST_F(CliTest, ASecondAgentIsRefusedAndTheFirstStopsCleanlyOnSigterm) {
   const uint64_t live = table["units"][0]["liveEntries"];
   EXPECT_GT(live, 0u);
   const std::string report = root_ + "/report.json";
-  const auto restart = run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--report-json", report});
+  const auto restart =
+      run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--report-json", report});
   ASSERT_EQ(restart.code, 0) << restart.err;
   std::ifstream in(report);
   EXPECT_EQ(Json::parse(in)["restoredEntries"], live);
 }
 
 TEST_F(CliTest, AHardwareSideKilledAndRestartedResumesWithoutApplyingAnythingTwice) {
-  const auto agent = run({"agent", "--units", "0", "--tables", "DefaultFwdTcamEntry", "--keys", "2000",
-                          "--changes", "6000", "--no-wait", "--progress-ms", "0"});
+  const auto agent = run({"agent", "--units", "0", "--tables", "DefaultFwdTcamEntry", "--keys",
+                          "2000", "--changes", "6000", "--no-wait", "--progress-ms", "0"});
   ASSERT_EQ(agent.code, 0) << agent.err;
   const uint64_t logged = tableIn(showJson(), "DefaultFwdTcamEntry")["changeLog"]["tableVersion"];
   ASSERT_GT(logged, 5000u);
@@ -409,8 +443,10 @@ TEST_F(CliTest, AHardwareSideKilledAndRestartedResumesWithoutApplyingAnythingTwi
 
   const auto resumed = run({"hw", "--exit-when-idle", "300"});
   ASSERT_EQ(resumed.code, 0) << resumed.err;
-  EXPECT_EQ(resumed.out.rfind(fmt::format("hw: resuming after versions 0 {} 0 0", taken), 0), 0u) << resumed.out;
-  EXPECT_NE(resumed.out.find(fmt::format("hw: {} changes applied", logged - taken)), std::string::npos)
+  EXPECT_EQ(resumed.out.rfind(fmt::format("hw: resuming after versions 0 {} 0 0", taken), 0), 0u)
+      << resumed.out;
+  EXPECT_NE(resumed.out.find(fmt::format("hw: {} changes applied", logged - taken)),
+            std::string::npos)
       << resumed.out;
 
   const Json shown = showJson();
@@ -423,9 +459,11 @@ TEST_F(CliTest, AHardwareSideKilledAndRestartedResumesWithoutApplyingAnythingTwi
 // --- Bad input: one clear line, exit 2 for a usage error, 1 for anything else ---
 
 TEST_F(CliTest, BadInputIsOneClearLineAndANonZeroExit) {
-  const std::string badWorkload = textFile("changes.txt", {"write DefaultFwdTcamEntry 0 1", "write Foo 0 1"});
-  const std::string longLine =
-      textFile("long.txt", {"write DefaultFwdTcamEntry 0 1", "write DefaultFwdTcamEntry 0 " + std::string(5000, '1')});
+  const std::string badWorkload =
+      textFile("changes.txt", {"write DefaultFwdTcamEntry 0 1", "write Foo 0 1"});
+  const std::string longLine = textFile(
+      "long.txt",
+      {"write DefaultFwdTcamEntry 0 1", "write DefaultFwdTcamEntry 0 " + std::string(5000, '1')});
   const std::string longToken = textFile("token.txt", {"write " + std::string(1000, 'T') + " 0 1"});
   const std::string hugeName(100000, 'x');  // about as long as one argument may be
   const struct {
@@ -434,14 +472,24 @@ TEST_F(CliTest, BadInputIsOneClearLineAndANonZeroExit) {
     int code;
   } cases[] = {
       {{"agent", "--tables", "Foo"}, "--tables: unknown table 'Foo'", 2},
-      {{"agent", "--tables", hugeName}, "--tables: unknown table '" + std::string(40, 'x') + "...'", 2},
+      {{"agent", "--tables", hugeName},
+       "--tables: unknown table '" + std::string(40, 'x') + "...'",
+       2},
       {{"agent", "--units", "70000"}, "--units: '70000' is not a whole number from 0 to 65535", 2},
-      {{"agent", "--changes", "-5"}, "--changes: '-5' is not a whole number from 0 to 100000000", 2},
-      {{"agent", "--changes", "99999999999"}, "'99999999999' is not a whole number from 0 to 100000000", 2},
+      {{"agent", "--changes", "-5"},
+       "--changes: '-5' is not a whole number from 0 to 100000000",
+       2},
+      {{"agent", "--changes", "99999999999"},
+       "'99999999999' is not a whole number from 0 to 100000000",
+       2},
       {{"agent", "--keys", "0"}, "--keys: '0' is not a whole number from 1 to 65536", 2},
       {{"agent", "--window", "1e3"}, "--window: '1e3' is not a whole number", 2},
-      {{"agent", "--seed", "-1", "--changes", "10", "--no-wait"}, "--seed: '-1' is not a whole number", 2},
-      {{"agent", "--progress-ms", hugeName}, "--progress-ms: '" + std::string(40, 'x') + "...' is not a whole number", 2},
+      {{"agent", "--seed", "-1", "--changes", "10", "--no-wait"},
+       "--seed: '-1' is not a whole number",
+       2},
+      {{"agent", "--progress-ms", hugeName},
+       "--progress-ms: '" + std::string(40, 'x') + "...' is not a whole number",
+       2},
       {{"agent", "--frobnicate"}, "--frobnicate", 2},
       {{"hw", "--rate", "-5"}, "--rate: '-5' is not a whole number from 0 to 1000000000", 2},
       {{"hw", "--delay", "-1"}, "--delay: '-1' is not a whole number", 2},
@@ -452,13 +500,17 @@ TEST_F(CliTest, BadInputIsOneClearLineAndANonZeroExit) {
       {{}, "A subcommand is required", 2},
       {{"agent", "--workload", root_ + "/missing"}, "missing", 2},
       {{"agent", "--changes", "10", "--no-wait", "--report-json", root_},
-       "--report-json: cannot write the report to " + root_ + ": Is a directory", 2},
+       "--report-json: cannot write the report to " + root_ + ": Is a directory",
+       2},
       {{"agent", "--changes", "10", "--no-wait", "--report-json", "/proc/vesk/report.json"},
-       "cannot write the report to /proc/vesk/report.json", 2},
+       "cannot write the report to /proc/vesk/report.json",
+       2},
       {{"agent", "--workload", badWorkload}, badWorkload + ":2: unknown table 'Foo'", 1},
       {{"agent", "--workload", "/dev/zero"}, "/dev/zero: not a regular file", 1},
       {{"agent", "--workload", longLine}, longLine + ":2: line longer than 1024 characters", 1},
-      {{"agent", "--workload", longToken}, longToken + ":1: unknown table '" + std::string(40, 'T') + "...'", 1},
+      {{"agent", "--workload", longToken},
+       longToken + ":1: unknown table '" + std::string(40, 'T') + "...'",
+       1},
       {{"show"}, "no agent's shared memory at " + root_, 1},
   };
   for (const auto& c : cases) {
@@ -473,12 +525,15 @@ TEST_F(CliTest, BadInputIsOneClearLineAndANonZeroExit) {
   EXPECT_FALSE(std::filesystem::exists(root_ + "/local"));
 
   // A report that cannot be written when the run ends is an error too.
-  const auto full = run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--report-json", "/dev/full"});
+  const auto full =
+      run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--report-json", "/dev/full"});
   EXPECT_EQ(full.code, 1);
   EXPECT_EQ(lines(full.err), 1u) << full.err;
-  EXPECT_NE(full.err.find("cannot write the report to /dev/full: No space left on device"), std::string::npos)
+  EXPECT_NE(full.err.find("cannot write the report to /dev/full: No space left on device"),
+            std::string::npos)
       << full.err;
-  EXPECT_NE(full.out.find("total: 0 accepted"), std::string::npos) << "the run itself is reported: " << full.out;
+  EXPECT_NE(full.out.find("total: 0 accepted"), std::string::npos)
+      << "the run itself is reported: " << full.out;
 
   setenv("VESK_SHM_ROOT", "/proc/vesk", 1);
   const auto unwritable = run({"agent", "--changes", "1", "--no-wait"});

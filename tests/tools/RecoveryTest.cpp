@@ -24,11 +24,10 @@ constexpr const char* kTable = "DefaultFwdTcamAction";
 
 class RecoveryTest : public ::testing::Test {
  protected:
-
   // The agent on unit 0 of the table, without a hardware side: commits and stops.
   void agent(const std::string& changes, const std::string& seed) {
-    const auto r = run({"agent", "--units", "0", "--tables", kTable, "--keys", "40", "--changes", changes,
-                        "--seed", seed, "--no-wait", "--progress-ms", "0"});
+    const auto r = run({"agent", "--units", "0", "--tables", kTable, "--keys", "40", "--changes",
+                        changes, "--seed", seed, "--no-wait", "--progress-ms", "0"});
     ASSERT_EQ(r.code, 0) << r.err;
   }
   void hardwareUntilIdle() {
@@ -43,7 +42,8 @@ class RecoveryTest : public ::testing::Test {
   std::filesystem::path segment(const std::string& endsWith) const {
     for (const auto& f : std::filesystem::recursive_directory_iterator(root_.path())) {
       const std::string path = f.path().string();
-      if (f.is_regular_file() && path.ends_with(endsWith) && path.find("/.namespace/") == std::string::npos) {
+      if (f.is_regular_file() && path.ends_with(endsWith) &&
+          path.find("/.namespace/") == std::string::npos) {
         return f.path();
       }
     }
@@ -80,8 +80,8 @@ TEST_F(RecoveryTest, ALostChangeLogIsRebuiltFromTheConfigurationAboveWhatTheHard
   expectHardwareHoldsTheConfiguration();
   // And the agent goes on: new changes are confirmed once applied.
   VeskTest::Vesktap hw({"hw"});
-  const auto more = run({"agent", "--units", "0", "--tables", kTable, "--keys", "40", "--changes", "20",
-                         "--seed", "4", "--progress-ms", "0"});
+  const auto more = run({"agent", "--units", "0", "--tables", kTable, "--keys", "40", "--changes",
+                         "20", "--seed", "4", "--progress-ms", "0"});
   EXPECT_EQ(more.code, 0) << more.err;
   hw.signal(SIGTERM);
   hw.wait();
@@ -121,8 +121,7 @@ TEST_F(RecoveryTest, ADamagedTcamIndexIsReportedAndRebuiltByTheHardwareSide) {
   agent("60", "1");
   hardwareUntilIdle();
   {
-    std::fstream tcam(tableSegment("tcam/0/tcam"),
-                      std::ios::in | std::ios::out | std::ios::binary);
+    std::fstream tcam(tableSegment("tcam/0/tcam"), std::ios::in | std::ios::out | std::ios::binary);
     tcam.seekp(4096);
     const std::string zeros(4096, '\0');
     tcam.write(zeros.data(), std::streamsize(zeros.size()));

@@ -56,7 +56,8 @@ TEST(WorkloadFileTest, AMalformedLineIsNamedByNumberAndNothingIsReturned) {
   const std::string ok = "write DefaultFwdTcamEntry 0 1\n";
   EXPECT_EQ(parseError(ok + "insert DefaultFwdTcamEntry 0 1\n"),
             "changes.txt:2: unknown change 'insert' (write, remove or removeAll)");
-  EXPECT_EQ(parseError(ok + ok + "write NoSuchTable 0 1\n"), "changes.txt:3: unknown table 'NoSuchTable'");
+  EXPECT_EQ(parseError(ok + ok + "write NoSuchTable 0 1\n"),
+            "changes.txt:3: unknown table 'NoSuchTable'");
   EXPECT_EQ(parseError("write DefaultFwdTcamEntry 65536 1\n"),
             "changes.txt:1: bad unit id '65536' (a number from 0 to 65535)");
   EXPECT_EQ(parseError("write DefaultFwdTcamEntry 0 -1\n"),
@@ -80,14 +81,17 @@ TEST(WorkloadFileTest, WhatIsNoWorkloadIsRefusedWithoutReadingItWholeOrEchoingIt
             "changes.txt:2: line longer than 1024 characters (is this a workload file?)");
   EXPECT_EQ(parseError(ok + std::string(3000, '\0')),
             "changes.txt:2: line longer than 1024 characters (is this a workload file?)");
-  EXPECT_EQ(parseError(ok + std::string(10, '\0') + "\n"), "changes.txt:2: binary data (is this a workload file?)");
+  EXPECT_EQ(parseError(ok + std::string(10, '\0') + "\n"),
+            "changes.txt:2: binary data (is this a workload file?)");
   // A long word is echoed cut short.
   const std::string word(1000, 't');
   EXPECT_EQ(parseError("write " + word + " 0 1\n"),
             "changes.txt:1: unknown table '" + std::string(kMaxEchoed, 't') + "...'");
-  EXPECT_EQ(parseError(ok + word + "\n"),
-            "changes.txt:2: unknown change '" + std::string(kMaxEchoed, 't') + "...' (write, remove or removeAll)");
-  EXPECT_EQ(echoed(std::string(kMaxEchoed, 'k')), std::string(kMaxEchoed, 'k')) << "short enough: as is";
+  EXPECT_EQ(parseError(ok + word + "\n"), "changes.txt:2: unknown change '" +
+                                              std::string(kMaxEchoed, 't') +
+                                              "...' (write, remove or removeAll)");
+  EXPECT_EQ(echoed(std::string(kMaxEchoed, 'k')), std::string(kMaxEchoed, 'k'))
+      << "short enough: as is";
 }
 
 TEST(WorkloadGeneratorTest, TheSameSeedGivesTheSameChangesWithinTheGivenTablesUnitsAndKeys) {

@@ -144,38 +144,40 @@ TEST(RecordInspection, TheFrameworkReadsFieldsByNameWithoutTheType) {
 // the process otherwise, when it is built at load).
 TEST(RecordModules, EveryTableTypeListsItsSixRecordsWithTheirSizes) {
   size_t tables = 0;
-#define VESK_CHECK_RECORDS(Name, ...)                                                      \
-  {                                                                                        \
-    const auto* module =                                                                   \
-        Nimbo::ModuleInspectData::module(Kest::ModuleTypeData::nameOf(#Name "Records"));   \
-    ASSERT_NE(module, nullptr) << #Name;                                                   \
-    ASSERT_EQ(module->records().size(), 6u);                                               \
-    const std::pair<const char*, size_t> records[] = {                                     \
-        {"EntryKey", sizeof(VeskTapAgg::Name##EntryKey)},                                  \
-        {"Entry", sizeof(VeskTapAgg::Name##Entry)},                                        \
-        {"LogEntry", sizeof(VeskTapAgg::Name##LogEntry)},                                  \
-        {"ResourceKeys", sizeof(VeskTapAgg::Name##ResourceKeys)},                          \
-        {"ConfigShardEntry", sizeof(VeskTapAgg::Name##ConfigShardEntry)},                  \
-        {"LogShardEntry", sizeof(VeskTapAgg::Name##LogShardEntry)}};                       \
-    for (const auto& [suffix, size] : records) {                                           \
-      const Kest::RecordType* r = module->record(std::string(#Name) + suffix);             \
-      ASSERT_NE(r, nullptr) << #Name << suffix;                                            \
-      EXPECT_EQ(r->size(), size) << r->name();                                             \
-    }                                                                                      \
-    ++tables;                                                                              \
+#define VESK_CHECK_RECORDS(Name, ...)                                                    \
+  {                                                                                      \
+    const auto* module =                                                                 \
+        Nimbo::ModuleInspectData::module(Kest::ModuleTypeData::nameOf(#Name "Records")); \
+    ASSERT_NE(module, nullptr) << #Name;                                                 \
+    ASSERT_EQ(module->records().size(), 6u);                                             \
+    const std::pair<const char*, size_t> records[] = {                                   \
+        {"EntryKey", sizeof(VeskTapAgg::Name##EntryKey)},                                \
+        {"Entry", sizeof(VeskTapAgg::Name##Entry)},                                      \
+        {"LogEntry", sizeof(VeskTapAgg::Name##LogEntry)},                                \
+        {"ResourceKeys", sizeof(VeskTapAgg::Name##ResourceKeys)},                        \
+        {"ConfigShardEntry", sizeof(VeskTapAgg::Name##ConfigShardEntry)},                \
+        {"LogShardEntry", sizeof(VeskTapAgg::Name##LogShardEntry)}};                     \
+    for (const auto& [suffix, size] : records) {                                         \
+      const Kest::RecordType* r = module->record(std::string(#Name) + suffix);           \
+      ASSERT_NE(r, nullptr) << #Name << suffix;                                          \
+      EXPECT_EQ(r->size(), size) << r->name();                                           \
+    }                                                                                    \
+    ++tables;                                                                            \
   }
   VESK_TAPAGG_TABLES(VESK_CHECK_RECORDS)
 #undef VESK_CHECK_RECORDS
   EXPECT_EQ(tables, 10u);
-  const auto* shared = Nimbo::ModuleInspectData::module(Kest::ModuleTypeData::nameOf("TcamRecords"));
+  const auto* shared =
+      Nimbo::ModuleInspectData::module(Kest::ModuleTypeData::nameOf("TcamRecords"));
   ASSERT_NE(shared, nullptr);
   EXPECT_NE(shared->record("TcamAction"), nullptr);
   EXPECT_NE(shared->record("Ip6Match"), nullptr);
 }
 
 TEST(RecordTypeDeathTest, AFieldTableThatMissesBytesStopsTheProcess) {
-  EXPECT_DEATH(Kest::RecordType("Gappy", 8, Kest::RecordType::Form::fields,
-                                {{"a", Kest::FieldText::decimal, 0, 4}, {"b", Kest::FieldText::decimal, 6, 2}}),
+  EXPECT_DEATH(Kest::RecordType(
+                   "Gappy", 8, Kest::RecordType::Form::fields,
+                   {{"a", Kest::FieldText::decimal, 0, 4}, {"b", Kest::FieldText::decimal, 6, 2}}),
                "Gappy.b");
   EXPECT_DEATH(Kest::RecordType("Short", 8, Kest::RecordType::Form::fields,
                                 {{"a", Kest::FieldText::decimal, 0, 4}}),

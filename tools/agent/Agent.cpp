@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <memory>
 
-#include <asio.hpp>
-#include <nlohmann/json.hpp>
 #include <fmt/format.h>
 #include <fmt/ostream.h>
+#include <asio.hpp>
+#include <nlohmann/json.hpp>
 
 #include "Asic/Constants.h"
 #include "Asic/OrderedTableInterface.h"
@@ -38,8 +38,13 @@ using Clock = std::chrono::steady_clock;
 class AgentLoop final : public TableDriver::Answers {
  public:
   AgentLoop(const AgentOptions& options, std::ostream& out, AgentReport& report)
-      : options_(options), out_(out), report_(report), signals_(io_, SIGTERM, SIGINT),
-        pollTimer_(io_), progressTimer_(io_), waitWatch_(out, options.waitForHardware, kSilentFor),
+      : options_(options),
+        out_(out),
+        report_(report),
+        signals_(io_, SIGTERM, SIGINT),
+        pollTimer_(io_),
+        progressTimer_(io_),
+        waitWatch_(out, options.waitForHardware, kSilentFor),
         issued_(options.workload.size()),
         limit_(adaptive() ? std::min(options.window, kFirstWindow) : options.window),
         pollInterval_(options.pollEvery) {
@@ -78,7 +83,8 @@ class AgentLoop final : public TableDriver::Answers {
     const auto begin = Clock::now();
     for (size_t t = 0; t < kTableCount; ++t) {
       drivers_.push_back(tableDriverFor(t));
-      report_.restoredEntries += drivers_[t]->makeTables(orderedTableIntf_, options_.units, options_.clear);
+      report_.restoredEntries +=
+          drivers_[t]->makeTables(orderedTableIntf_, options_.units, options_.clear);
     }
     report_.restoreMs = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
     group_ = orderedTableIntf_->groupInterface(
@@ -235,7 +241,8 @@ class AgentLoop final : public TableDriver::Answers {
     std::vector<std::vector<uint64_t>> touched(kTableCount);
     for (const Change& c : options_.workload) {
       expected.apply(c);
-      if (c.kind != ChangeKind::removeAll) touched[c.table].push_back(ExpectedState::slot(c.unit, c.key));
+      if (c.kind != ChangeKind::removeAll)
+        touched[c.table].push_back(ExpectedState::slot(c.unit, c.key));
     }
     for (size_t t = 0; t < kTableCount; ++t) {
       std::sort(touched[t].begin(), touched[t].end());
@@ -267,12 +274,12 @@ class AgentLoop final : public TableDriver::Answers {
   std::vector<Clock::time_point> issued_;  // per change of the workload, when it was written
   size_t next_ = 0;
   uint32_t inFlight_ = 0;
-  uint32_t limit_;                // changes in flight at most, now
-  bool windowFilled_ = false;     // feed stopped at the limit since the last resize
-  double slowestUs_ = 0;          // slowest answer since the last resize
+  uint32_t limit_;             // changes in flight at most, now
+  bool windowFilled_ = false;  // feed stopped at the limit since the last resize
+  double slowestUs_ = 0;       // slowest answer since the last resize
   bool feedPosted_ = false;
   Clock::time_point start_;
-  Clock::time_point lastActivity_;        // changes committed or taken by the hardware side
+  Clock::time_point lastActivity_;  // changes committed or taken by the hardware side
   std::chrono::microseconds pollInterval_;
   std::string lastProgress_;
 
@@ -306,7 +313,9 @@ void printAgentSummary(const AgentReport& r, std::ostream& out) {
              r.total(&AgentReport::PerTable::accepted), r.total(&AgentReport::PerTable::committed),
              confirmed, r.runSeconds, r.runSeconds > 0 ? double(confirmed) / r.runSeconds : 0.0,
              r.percentileUs(50), r.percentileUs(99),
-             r.interrupted ? " (interrupted)" : r.gaveUp ? " (gave up waiting)" : "");
+             r.interrupted ? " (interrupted)"
+             : r.gaveUp    ? " (gave up waiting)"
+                           : "");
   if (r.mismatches) fmt::print(out, "MISMATCH: {} keys read back differently\n", r.mismatches);
 }
 
@@ -326,8 +335,10 @@ std::string agentReportJson(const AgentReport& r) {
   j["gaveUp"] = r.gaveUp;
   for (size_t t = 0; t < kTableCount; ++t) {
     const auto& p = r.tables[t];
-    j["tables"][std::string(VeskTapAgg::kCatalogue[t].name)] = {
-        {"accepted", p.accepted}, {"committed", p.committed}, {"confirmed", p.confirmed}, {"failed", p.failed}};
+    j["tables"][std::string(VeskTapAgg::kCatalogue[t].name)] = {{"accepted", p.accepted},
+                                                                {"committed", p.committed},
+                                                                {"confirmed", p.confirmed},
+                                                                {"failed", p.failed}};
   }
   return j.dump(2);
 }

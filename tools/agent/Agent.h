@@ -13,14 +13,14 @@ namespace VeskTool {
 
 struct AgentOptions {
   std::vector<uint16_t> units{0};
-  bool clear = false;                   // clear the units' tables instead of restoring them
+  bool clear = false;  // clear the units' tables instead of restoring them
   std::vector<Change> workload;
-  uint32_t window = 20000;              // changes in flight (written, not yet answered) at most
+  uint32_t window = 20000;  // changes in flight (written, not yet answered) at most
   // The confirmation latency the window is sized for: it shrinks while answers take longer
   // and grows while they come faster and the window is full. 0: always `window` in flight.
   std::chrono::microseconds targetLatency{1000};
-  bool waitForHardware = true;          // finish only when every change is confirmed
-  bool verify = true;                   // read back every key the workload touched
+  bool waitForHardware = true;                    // finish only when every change is confirmed
+  bool verify = true;                             // read back every key the workload touched
   std::chrono::milliseconds progressEvery{1000};  // 0: no progress lines
   // How often the table-version map is read while answers come or are due; when nothing
   // has moved for a while, ever less often (at most 50 times a second).
@@ -54,9 +54,9 @@ struct AgentReport {
 // `targetLatency`: a change waits behind every change in flight, so a window larger than
 // the hardware side needs to keep busy only adds queueing to each answer), lets the group
 // resolver commit them whenever it has work, and turns what the hardware side records in
-// the table-version map into tableStatusVersion calls, which answer the clients. Stops when every change is answered
-// (or committed, without waiting for the hardware), or on SIGTERM/SIGINT. Says once when
-// changes wait on the hardware side (none taking them, or a change log full), and waits
+// the table-version map into tableStatusVersion calls, which answer the clients. Stops when every
+// change is answered (or committed, without waiting for the hardware), or on SIGTERM/SIGINT. Says
+// once when changes wait on the hardware side (none taking them, or a change log full), and waits
 // without using the CPU.
 AgentReport runAgent(const AgentOptions& options, std::ostream& out);
 void printAgentSummary(const AgentReport& report, std::ostream& out);

@@ -61,7 +61,8 @@ class TableDriverOf final : public TableDriver {
   void answerRemoveAlls(Asic::LogVersion taken) override {
     if (waitingRemoveAlls_ == 0) return;
     for (auto& [unit, removeAlls] : removeAlls_) {
-      if (!tables_.at(unit)->transientRemoveAllVersion().valid()) removeAlls.logged(logVersion().value());
+      if (!tables_.at(unit)->transientRemoveAllVersion().valid())
+        removeAlls.logged(logVersion().value());
       waitingRemoveAlls_ -= removeAlls.answerTakenUpTo(taken.value());
     }
   }
@@ -76,7 +77,9 @@ class TableDriverOf final : public TableDriver {
   uint64_t logRecords() const override {
     return intf_->entryLog()->tableEntryLog()->entryLogConfigSize();
   }
-  uint64_t logCapacity() const override { return Asic::OrderedSwTableAccessor<SwTable>::kChangeLogFull; }
+  uint64_t logCapacity() const override {
+    return Asic::OrderedSwTableAccessor<SwTable>::kChangeLogFull;
+  }
 
   bool readsAs(uint16_t unit, uint32_t key, const uint16_t* variant) const override {
     const auto read = tables_.at(unit)->entryRead(keyOf<Traits>(key));

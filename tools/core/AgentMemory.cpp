@@ -19,8 +19,8 @@ template <class Traits>
 Nimbo::Ptr<typename Traits::ConfigShard> mountConfig(
     const Nimbo::Ptr<KestSharedMem::EntityManager>& em, Asic::UnitId unit) {
   return mountAgentShard<typename Traits::ConfigShard>(em, Traits::Constants::configShardPath(unit),
-                                                   "swTableEntries",
-                                                   UnitContents<Traits>::capacity);
+                                                       "swTableEntries",
+                                                       UnitContents<Traits>::capacity);
 }
 
 }  // namespace
@@ -38,9 +38,9 @@ AgentMemory::AgentMemory() : root_(KestShard::Directory::rootPath()) {
 
 template <class Traits>
 std::optional<ChangeLogSummary> AgentMemory::changeLog() const {
-  auto log =
-      mountAgentShard<typename Traits::EntryLogShard>(em_, Traits::Constants::tableEntryLogShardPath(),
-                                                  "entryLogConfig", ChangeLogSummary::capacity);
+  auto log = mountAgentShard<typename Traits::EntryLogShard>(
+      em_, Traits::Constants::tableEntryLogShardPath(), "entryLogConfig",
+      ChangeLogSummary::capacity);
   if (!log) return std::nullopt;
   const auto& changes = log->entryLogConfigColl();
   const auto first = changes.begin();

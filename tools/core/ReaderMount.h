@@ -11,7 +11,8 @@ namespace VeskTool {
 // records; null while the agent has not made it. Nothing is created or changed.
 template <class S>
 Nimbo::Ptr<S> mountAgentShard(const Nimbo::Ptr<KestSharedMem::EntityManager>& em,
-                              const Nimbo::String& path, const char* collection, uint32_t capacity) {
+                              const Nimbo::String& path, const char* collection,
+                              uint32_t capacity) {
   KestShard::MountInfo info(KestShard::KestShardType::reader);
   info.collectionInfoIs({collection, capacity, false});
   try {

@@ -20,8 +20,8 @@ typename Traits::LogEntry logEntryOf(uint32_t index, uint16_t variant) {
   if constexpr (requires { key.vlan; }) key.vlan = {uint16_t(100 + index % 4000), 0x0fff};
   if constexpr (requires { key.actionIndex; }) key.actionIndex = index % 1024;
   if constexpr (requires { e.action; }) {
-    e.action.kind = uint8_t(variant % 3 == 2 ? VeskTapAgg::ActionKind::drop
-                                             : VeskTapAgg::ActionKind::redirect);
+    e.action.kind =
+        uint8_t(variant % 3 == 2 ? VeskTapAgg::ActionKind::drop : VeskTapAgg::ActionKind::redirect);
     e.action.redirectPort = 1 + (index + variant) % 48;
     e.action.flags = VeskTapAgg::TcamAction::count | VeskTapAgg::TcamAction::vlanPush;
     e.action.vlanId = uint16_t(100 + variant % 4000);

@@ -17,7 +17,8 @@ decltype(auto) withTableOf(VeskTapAgg::TableTypeList<Traits...>, size_t index, V
   VESK_ASSERT_MSG(index < sizeof...(Traits), "table index " << index << " out of range");
   using Result = decltype(visit.template operator()<VeskTapAgg::DefaultFwdTcamEntryTraits>());
   using Call = Result (*)(Visit&);
-  static constexpr Call calls[] = {[](Visit& v) -> Result { return v.template operator()<Traits>(); }...};
+  static constexpr Call calls[] = {
+      [](Visit& v) -> Result { return v.template operator()<Traits>(); }...};
   return calls[index](visit);
 }
 template <class Visit>

@@ -31,8 +31,9 @@ Nimbo::Ptr<TcamShard<Traits>> TcamShard<Traits>::mount(Asic::UnitId unit,
   registerTcamShards();
   const bool reader = type == KestShard::KestShardType::reader;
   // A reader leaves no trace: not even the namespace's directory is made for it.
-  if (reader && !std::filesystem::is_directory(std::filesystem::path(KestShard::Directory::rootPath()) /
-                                              "local" / kHardwareNamespace)) {
+  if (reader &&
+      !std::filesystem::is_directory(std::filesystem::path(KestShard::Directory::rootPath()) /
+                                     "local" / kHardwareNamespace)) {
     return nullptr;
   }
   KestShard::MountInfo info(type);

@@ -35,7 +35,9 @@ class TcamShard : public KestShard::Shard {
   explicit TcamShard(const KestShard::MountContext& c)
       : KestShard::Shard(c), tcam_(mountKeyed<Line, KeyOf>(c, "tcam")) {}
 
-  static Nimbo::String typeName() { return Nimbo::String("VeskTool::") + Traits::tableName + "Tcam"; }
+  static Nimbo::String typeName() {
+    return Nimbo::String("VeskTool::") + Traits::tableName + "Tcam";
+  }
   static Nimbo::String path(Asic::UnitId unit) {
     return fmt::format("{}/tcam/{}", Traits::tableName, unit);
   }
@@ -45,7 +47,9 @@ class TcamShard : public KestShard::Shard {
 
   Collection& tcam() noexcept { return tcam_; }
   const Collection& tcam() const noexcept { return tcam_; }
-  Asic::LogVersion appliedVersion() const { return Asic::LogVersion(tcam_.control()->scratchpad()); }
+  Asic::LogVersion appliedVersion() const {
+    return Asic::LogVersion(tcam_.control()->scratchpad());
+  }
   void appliedVersionIs(Asic::LogVersion v) { tcam_.control()->scratchpadIs(v.value()); }
 
  private:

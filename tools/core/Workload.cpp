@@ -76,11 +76,13 @@ bool nextLine(std::istream& in, std::string& text, const Place& at) {
   const auto read = size_t(in.gcount());
   if (in.bad()) throw errorAt(at, "read error: the file cannot be read to its end");
   if (in.fail() && !in.eof()) {
-    throw errorAt(at, "line longer than {} characters (is this a workload file?)", kMaxWorkloadLine);
+    throw errorAt(at, "line longer than {} characters (is this a workload file?)",
+                  kMaxWorkloadLine);
   }
   if (read == 0 && in.eof()) return false;
   text.assign(buffer, in.eof() ? read : read - 1);  // without the newline
-  if (text.find('\0') != std::string::npos) throw errorAt(at, "binary data (is this a workload file?)");
+  if (text.find('\0') != std::string::npos)
+    throw errorAt(at, "binary data (is this a workload file?)");
   return true;
 }
 
@@ -100,7 +102,8 @@ std::vector<Change> parseWorkload(std::istream& in, const std::string& source) {
     if (!nextLine(in, text, at)) break;
     bytes += text.size() + 1;
     if (bytes > kMaxWorkloadBytes) {
-      throw errorAt(at, "more than {} MiB of workload (split it into several runs)", kMaxWorkloadBytes >> 20);
+      throw errorAt(at, "more than {} MiB of workload (split it into several runs)",
+                    kMaxWorkloadBytes >> 20);
     }
     std::istringstream words(text);
     std::vector<std::string> w;
@@ -149,12 +152,14 @@ std::vector<Change> readWorkloadFile(const std::string& path) {
     throw std::invalid_argument(fmt::format("{}: not a regular file (give a workload file)", path));
   }
   if (uint64_t(st.st_size) > kMaxWorkloadBytes) {
-    throw std::invalid_argument(fmt::format("{}: {} MiB, more than the {} MiB a workload may have "
-                                            "(split it into several runs)",
-                                            path, uint64_t(st.st_size) >> 20, kMaxWorkloadBytes >> 20));
+    throw std::invalid_argument(
+        fmt::format("{}: {} MiB, more than the {} MiB a workload may have "
+                    "(split it into several runs)",
+                    path, uint64_t(st.st_size) >> 20, kMaxWorkloadBytes >> 20));
   }
   std::ifstream in(path);
-  if (!in) throw std::invalid_argument(fmt::format("{}: cannot be read: {}", path, std::strerror(errno)));
+  if (!in)
+    throw std::invalid_argument(fmt::format("{}: cannot be read: {}", path, std::strerror(errno)));
   return parseWorkload(in, path);
 }
 

@@ -32,10 +32,12 @@ void checkTable(size_t t, const ExpectedState& expected, const std::vector<uint1
   auto log = reader<typename Traits::EntryLogShard>(em, Traits::Constants::tableEntryLogShardPath(),
                                                     "entryLogConfig", 1000000);
   const uint64_t newest = log->entryLogConfigColl().control()->scratchpad();
-  const uint64_t taken = versions->tableVersion(Traits::tableId).value_or(Asic::LogVersion()).value();
+  const uint64_t taken =
+      versions->tableVersion(Traits::tableId).value_or(Asic::LogVersion()).value();
   if (taken < newest) {
     a.untaken += newest - taken;
-    note(a, fmt::format("{}: the hardware side took version {} of {}", Traits::tableName, taken, newest));
+    note(a, fmt::format("{}: the hardware side took version {} of {}", Traits::tableName, taken,
+                        newest));
   }
   for (uint16_t u : units) {
     const Asic::UnitId unit(u);
@@ -50,9 +52,11 @@ void checkTable(size_t t, const ExpectedState& expected, const std::vector<uint1
       uint32_t index = 0;
       std::memcpy(&index, static_cast<const void*>(&record.logEntry.entryKey), sizeof index);
       const auto it = expected.entries(t).find(ExpectedState::slot(u, index));
-      if (it == expected.entries(t).end() || !(logEntryOf<Traits>(index, it->second) == record.logEntry)) {
+      if (it == expected.entries(t).end() ||
+          !(logEntryOf<Traits>(index, it->second) == record.logEntry)) {
         ++a.configMismatches;
-        note(a, fmt::format("{} unit {}: configuration holds {} unexpectedly", Traits::tableName, u, record.logEntry));
+        note(a, fmt::format("{} unit {}: configuration holds {} unexpectedly", Traits::tableName, u,
+                            record.logEntry));
       }
       const auto line = tcam ? tcam->tcam().find(record.logEntry.key()) : std::nullopt;
       if (!line || !(line->logEntry == record.logEntry)) {
@@ -61,16 +65,19 @@ void checkTable(size_t t, const ExpectedState& expected, const std::vector<uint1
       }
     });
     uint64_t expectedLive = 0;
-    for (const auto& [slot, variant] : expected.entries(t)) expectedLive += uint16_t(slot >> 32) == u;
+    for (const auto& [slot, variant] : expected.entries(t))
+      expectedLive += uint16_t(slot >> 32) == u;
     if (live != expectedLive) {
       a.configMismatches += live > expectedLive ? live - expectedLive : expectedLive - live;
-      note(a, fmt::format("{} unit {}: {} entries configured, {} expected", Traits::tableName, u, live, expectedLive));
+      note(a, fmt::format("{} unit {}: {} entries configured, {} expected", Traits::tableName, u,
+                          live, expectedLive));
     }
     const uint64_t lines = tcam ? tcam->tcam().count() : 0;
     a.tcamLines += lines;
     if (lines != live) {
       a.tcamMismatches += lines > live ? lines - live : live - lines;
-      note(a, fmt::format("{} unit {}: {} TCAM lines for {} entries", Traits::tableName, u, lines, live));
+      note(a, fmt::format("{} unit {}: {} TCAM lines for {} entries", Traits::tableName, u, lines,
+                          live));
     }
   }
 }
@@ -80,11 +87,13 @@ void checkTable(size_t t, const ExpectedState& expected, const std::vector<uint1
 Agreement checkAgreement(const ExpectedState& expected, const std::vector<uint16_t>& units) {
   registerTcamShards();
   VeskTapAgg::registerTableShardTypes();
-  auto em = Asic::mountEntityManager(*Nimbo::make<Cairn::EntityManager>(VeskTapAgg::kAgentName, true));
+  auto em =
+      Asic::mountEntityManager(*Nimbo::make<Cairn::EntityManager>(VeskTapAgg::kAgentName, true));
   auto versions = Asic::TableVersionShard::mountReader(
       em, VeskTapAgg::TableConstants<VeskTapAgg::DefaultFwdTcamEntryTraits>::canonicalGroupName());
   Agreement a;
-  forEachTable([&]<class Traits>(size_t t) { checkTable<Traits>(t, expected, units, em, versions, a); });
+  forEachTable(
+      [&]<class Traits>(size_t t) { checkTable<Traits>(t, expected, units, em, versions, a); });
   return a;
 }
 

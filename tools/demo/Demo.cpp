@@ -65,10 +65,20 @@ struct Child {
 
 // An agent that gives up, rather than waiting forever, should the hardware side be gone.
 std::vector<std::string> agentArgs(const DemoOptions& o, const std::string& report) {
-  std::vector<std::string> args{"agent", "--seed", std::to_string(o.seed), "--keys",
-                                std::to_string(o.keys), "--changes", std::to_string(o.changes),
-                                "--progress-ms", "50", "--give-up-ms", "30000",
-                                "--report-json", report, "--units"};
+  std::vector<std::string> args{"agent",
+                                "--seed",
+                                std::to_string(o.seed),
+                                "--keys",
+                                std::to_string(o.keys),
+                                "--changes",
+                                std::to_string(o.changes),
+                                "--progress-ms",
+                                "50",
+                                "--give-up-ms",
+                                "30000",
+                                "--report-json",
+                                report,
+                                "--units"};
   for (uint16_t u = 0; u < o.units; ++u) args.push_back(std::to_string(u));
   return args;
 }
@@ -77,10 +87,12 @@ std::vector<std::string> agentArgs(const DemoOptions& o, const std::string& repo
 
 int runDemo(const DemoOptions& o, std::ostream& out) {
   char rootTemplate[] = "/dev/shm/vesk-demo-XXXXXX";
-  if (!mkdtemp(rootTemplate)) throw std::runtime_error("cannot make a shared-memory root under /dev/shm");
+  if (!mkdtemp(rootTemplate))
+    throw std::runtime_error("cannot make a shared-memory root under /dev/shm");
   const std::string root = rootTemplate;
   setenv("VESK_SHM_ROOT", root.c_str(), 1);
-  fmt::print(out, "demo: shared memory at {}; {} table types x {} units, {} keys each, {} changes\n",
+  fmt::print(out,
+             "demo: shared memory at {}; {} table types x {} units, {} keys each, {} changes\n",
              root, kTableCount, o.units, o.keys, o.changes);
 
   Child hw(o.exe, {"hw"});
@@ -145,7 +157,9 @@ int runDemo(const DemoOptions& o, std::ostream& out) {
   fmt::print(out, "  restore after SIGKILL:     {:.2f} ms for {} entries in {} tables\n",
              report["restoreMs"].get<double>(), report["restoredEntries"].get<uint64_t>(),
              kTableCount * o.units);
-  fmt::print(out, "  end to end:                {:.0f} changes/s ({} changes confirmed by the hardware side in {:.3f} s)\n",
+  fmt::print(out,
+             "  end to end:                {:.0f} changes/s ({} changes confirmed by the hardware "
+             "side in {:.3f} s)\n",
              report["confirmed"].get<double>() / report["runSeconds"].get<double>(),
              report["confirmed"].get<uint64_t>(), report["runSeconds"].get<double>());
   fmt::print(out, "  confirmation latency:      p50 {:.0f} us, p99 {:.0f} us\n",
@@ -154,7 +168,8 @@ int runDemo(const DemoOptions& o, std::ostream& out) {
              agreement.configEntries, agreement.configMismatches);
   fmt::print(out, "  hardware TCAM:             {} lines, {} differ from the configuration\n",
              agreement.tcamLines, agreement.tcamMismatches);
-  fmt::print(out, "  change log:                {} changes not taken by the hardware side\n", agreement.untaken);
+  fmt::print(out, "  change log:                {} changes not taken by the hardware side\n",
+             agreement.untaken);
   fmt::print(out, "  client reads:              {} keys read back differently\n",
              report["mismatches"].get<uint64_t>());
   for (const auto& e : agreement.examples) fmt::print(out, "    {}\n", e);

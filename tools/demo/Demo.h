@@ -8,11 +8,11 @@ namespace VeskTool {
 
 struct DemoOptions {
   uint16_t units = 4;
-  uint32_t keys = 10000;         // per table and unit
+  uint32_t keys = 10000;  // per table and unit
   uint64_t changes = 600000;
   uint64_t seed = 1;
-  std::string exe;               // this program, to start the agent and hardware side with
-  bool keep = false;             // keep the shared-memory root afterwards
+  std::string exe;    // this program, to start the agent and hardware side with
+  bool keep = false;  // keep the shared-memory root afterwards
 };
 
 // The whole story in one command, on a fresh shared-memory root: the hardware side starts,

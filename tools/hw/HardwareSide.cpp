@@ -1,14 +1,14 @@
 #include "tools/hw/HardwareSide.h"
 
-#include <map>
 #include <iostream>
+#include <map>
 #include <memory>
 #include <optional>
 #include <thread>
 
+#include <fmt/ostream.h>
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
-#include <fmt/ostream.h>
 
 #include "Asic/MountNamespace.h"
 #include "Asic/TableVersionShard.h"
@@ -71,7 +71,8 @@ class HwTableOf final : public HwTable {
       if (!log_) return 0;
       // Every TCAM the agent has units for is looked over now (lost ones programmed again,
       // damaged indexes rebuilt), not when its next change happens to come.
-      for (Asic::UnitId unit : configuredUnits(agentEm_, Traits::Constants::configShardPathBase())) {
+      for (Asic::UnitId unit :
+           configuredUnits(agentEm_, Traits::Constants::configShardPathBase())) {
         tcamOf(unit);
       }
     }
@@ -80,10 +81,12 @@ class HwTableOf final : public HwTable {
       const auto& changes = log_->entryLogConfigColl();
       // The agent drops only changes the hardware side has taken: versions below the
       // oldest one logged were taken before (by a run whose record of them was lost).
-      if (auto oldest = changes.begin(); oldest != changes.end() && oldest->logVersion.value() > processed_ + 1) {
+      if (auto oldest = changes.begin();
+          oldest != changes.end() && oldest->logVersion.value() > processed_ + 1) {
         processed_ = oldest->logVersion.value() - 1;
       }
-      for (auto it = changes.at(Asic::LogVersion(processed_ + 1)); it != changes.end() && applied < budget; ++it) {
+      for (auto it = changes.at(Asic::LogVersion(processed_ + 1));
+           it != changes.end() && applied < budget; ++it) {
         if (it->logVersion.value() != processed_ + 1) break;  // not appended yet
         apply(*it);
         processed_ = it->logVersion.value();
@@ -92,7 +95,8 @@ class HwTableOf final : public HwTable {
       }
       // Caught up with the log, but below its newest version: the next record is being
       // written, or lost to damage.
-      if (const uint64_t newest = changes.newestVersion(); applied < budget && newest > processed_) {
+      if (const uint64_t newest = changes.newestVersion();
+          applied < budget && newest > processed_) {
         stuckAt(fmt::format("the change log holds changes up to {} but not this one", newest),
                 fmt::format("delete {}/entryLogConfig",
                             shardDirectory(VeskTapAgg::kAgentName,
@@ -117,7 +121,8 @@ class HwTableOf final : public HwTable {
         // The configuration holds the entry as last written; a later change of the key
         // will come anyway, so the newest content is right.
         const auto record = configOf(change.unitId).swTableEntriesColl().find(change.key);
-        if (record && !record->isDeleted) tcam.tcam().insertOrReplace({record->logEntry, change.logVersion});
+        if (record && !record->isDeleted)
+          tcam.tcam().insertOrReplace({record->logEntry, change.logVersion});
         break;
       }
       case VeskTapAgg::DeleteKind::entryDelete:
@@ -170,7 +175,9 @@ class HwTableOf final : public HwTable {
     });
     tcam.appliedVersionIs(Asic::LogVersion(processed_));
     if (lines == 0) return;  // a unit seen for the first time
-    fmt::print(std::cerr, "vesktap: the TCAM of {} unit {} was lost; programmed {} entries again from the configuration\n",
+    fmt::print(std::cerr,
+               "vesktap: the TCAM of {} unit {} was lost; programmed {} entries again from the "
+               "configuration\n",
                Traits::tableName, unit, lines);
   }
 
@@ -242,15 +249,17 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
   registerTcamShards();
   VeskTapAgg::registerTableShardTypes();
 
-  auto agentEm = Asic::mountEntityManager(
-      *Nimbo::make<Cairn::EntityManager>(VeskTapAgg::kAgentName, true));
-  const auto group = VeskTapAgg::TableConstants<VeskTapAgg::DefaultFwdTcamEntryTraits>::canonicalGroupName();
+  auto agentEm =
+      Asic::mountEntityManager(*Nimbo::make<Cairn::EntityManager>(VeskTapAgg::kAgentName, true));
+  const auto group =
+      VeskTapAgg::TableConstants<VeskTapAgg::DefaultFwdTcamEntryTraits>::canonicalGroupName();
   auto versions = Asic::TableVersionShard::mountWriter(agentEm, group);
 
   HardwareReport report;
   std::vector<std::unique_ptr<HwTable>> tables;
   forEachTable([&]<class Traits>(size_t t) {
-    const uint64_t resumed = versions->tableVersion(Traits::tableId).value_or(Asic::LogVersion()).value();
+    const uint64_t resumed =
+        versions->tableVersion(Traits::tableId).value_or(Asic::LogVersion()).value();
     report.resumedAfter[t] = resumed;
     tables.push_back(std::make_unique<HwTableOf<Traits>>(agentEm, resumed));
   });
@@ -279,7 +288,8 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
       if (n == 0) continue;
       applied += n;
       report.applied[t] += n;
-      versions->tableVersionIs(VeskTapAgg::kCatalogue[t].tableId, Asic::LogVersion(tables[t]->processed()));
+      versions->tableVersionIs(VeskTapAgg::kCatalogue[t].tableId,
+                               Asic::LogVersion(tables[t]->processed()));
     }
     total += applied;
     const auto now = Clock::now();
@@ -309,7 +319,8 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
     if (now - lastWork >= options.spinFor) {
       io.run_for(idleSleep);
       // Idle for a while: ever longer sleeps, so that waiting costs nothing.
-      if (now - lastWork > kBusyFor) idleSleep = std::min<std::chrono::microseconds>(idleSleep * 2, kSlowestPoll);
+      if (now - lastWork > kBusyFor)
+        idleSleep = std::min<std::chrono::microseconds>(idleSleep * 2, kSlowestPoll);
     }
   }
   for (size_t t = 0; t < kTableCount; ++t) report.taken[t] = tables[t]->processed();

@@ -17,8 +17,8 @@ struct HardwareOptions {
   // stream of changes commits the next ones within microseconds, and a sleep (with its
   // timer slack) would add a tenth of a millisecond to each of their answers.
   std::chrono::microseconds spinFor{200};
-  std::chrono::microseconds delay{0};  // per change, to model a slow TCAM
-  uint64_t rate = 0;                   // at most this many changes a second; 0: no limit
+  std::chrono::microseconds delay{0};         // per change, to model a slow TCAM
+  uint64_t rate = 0;                          // at most this many changes a second; 0: no limit
   std::chrono::milliseconds exitWhenIdle{0};  // 0: run until SIGTERM or SIGINT
   std::chrono::milliseconds progressEvery{0};
 };

@@ -75,20 +75,25 @@ void printText(const Json& all, std::ostream& out) {
       fmt::print(out, "  change log: none\n");
     } else {
       const Json& l = t["changeLog"];
-      fmt::print(out, "  change log: table version {}, {} records (versions {} to {}), hardware took {}\n",
-                 l["tableVersion"].get<uint64_t>(), l["records"].get<uint64_t>(),
-                 l["oldestVersion"].get<uint64_t>(), l["newestVersion"].get<uint64_t>(),
-                 t["hardwareTaken"].is_null() ? "nothing yet" : t["hardwareTaken"].dump());
+      fmt::print(
+          out, "  change log: table version {}, {} records (versions {} to {}), hardware took {}\n",
+          l["tableVersion"].get<uint64_t>(), l["records"].get<uint64_t>(),
+          l["oldestVersion"].get<uint64_t>(), l["newestVersion"].get<uint64_t>(),
+          t["hardwareTaken"].is_null() ? "nothing yet" : t["hardwareTaken"].dump());
     }
     for (const Json& u : t["units"]) {
       if (!u.contains("liveEntries")) continue;
-      fmt::print(out, "  unit {}: {} entries, {} tombstones ({:.1f}% of 65536); TCAM {} lines, {} entries not in it\n",
-                 u["unit"].get<int>(), u["liveEntries"].get<uint64_t>(), u["tombstones"].get<uint64_t>(),
-                 100 * u["capacityUsed"].get<double>(),
-                 u["tcamLines"].is_null() ? "no" : u["tcamLines"].dump(), u["notInHardware"].get<uint64_t>());
+      fmt::print(out,
+                 "  unit {}: {} entries, {} tombstones ({:.1f}% of 65536); TCAM {} lines, {} "
+                 "entries not in it\n",
+                 u["unit"].get<int>(), u["liveEntries"].get<uint64_t>(),
+                 u["tombstones"].get<uint64_t>(), 100 * u["capacityUsed"].get<double>(),
+                 u["tcamLines"].is_null() ? "no" : u["tcamLines"].dump(),
+                 u["notInHardware"].get<uint64_t>());
       if (!u.contains("entries")) continue;
       for (const Json& e : u["entries"]) {
-        fmt::print(out, "    v{} {}{}\n", e["version"].get<uint64_t>(), e["entry"].get<std::string>(),
+        fmt::print(out, "    v{} {}{}\n", e["version"].get<uint64_t>(),
+                   e["entry"].get<std::string>(),
                    e["inHardware"].get<bool>() ? "" : "  (not in TCAM)");
       }
     }

@@ -7,9 +7,9 @@
 namespace VeskTool {
 
 struct ShowOptions {
-  std::optional<size_t> table;     // catalogue index; all when empty
-  std::optional<uint16_t> unit;    // all when empty
-  bool entries = false;            // list every live entry and TCAM line
+  std::optional<size_t> table;   // catalogue index; all when empty
+  std::optional<uint16_t> unit;  // all when empty
+  bool entries = false;          // list every live entry and TCAM line
   bool json = false;
 };
 

@@ -31,7 +31,8 @@ TEST(PublisherTest, AnnouncesOnlyToListenersAndFormatsOnlyForThem) {
   publisher.observerIs(&recorder);
   publisher.announce("transientAddEntry", key);
   publisher.announce("transientRemoveAllVersion");
-  EXPECT_EQ(recorder.seen, (std::vector<std::string>{"transientAddEntry[k1]", "transientRemoveAllVersion"}));
+  EXPECT_EQ(recorder.seen,
+            (std::vector<std::string>{"transientAddEntry[k1]", "transientRemoveAllVersion"}));
   EXPECT_EQ(formatted, 1);
 
   publisher.mutedIs(true);

@@ -18,8 +18,9 @@ TEST_F(AssertDeathTest, AViolatedConditionStopsWithItsText) {
 
 TEST_F(AssertDeathTest, TheMessageIsStreamedAfterTheCondition) {
   const int unit = 7;
-  EXPECT_DEATH(VESK_ASSERT_MSG(unit < 2, "Config shard for unitId:" << unit << " is not created yet!"),
-               "unit < 2 .*: Config shard for unitId:7 is not created yet!");
+  EXPECT_DEATH(
+      VESK_ASSERT_MSG(unit < 2, "Config shard for unitId:" << unit << " is not created yet!"),
+      "unit < 2 .*: Config shard for unitId:7 is not created yet!");
 }
 
 TEST(Assert, AHoldingConditionIsEvaluatedOnceAndNothingElseHappens) {

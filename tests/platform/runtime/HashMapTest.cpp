@@ -20,7 +20,8 @@ std::vector<uint64_t> keysInOrder(const M& m) {
 }
 
 // The keys of `order` that are in `keep`, in the order of `order`.
-std::vector<uint64_t> restricted(const std::vector<uint64_t>& order, const std::set<uint64_t>& keep) {
+std::vector<uint64_t> restricted(const std::vector<uint64_t>& order,
+                                 const std::set<uint64_t>& keep) {
   std::vector<uint64_t> out;
   for (uint64_t k : order) {
     if (keep.count(k)) out.push_back(k);
@@ -167,7 +168,7 @@ TEST(HashMap2018, AWalkHeldAsAKeySurvivesInsertsGrowthAndErases) {
     if (at >= 200) continue;
     seen.push_back(at);
     for (int i = 0; i < 30; ++i) m.insertOrReplace(extra++, 1);  // grows the table repeatedly
-    const uint64_t victim = (at * 37) % 200;                      // sometimes `at` itself
+    const uint64_t victim = (at * 37) % 200;                     // sometimes `at` itself
     if (m.erase(victim) && std::find(seen.begin(), seen.end(), victim) == seen.end()) {
       erasedUnseen.insert(victim);
     }

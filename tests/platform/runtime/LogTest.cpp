@@ -10,7 +10,8 @@
 
 #include "Kest/Log.h"
 
-VESK_LOG_MESSAGE(kLoadError, "TEST_LOAD_ERROR", "Hardware abstraction error: unable to load item: %s",
+VESK_LOG_MESSAGE(kLoadError, "TEST_LOAD_ERROR",
+                 "Hardware abstraction error: unable to load item: %s",
                  "An item could not be read back from the shared-memory entry log.",
                  "Restart the agent; contact support if it persists.", 3);
 VESK_LOG_MESSAGE(kTableFull, "TEST_TABLE_FULL", "Table %s is 100%% full", "The table has no room.",
@@ -45,8 +46,9 @@ TEST(Log, TheArgumentFillsTheFormatAndTheCaptureSeesTheLine) {
   Kest::log(handle, "entryLog::TapTunnelTerminationTcamEntry");
   ASSERT_EQ(capture.records().size(), 1u);
   const Kest::LogRecord& r = capture.records()[0];
-  EXPECT_EQ(r.text,
-            "Hardware abstraction error: unable to load item: entryLog::TapTunnelTerminationTcamEntry");
+  EXPECT_EQ(
+      r.text,
+      "Hardware abstraction error: unable to load item: entryLog::TapTunnelTerminationTcamEntry");
   EXPECT_EQ(r.name, "TEST_LOAD_ERROR");
   EXPECT_EQ(r.severity, 3u);
   EXPECT_EQ(r.line(),
@@ -70,9 +72,9 @@ TEST(Log, ABurstGoesOutAndTheRestIsCountedAsSuppressed) {
   Kest::LogCapture capture;
   Kest::LogHandle handle(kLoadError, Duration::seconds(3600), 1.0, 2, 10);
   for (int i = 0; i < 5; ++i) Kest::log(handle, std::to_string(i));
-  EXPECT_EQ(capture.texts(), (std::vector<std::string>{
-                                 "Hardware abstraction error: unable to load item: 0",
-                                 "Hardware abstraction error: unable to load item: 1"}));
+  EXPECT_EQ(capture.texts(),
+            (std::vector<std::string>{"Hardware abstraction error: unable to load item: 0",
+                                      "Hardware abstraction error: unable to load item: 1"}));
   EXPECT_EQ(handle.logged(), 2u);
   EXPECT_EQ(handle.suppressed(), 13u) << "counting goes on from the count it was given";
   Kest::LogHandle unlimited(kLoadError, Duration(), 0.0, 1, 0);  // a zero interval

@@ -16,8 +16,8 @@ TEST(ModuleInspectData, NamesAModuleAfterItsUnitWithTheUnitsHash) {
   EXPECT_EQ(Kest::moduleHash("a"), 0xe40c292cu);
   EXPECT_EQ(Kest::ModuleTypeData::nameOf("DefaultFwdTcamEntryInterface"),
             "_DefaultFwdTcamEntryInterface_80988d6b_kestModule");
-  EXPECT_EQ(Kest::ModuleTypeData::nameOf("X"), "_X_" + fmt::format("{:08x}", Kest::moduleHash("X")) +
-                                                   "_kestModule")
+  EXPECT_EQ(Kest::ModuleTypeData::nameOf("X"),
+            "_X_" + fmt::format("{:08x}", Kest::moduleHash("X")) + "_kestModule")
       << "eight digits, leading zeros kept";
 }
 

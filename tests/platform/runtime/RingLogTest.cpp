@@ -57,7 +57,8 @@ TEST(RingLog, AWrongFormatStillShowsTheArguments) {
   Kest::RingLog ring(4);
   const uint32_t event = Kest::RingLog::eventIdFor("ring.badformat", "{} and {}");
   ring.record(event, 5);
-  EXPECT_EQ(Kest::RingLog::text(*ring.begin()).rfind("ring.badformat: (format \"{} and {}\"", 0), 0u);
+  EXPECT_EQ(Kest::RingLog::text(*ring.begin()).rfind("ring.badformat: (format \"{} and {}\"", 0),
+            0u);
   EXPECT_NE(Kest::RingLog::text(*ring.begin()).find(") 5"), std::string::npos);
 }
 
@@ -73,7 +74,9 @@ TEST(RingLog, DumpWritesOneLinePerRecordOldestFirst) {
   ring.record(event, 3);
   const std::string text = dumped(ring);
   EXPECT_TRUE(std::regex_match(
-      text, std::regex("[0-9-]+T[0-9:.]+Z AclTable ring.dump: unit 2\n[0-9-]+T[0-9:.]+Z ring.dump: unit 3\n")))
+      text,
+      std::regex(
+          "[0-9-]+T[0-9:.]+Z AclTable ring.dump: unit 2\n[0-9-]+T[0-9:.]+Z ring.dump: unit 3\n")))
       << text;
 }
 

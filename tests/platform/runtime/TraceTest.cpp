@@ -2,9 +2,9 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <regex>
 #include <fstream>
 #include <optional>
+#include <regex>
 
 #include "Kest/Trace.h"
 #include "Kest/TraceSetting.h"
@@ -68,9 +68,10 @@ TEST(TraceSetting, ReadsSingleLevelsRangesListsAndTheWildcard) {
 }
 
 TEST(TraceSetting, KeepsMalformedItemsAsideAndUsesTheRest) {
-  const auto s = Kest::TraceSetting::parse("NoSlash,/3,Word/x,Big/32,Down/5-2,Open/,Plus/1+,Good/4,");
-  EXPECT_EQ(s.malformed(), (std::vector<std::string>{"NoSlash", "/3", "Word/x", "Big/32", "Down/5-2",
-                                                      "Open/", "Plus/1+"}));
+  const auto s =
+      Kest::TraceSetting::parse("NoSlash,/3,Word/x,Big/32,Down/5-2,Open/,Plus/1+,Good/4,");
+  EXPECT_EQ(s.malformed(), (std::vector<std::string>{"NoSlash", "/3", "Word/x", "Big/32",
+                                                     "Down/5-2", "Open/", "Plus/1+"}));
   EXPECT_EQ(s.maskFor("Good"), bit(4));
   EXPECT_EQ(s.maskFor("Big"), 0u);
 }
@@ -84,8 +85,10 @@ TEST_F(TraceTest, ANewHandleTakesItsMaskFromVeskTraceAtThatMoment) {
   EXPECT_EQ(Kest::traceHandle("EnvOther").levelMask(), 0u);
   setenv("VESK_TRACE", "EnvFirst/1,EnvLater/2+3", 1);
   EXPECT_EQ(Kest::traceHandle("EnvLater").levelMask(), bit(2) | bit(3));
-  EXPECT_EQ(Kest::traceHandle("EnvFirst").levelMask(), bit(8)) << "an existing handle keeps its mask";
-  EXPECT_EQ(&Kest::traceHandle("EnvFirst"), &Kest::traceHandle("EnvFirst")) << "one handle per name";
+  EXPECT_EQ(Kest::traceHandle("EnvFirst").levelMask(), bit(8))
+      << "an existing handle keeps its mask";
+  EXPECT_EQ(&Kest::traceHandle("EnvFirst"), &Kest::traceHandle("EnvFirst"))
+      << "one handle per name";
 }
 
 TEST_F(TraceTest, AMalformedItemIsReportedOnceAndIgnored) {
@@ -94,11 +97,12 @@ TEST_F(TraceTest, AMalformedItemIsReportedOnceAndIgnored) {
   Kest::traceHandle("EnvBadA");
   Kest::traceHandle("EnvBadC");
   const std::string err = testing::internal::GetCapturedStderr();
-  EXPECT_EQ(err,
-            "VESK_TRACE: ignoring \"Oops\": expected Name/N, Name/A-B or Name/N+M+... with levels 0 "
-            "to 31\n"
-            "VESK_TRACE: ignoring \"EnvBadB/4-x\": expected Name/N, Name/A-B or Name/N+M+... with "
-            "levels 0 to 31\n");
+  EXPECT_EQ(
+      err,
+      "VESK_TRACE: ignoring \"Oops\": expected Name/N, Name/A-B or Name/N+M+... with levels 0 "
+      "to 31\n"
+      "VESK_TRACE: ignoring \"EnvBadB/4-x\": expected Name/N, Name/A-B or Name/N+M+... with "
+      "levels 0 to 31\n");
   EXPECT_EQ(Kest::traceHandle("EnvBadA").levelMask(), bit(3));
 }
 
@@ -165,7 +169,8 @@ TEST_F(TraceTest, StderrGetsOneLinePerRecord) {
   VESK_TRACE(h, 5, "Cls", "  two blanks {}", 1);
   const std::string line = testing::internal::GetCapturedStderr();
   EXPECT_TRUE(std::regex_match(
-      line, std::regex("[0-9-]+T[0-9:.]+Z ToStderr/5 TraceTest.cpp:TestBody Cls:   two blanks 1\n")))
+      line,
+      std::regex("[0-9-]+T[0-9:.]+Z ToStderr/5 TraceTest.cpp:TestBody Cls:   two blanks 1\n")))
       << line;
 }
 
@@ -182,7 +187,8 @@ TEST_F(TraceTest, TheFileSinkAppendsLinesUntilSwitchedBack) {
   ASSERT_TRUE(std::getline(in, first));
   ASSERT_TRUE(std::getline(in, second));
   EXPECT_FALSE(std::getline(in, third));
-  EXPECT_NE(first.find(" ToFile/2 TraceTest.cpp:TestBody Cls: first 1"), std::string::npos) << first;
+  EXPECT_NE(first.find(" ToFile/2 TraceTest.cpp:TestBody Cls: first 1"), std::string::npos)
+      << first;
   EXPECT_NE(second.find(" ToFile/2 TraceTest.cpp:TestBody second"), std::string::npos) << second;
   std::remove(path.c_str());
   EXPECT_THROW(Kest::traceFileIs("/nonexistent-dir/trace"), Nimbo::SystemException);

@@ -45,26 +45,29 @@ const Kest::TypeData* Port::typeData() const { return &portRecord(); }
 const Kest::TypeData& switchRecord() {
   using Self = Switch;
   static const Kest::TypeData record = Kest::makeTypeData<Self>(
-      "Switch",
-      {
-          Kest::attrValue<Self>("speed", [](const Self& s) { return s.speed; },
-                                [](Self& s, uint32_t speed) { s.speed = speed; }),
-          Kest::attrValue<Self>("name", [](const Self& s) -> const Nimbo::String& { return s.name; }),
-          Kest::attrValue<Self>("peer", [](const Self& s) { return s.peer; }),
-          Kest::attrCollection<Self>(
-              "port", [](const Self& s) -> const auto& { return s.ports; },
-              [](Self& s, uint32_t number) { s.ports.erase(number); }),
-          Kest::attrQueue<Self>("pending", [](const Self& s) -> const auto& { return s.pending; }),
-          Kest::attrOperation<Self>("reset", [](Self& s) { s.resetDone = true; }),
-          Kest::attrOperation<Self>("portIs", [](Self& s, uint16_t n) { s.portIs(n); }),
-          Kest::attrOperation<Self>("portHas",
-                                    [](const Self& s, uint32_t n) { return s.ports.contains(n); }),
-          Kest::attrOperation<Self>("portFirst",
-                                    [](const Self& s, const Nimbo::Ptr<Port>& fallback) {
-                                      return s.ports.empty() ? fallback : s.ports.begin()->second;
-                                    }),
-          Kest::attrDeclared("uplink", Kest::AttrKind::pointer),
-      });
+      "Switch", {
+                    Kest::attrValue<Self>(
+                        "speed", [](const Self& s) { return s.speed; },
+                        [](Self& s, uint32_t speed) { s.speed = speed; }),
+                    Kest::attrValue<Self>(
+                        "name", [](const Self& s) -> const Nimbo::String& { return s.name; }),
+                    Kest::attrValue<Self>("peer", [](const Self& s) { return s.peer; }),
+                    Kest::attrCollection<Self>(
+                        "port", [](const Self& s) -> const auto& { return s.ports; },
+                        [](Self& s, uint32_t number) { s.ports.erase(number); }),
+                    Kest::attrQueue<Self>(
+                        "pending", [](const Self& s) -> const auto& { return s.pending; }),
+                    Kest::attrOperation<Self>("reset", [](Self& s) { s.resetDone = true; }),
+                    Kest::attrOperation<Self>("portIs", [](Self& s, uint16_t n) { s.portIs(n); }),
+                    Kest::attrOperation<Self>(
+                        "portHas", [](const Self& s, uint32_t n) { return s.ports.contains(n); }),
+                    Kest::attrOperation<Self>("portFirst",
+                                              [](const Self& s, const Nimbo::Ptr<Port>& fallback) {
+                                                return s.ports.empty() ? fallback
+                                                                       : s.ports.begin()->second;
+                                              }),
+                    Kest::attrDeclared("uplink", Kest::AttrKind::pointer),
+                });
   return record;
 }
 const Kest::TypeData* Switch::typeData() const { return &switchRecord(); }
@@ -78,9 +81,9 @@ std::vector<std::string> namesOf(const Kest::TypeData& type) {
 TEST(TypeData, ListsAttributesByNameInByteOrderWithTheirKinds) {
   const Kest::TypeData& type = switchRecord();
   EXPECT_EQ(type.name(), "Switch");
-  EXPECT_EQ(namesOf(type), (std::vector<std::string>{"name", "peer", "pending", "port", "portFirst",
-                                                     "portHas", "portIs", "reset", "speed",
-                                                     "uplink"}));
+  EXPECT_EQ(namesOf(type),
+            (std::vector<std::string>{"name", "peer", "pending", "port", "portFirst", "portHas",
+                                      "portIs", "reset", "speed", "uplink"}));
   EXPECT_EQ(type.attr("peer")->kind, Kest::AttrKind::pointer) << "a back pointer is a reference";
   EXPECT_EQ(type.attr("speed")->kind, Kest::AttrKind::value);
   EXPECT_EQ(type.attr("pending")->kind, Kest::AttrKind::collection);
@@ -170,7 +173,8 @@ TEST(TypeData, RefusesWhatAnAttributeDoesNotSupportAndChangesNothing) {
   EXPECT_THROW(type.inspectOperation(port, *type.attr("speed"), InspectOp::read), InspectException);
   EXPECT_THROW(type.inspectOperation(sw, *portRecord().attr("number"), InspectOp::read),
                InspectException);
-  struct Plain : Nimbo::Node {} plain;
+  struct Plain : Nimbo::Node {
+  } plain;
   EXPECT_THROW(Kest::inspectOperation(plain, "speed", InspectOp::read), InspectException);
 }
 
@@ -187,7 +191,8 @@ TEST(TypeData, WalksAKeyedCollectionInItsOrderAndDeletesOnTheWay) {
   EXPECT_FALSE(Kest::genericIfIterator(sw, "port").iterNonnull()) << "an empty map ends at once";
   for (uint16_t n = 1; n <= 20; ++n) sw->portIs(n);
   std::vector<std::pair<std::string, std::string>> expected;
-  for (const auto& [number, port] : sw->ports) expected.emplace_back(std::to_string(number), "<Port>");
+  for (const auto& [number, port] : sw->ports)
+    expected.emplace_back(std::to_string(number), "<Port>");
   EXPECT_EQ(walk(Kest::genericIfIterator(sw, "port")), expected);
 
   // Delete every other element while walking: the walk still sees each element once.

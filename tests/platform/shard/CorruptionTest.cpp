@@ -3,10 +3,10 @@
 
 #include <set>
 
-#include "ShardTestSupport.h"
 #include "Kest/Log.h"
 #include "KestShard/SegmentLayout.h"
 #include "Nimbo/Exception.h"
+#include "ShardTestSupport.h"
 
 namespace ShardTest {
 namespace {
@@ -22,7 +22,8 @@ class Damage {
   explicit Damage(const std::string& file) {
     fd_ = open(file.c_str(), O_RDWR);
     size_ = lseek(fd_, 0, SEEK_END);
-    base_ = static_cast<unsigned char*>(mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0));
+    base_ = static_cast<unsigned char*>(
+        mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd_, 0));
   }
   ~Damage() {
     munmap(base_, size_);
@@ -109,7 +110,8 @@ TEST_F(CorruptionTest, IterationReportsADamagedRecordAndGoesPastIt) {
   EXPECT_EQ(shard->records.map().corruptionsDetected(), 1u);
   ASSERT_EQ(log.records().size(), 1u);
   EXPECT_EQ(log.records()[0].name, "SHARD_CORRUPTION_DETECTED");
-  EXPECT_NE(log.records()[0].text.find("walk/records: "), std::string::npos) << log.records()[0].text;
+  EXPECT_NE(log.records()[0].text.find("walk/records: "), std::string::npos)
+      << log.records()[0].text;
   EXPECT_NE(log.records()[0].text.find("fails its checksum"), std::string::npos);
   EXPECT_EQ(shard->records.store().segment()->header().corruptionCount, 1u)
       << "the count is kept in shared memory for other processes";
@@ -135,7 +137,8 @@ TEST_F(CorruptionTest, ASlotLeftOddByAKilledWriterIsFilledAgainWhole) {
   }
   {
     Damage log(segmentFile(root, "odd", "log"));
-    log.stopWriterFilling(LogRecord::of(5), log.find(LogRecord::of(5)) - log.find(LogRecord::of(4)), 16);
+    log.stopWriterFilling(LogRecord::of(5), log.find(LogRecord::of(5)) - log.find(LogRecord::of(4)),
+                          16);
     Damage records(segmentFile(root, "odd", "records"));
     records.stopWriterFilling(Record::of(5, 1),
                               records.find(Record::of(5, 1)) - records.find(Record::of(4, 1)), 24);
@@ -281,7 +284,8 @@ TEST_F(CorruptionTest, AWalkThatMissesRecordsReportsAndTheWriterRecoversThem) {
   shard->records.forEach([&](const Record& r) { seen.insert(r.key.id); });
   EXPECT_EQ(seen.size(), 64u);
   EXPECT_TRUE(shard->records.contains(Record::of(*seen.begin(), 0).key));
-  for (uint32_t id = 0; id < 64; ++id) EXPECT_TRUE(shard->records.contains(Record::of(id, 0).key)) << id;
+  for (uint32_t id = 0; id < 64; ++id)
+    EXPECT_TRUE(shard->records.contains(Record::of(id, 0).key)) << id;
 }
 
 // Counts, the high-water mark and the free list are derived words too: implausible ones
@@ -303,7 +307,8 @@ TEST_F(CorruptionTest, DamagedCountsAreRebuiltAtTheWriterMount) {
   EXPECT_FALSE(shard->records.store().mountRepairs().empty());
   for (uint32_t id = 100; id < 134; ++id) shard->records.insertOrReplace(Record::of(id, 1));
   EXPECT_EQ(shard->records.count(), 64u) << "every freed slot is found again";
-  EXPECT_THROW(shard->records.insertOrReplace(Record::of(999, 1)), Nimbo::CapacityExceededException);
+  EXPECT_THROW(shard->records.insertOrReplace(Record::of(999, 1)),
+               Nimbo::CapacityExceededException);
 }
 
 }  // namespace

@@ -6,10 +6,10 @@
 #include <cstddef>
 #include <fstream>
 
-#include "ShardTestSupport.h"
 #include "KestShard/Env.h"
 #include "KestShard/SegmentLayout.h"
 #include "Nimbo/Exception.h"
+#include "ShardTestSupport.h"
 
 namespace ShardTest {
 namespace {
@@ -78,7 +78,8 @@ TEST_F(FaultTest, NoSpaceWhileGrowingIsAClearErrorAndLosesNothing) {
   }
   EXPECT_EQ(shard->records.count(), stored);
   EXPECT_FALSE(shard->records.contains(Record::of(stored, 0).key));
-  for (uint32_t id = 0; id < stored; ++id) ASSERT_TRUE(shard->records.find(Record::of(id, 0).key)->whole());
+  for (uint32_t id = 0; id < stored; ++id)
+    ASSERT_TRUE(shard->records.find(Record::of(id, 0).key)->whole());
   shard->records.insertOrReplace(Record::of(stored, 1));  // space is back: it works again
   EXPECT_EQ(shard->records.count(), stored + 1);
 }
@@ -127,10 +128,11 @@ TEST_F(FaultTest, ARepairPastTheReservedSlotsReservesThemFirst) {
 }
 
 TEST_F(FaultTest, EveryFailingCallOfACreationLeavesNoHalfMadeSegment) {
-  const std::pair<FaultyEnv::Call, int> faults[] = {
-      {FaultyEnv::Call::open, EIO},     {FaultyEnv::Call::truncate, EIO},
-      {FaultyEnv::Call::map, ENOMEM},   {FaultyEnv::Call::reserve, ENOSPC},
-      {FaultyEnv::Call::rename, EIO}};
+  const std::pair<FaultyEnv::Call, int> faults[] = {{FaultyEnv::Call::open, EIO},
+                                                    {FaultyEnv::Call::truncate, EIO},
+                                                    {FaultyEnv::Call::map, ENOMEM},
+                                                    {FaultyEnv::Call::reserve, ENOSPC},
+                                                    {FaultyEnv::Call::rename, EIO}};
   int i = 0;
   for (auto [call, error] : faults) {
     const std::string path = "create" + std::to_string(i++);
@@ -176,8 +178,7 @@ TEST_F(FaultTest, AFullTmpfsIsAnErrorNeverASignal) {
   fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) {
-    const bool isolated = unshare(CLONE_NEWNS) == 0 ||
-                          unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;
+    const bool isolated = unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;
     std::filesystem::create_directories(root.path());
     if (!isolated || mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("tmpfs", root.path().c_str(), "tmpfs", 0, "size=320k,mode=0700") != 0) {

@@ -2,8 +2,8 @@
 #include <random>
 #include <set>
 
-#include "ShardTestSupport.h"
 #include "Nimbo/Exception.h"
+#include "ShardTestSupport.h"
 
 namespace ShardTest {
 namespace {

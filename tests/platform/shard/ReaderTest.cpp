@@ -91,7 +91,8 @@ TEST_F(ReaderTest, ReaderGivesUpClearlyOnAWriterStoppedMidChange) {
     try {
       reader->records.find(Record::of(2, 0).key);
     } catch (const Nimbo::Exception& e) {
-      _exit(hitTrusted && std::string(e.what()).find("no stable read") != std::string::npos ? 0 : 2);
+      _exit(hitTrusted && std::string(e.what()).find("no stable read") != std::string::npos ? 0
+                                                                                            : 2);
     }
     _exit(1);
   }

@@ -3,9 +3,9 @@
 
 #include <fstream>
 
-#include "ShardTestSupport.h"
 #include "KestShard/Directory.h"
 #include "Nimbo/Exception.h"
+#include "ShardTestSupport.h"
 
 namespace ShardTest {
 namespace {
@@ -170,8 +170,8 @@ TEST_F(SegmentTest, ReaderSeesTheWriterAndCannotChangeAnything) {
     auto em = KestSharedMem::EntityManager::getEntityManager("agent", true);
     em->entityDel("shared");  // the child is another process: it reads, it does not write
     auto r = mountTestShard("shared", 1024, 1024, KestShard::KestShardType::reader);
-    bool ok = r->records.find(Record::of(3, 0).key)->whole() &&
-              r->records.control()->scratchpad() == 77;
+    bool ok =
+        r->records.find(Record::of(3, 0).key)->whole() && r->records.control()->scratchpad() == 77;
     try {
       r->records.insertOrReplace(Record::of(4, 4));
       ok = false;
@@ -191,7 +191,8 @@ TEST_F(SegmentTest, ReaderSeesTheWriterAndCannotChangeAnything) {
 
 TEST_F(SegmentTest, EmptyCollectionsOfFullCapacityUseLittleMemory) {
   auto shard = mountTestShard("capacity", 65536, 1000000);
-  const uint64_t empty = shard->records.store().allocatedBytes() + shard->log.store().allocatedBytes();
+  const uint64_t empty =
+      shard->records.store().allocatedBytes() + shard->log.store().allocatedBytes();
   EXPECT_LT(empty, 256u * 1024) << "resident bytes of two empty collections";
   for (uint32_t id = 0; id < 2000; ++id) shard->records.insertOrReplace(Record::of(id, 1));
   const uint64_t used = shard->records.store().allocatedBytes();

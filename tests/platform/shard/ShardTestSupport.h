@@ -11,9 +11,9 @@
 #include <string>
 
 #include "KestShard/Shard.h"
-#include "support/TempShmRoot.h"
 #include "KestSharedMem/EntityManager.h"
 #include "KestSharedMem/MountGroup.h"
+#include "support/TempShmRoot.h"
 
 namespace ShardTest {
 
@@ -97,11 +97,10 @@ inline KestShard::MountInfo mountInfo(KestShard::KestShardType type, uint32_t re
 }
 
 // Mounts the test shard at `path` through a mount group, as the agent does.
-inline Nimbo::Ptr<TestShard> mountTestShard(const std::string& path, uint32_t recordCapacity = 1024,
-                                            uint32_t logCapacity = 1024,
-                                            KestShard::KestShardType type =
-                                                KestShard::KestShardType::writer,
-                                            const std::string& manager = "agent") {
+inline Nimbo::Ptr<TestShard> mountTestShard(
+    const std::string& path, uint32_t recordCapacity = 1024, uint32_t logCapacity = 1024,
+    KestShard::KestShardType type = KestShard::KestShardType::writer,
+    const std::string& manager = "agent") {
   return KestSharedMem::mountShard<TestShard>(
       KestSharedMem::EntityManager::getEntityManager(manager, true), path, kTestShardType,
       mountInfo(type, recordCapacity, logCapacity));
@@ -112,7 +111,8 @@ inline void unmount(const std::string& path, const std::string& manager = "agent
 }
 
 inline std::string segmentFile(const TempRoot& root, const std::string& path,
-                               const std::string& collection, const std::string& manager = "agent") {
+                               const std::string& collection,
+                               const std::string& manager = "agent") {
   return root.path() + "/local/" + manager + "/" + path + "/" + collection;
 }
 

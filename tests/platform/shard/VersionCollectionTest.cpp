@@ -1,8 +1,8 @@
 #include <deque>
 #include <random>
 
-#include "ShardTestSupport.h"
 #include "Nimbo/Exception.h"
+#include "ShardTestSupport.h"
 
 namespace ShardTest {
 namespace {
