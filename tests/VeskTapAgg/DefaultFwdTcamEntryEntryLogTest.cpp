@@ -68,15 +68,6 @@ TEST_F(DefaultFwdTcamEntryEntryLogTest, TracesEveryOperationAtItsLevel) {
                             }));
 }
 
-TEST_F(DefaultFwdTcamEntryEntryLogTest, ADisabledLevelWritesNothing) {
-  Kest::traceConfigIs("DefaultFwdTcamEntryEntryLog/1");
-  Kest::TraceCapture traces;
-  Agent agent;
-  agent.mounted();
-  agent.write(1);
-  EXPECT_TRUE(traces.records().empty());
-}
-
 TEST_F(DefaultFwdTcamEntryEntryLogTest, NotLocalEmMountsInTheSharedNamespace) {
   ASSERT_EQ(inChild([this] {
               ::setenv("NOT_LOCAL_EM", "", 1);

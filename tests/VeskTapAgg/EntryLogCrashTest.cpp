@@ -290,55 +290,6 @@ TEST(EntryLogRemountTest, AConfigurationWriteWithoutItsChangeIsLoggedAtMount) {
   EXPECT_FALSE(versions.count(next)) << "a new change reuses no version";
 }
 
-// Remove-alls of a full unit killed at moments spread over their walk: after the remount
-// a remove-all is done whole or not at all, and every record is named by a change (a
-// unit delete leaves nothing older live; a write or delete names its key).
-class RemoveAllKillTest : public ::testing::TestWithParam<uint32_t> {
- protected:
-  TempShmRoot root;
-};
-
-TEST_P(RemoveAllKillTest, ARemoveAllIsFinishedWholeOrNotAtAll) {
-  fflush(nullptr);
-  const pid_t child = fork();
-  if (child == 0) {
-    Agent agent;
-    auto& log = agent.mounted();
-    for (uint16_t round = 0;; ++round) {
-      for (uint32_t key = 0; key < 300; ++key) agent.write(key, round);
-      log.tableDel(nullptr, UnitId(0));
-    }
-  }
-  usleep(2000 + GetParam() * 997 % 40000);
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-
-  Agent agent;
-  auto& log = agent.mounted();
-  std::map<uint64_t, typename Traits::LogShardEntry> changes;
-  uint64_t lastUnitDelete = 0;
-  for (const auto& c : agent.changes()) {
-    changes[c.logVersion.value()] = c;
-    if (c.deleteKind == uint8_t(VeskTapAgg::DeleteKind::unitDelete))
-      lastUnitDelete = c.logVersion.value();
-  }
-  log.tableConfigShard(UnitId(0))->swTableEntriesColl().forEach([&](const auto& record) {
-    const uint64_t v = record.logVersion.value();
-    ASSERT_TRUE(changes.count(v)) << "a record at version " << v << " has no change";
-    const auto& c = changes[v];
-    if (c.deleteKind == uint8_t(VeskTapAgg::DeleteKind::unitDelete)) {
-      EXPECT_TRUE(record.isDeleted) << "version " << v;
-    } else {
-      EXPECT_EQ(std::memcmp(&c.key, &record.logEntry.entryKey, sizeof c.key), 0) << "version " << v;
-    }
-    if (!record.isDeleted) {
-      EXPECT_GT(v, lastUnitDelete) << "live past the remove-all at " << lastUnitDelete;
-    }
-  });
-}
-
-INSTANTIATE_TEST_SUITE_P(KillMoments, RemoveAllKillTest, ::testing::Range(0u, 24u));
-
 // The kill-point sweep: a writer stopped at the Nth publishing store of a write, a replace,
 // a delete, a unit delete or a cleanup, for every N until the change completes. After each
 // stop the remount holds every key as before or after the change, every record is named

@@ -1,6 +1,6 @@
 // What every table type's interface must do: register the type once, make each unit's
 // table restored or cleared at what the hardware side has taken, and reconcile units left
-// in shared memory. Written once and run for all ten; restarts are real processes.
+// in shared memory. Run on the behaviour types; restarts are real processes.
 
 #include <sys/wait.h>
 
@@ -25,7 +25,7 @@ class InterfaceTest : public ::testing::Test {
   }
   TempShmRoot root;
 };
-TYPED_TEST_SUITE(InterfaceTest, AllTables);
+TYPED_TEST_SUITE(InterfaceTest, BehaviourTables);
 
 TYPED_TEST(InterfaceTest, GetIntfRegistersTheTypeOnceInBothRegistries) {
   typename TestFixture::Agent agent;

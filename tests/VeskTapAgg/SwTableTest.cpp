@@ -1,5 +1,5 @@
 // What every table type's software table must do, end to end through its public
-// operations, written once and run for all ten.
+// operations, run on the behaviour types; the factories are checked for all ten.
 
 #include <dlfcn.h>
 
@@ -81,7 +81,7 @@ class SwTableTest : public ::testing::Test {
   using Rig = SwTableRig<Traits>;
   TempShmRoot root;
 };
-TYPED_TEST_SUITE(SwTableTest, AllTables);
+TYPED_TEST_SUITE(SwTableTest, BehaviourTables);
 
 TYPED_TEST(SwTableTest, VersionsCountPendingChangesOfAKeyAndRestartAfterCommit) {
   typename TestFixture::Rig rig;

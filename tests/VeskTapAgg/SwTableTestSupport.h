@@ -19,7 +19,7 @@ class SwTableRig {
   using Entry = typename Traits::Entry;
   using Handle = typename SwTable::EntryHandle::PtrConst;
 
-  explicit SwTableRig(Asic::UnitId unit = Asic::UnitId(0)) : unit_(unit) {
+  explicit SwTableRig(Asic::UnitId unit = Asic::UnitId(0)) {
     agent.mounted(unit);
     set = Nimbo::make<Asic::OrderedSwTableSet>(Traits::tableId, status);
     table =
@@ -64,9 +64,6 @@ class SwTableRig {
   Nimbo::Ptr<Asic::OrderedSwTableSet> set;
   Nimbo::Ptr<SwTable> table;
   std::vector<std::string> answers;
-
- private:
-  Asic::UnitId unit_;
 };
 
 }  // namespace VeskTest

@@ -1,9 +1,8 @@
 // What the framework sees of every table type's classes through their type records: the
-// modules announced at load, the attribute lists, and the dispatcher and walks on real
-// tables and entry logs. Written once and run for all ten types.
+// modules and attribute lists of all ten types, and the dispatcher and walks on real
+// tables and entry logs of the behaviour types.
 
 #include <map>
-#include <regex>
 #include <set>
 
 #include "Kest/ModuleInspectData.h"
@@ -56,21 +55,9 @@ class TypeRecordsTest : public ::testing::Test {
 };
 TYPED_TEST_SUITE(TypeRecordsTest, AllTables);
 
-// Five units of the table library per table type, and the record modules of the types
-// library (one per table type and one shared).
-TEST(TypeRecordsLoad, LoadingAnnouncesSixtyOneModulesNamedAfterTheirUnits) {
-  const auto modules = Nimbo::ModuleInspectData::modules();
-  EXPECT_EQ(modules.size(), 61u);
-  std::set<std::string> names;
-  const std::regex shape("_[A-Za-z0-9]+_[0-9a-f]{8}_kestModule");
-  for (const Kest::ModuleTypeData* module : modules) {
-    EXPECT_TRUE(std::regex_match(module->name(), shape)) << module->name();
-    names.insert(module->name());
-  }
-  EXPECT_EQ(names.size(), 61u) << "no two units share a name";
-  EXPECT_NE(Nimbo::ModuleInspectData::module("_DefaultFwdTcamEntryInterface_80988d6b_kestModule"),
-            nullptr);
-}
+template <class Traits>
+class TypeRecordsBehaviourTest : public TypeRecordsTest<Traits> {};
+TYPED_TEST_SUITE(TypeRecordsBehaviourTest, BehaviourTables);
 
 TYPED_TEST(TypeRecordsTest, EachGeneratedUnitAnnouncesTheClassesItDefines) {
   const std::vector<std::pair<const char*, Names>> units = {
@@ -177,7 +164,7 @@ TYPED_TEST(TypeRecordsTest, EveryClassAnswersWithTheRecordOfItsModule) {
       << "the record the interface class will return";
 }
 
-TYPED_TEST(TypeRecordsTest, TheDispatcherReadsATableAndWalksItsPendingChanges) {
+TYPED_TEST(TypeRecordsBehaviourTest, TheDispatcherReadsATableAndWalksItsPendingChanges) {
   using Traits = TypeParam;
   typename TestFixture::Rig rig;
   const Nimbo::Ptr<Nimbo::Node> table = rig.table;
@@ -236,7 +223,7 @@ TYPED_TEST(TypeRecordsTest, TheDispatcherReadsATableAndWalksItsPendingChanges) {
   EXPECT_EQ(read(handle, "tableName"), read(table, "canonicalName"));
 }
 
-TYPED_TEST(TypeRecordsTest, TheDispatcherChangesATableOnlyThroughItsOwnOperations) {
+TYPED_TEST(TypeRecordsBehaviourTest, TheDispatcherChangesATableOnlyThroughItsOwnOperations) {
   using Traits = TypeParam;
   typename TestFixture::Rig rig;
   const Nimbo::Ptr<Nimbo::Node> table = rig.table;
@@ -297,7 +284,7 @@ TYPED_TEST(TypeRecordsTest, TheDispatcherChangesATableOnlyThroughItsOwnOperation
   EXPECT_EQ(read(table, "hasPendingHwWrites"), Value(false));
 }
 
-TYPED_TEST(TypeRecordsTest, TheChangeObjectsShowTheirEntryAndTheirTable) {
+TYPED_TEST(TypeRecordsBehaviourTest, TheChangeObjectsShowTheirEntryAndTheirTable) {
   using Traits = TypeParam;
   typename TestFixture::Rig rig;
   auto handle = rig.write(4, 2);
@@ -321,7 +308,7 @@ TYPED_TEST(TypeRecordsTest, TheChangeObjectsShowTheirEntryAndTheirTable) {
       << "nothing to wait for";
 }
 
-TYPED_TEST(TypeRecordsTest, TheEntryLogAnswersThroughItsRecord) {
+TYPED_TEST(TypeRecordsBehaviourTest, TheEntryLogAnswersThroughItsRecord) {
   typename TestFixture::Rig rig;
   rig.write(1);
   rig.write(2);
@@ -346,7 +333,7 @@ TYPED_TEST(TypeRecordsTest, TheEntryLogAnswersThroughItsRecord) {
   EXPECT_FALSE(it.iterNonnull()) << "one unit mounted";
 }
 
-TYPED_TEST(TypeRecordsTest, TheFrameworkWalksATableThroughItsStateAndReadsItsSnapshot) {
+TYPED_TEST(TypeRecordsBehaviourTest, TheFrameworkWalksATableThroughItsStateAndReadsItsSnapshot) {
   using Traits = TypeParam;
   typename TestFixture::Rig rig;
   const auto text = [](const auto& value) { return fmt::format("{}", value); };

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -139,6 +140,12 @@ inline Run run(std::vector<std::string> args) {
   Vesktap v(std::move(args));
   const int code = v.wait();
   return {code, v.out(), v.err()};
+}
+
+// Passes when `part` is in `text`; a failure shows the whole text.
+inline ::testing::AssertionResult contains(const std::string& text, const std::string& part) {
+  if (text.find(part) != std::string::npos) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "\"" << part << "\" is not in:\n" << text;
 }
 
 }  // namespace VeskTest

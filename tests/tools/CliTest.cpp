@@ -20,6 +20,7 @@
 namespace VeskTool {
 namespace {
 
+using VeskTest::contains;
 using VeskTest::run;
 using VeskTest::Vesktap;
 using Json = nlohmann::json;
@@ -107,12 +108,12 @@ double cpuSecondsOverASecond(const Vesktap& process) {
 TEST_F(CliTest, DemoKillsAndRestoresTheAgentAndEverythingAgrees) {
   const auto demo = run({"demo", "--units", "2", "--keys", "300", "--changes", "6000"});
   EXPECT_EQ(demo.code, 0) << demo.out << demo.err;
-  EXPECT_NE(demo.out.find("demo: agent killed with SIGKILL after"), std::string::npos) << demo.out;
-  EXPECT_NE(demo.out.find("demo: agent restarted: restored"), std::string::npos) << demo.out;
-  EXPECT_NE(demo.out.find("configuration:             "), std::string::npos) << demo.out;
-  EXPECT_NE(demo.out.find(", 0 differ from the workload"), std::string::npos) << demo.out;
-  EXPECT_NE(demo.out.find(", 0 differ from the configuration"), std::string::npos) << demo.out;
-  EXPECT_NE(demo.out.find("demo: everything agrees"), std::string::npos) << demo.out;
+  EXPECT_TRUE(contains(demo.out, "demo: agent killed with SIGKILL after"));
+  EXPECT_TRUE(contains(demo.out, "demo: agent restarted: restored"));
+  EXPECT_TRUE(contains(demo.out, "configuration:             "));
+  EXPECT_TRUE(contains(demo.out, ", 0 differ from the workload"));
+  EXPECT_TRUE(contains(demo.out, ", 0 differ from the configuration"));
+  EXPECT_TRUE(contains(demo.out, "demo: everything agrees"));
 }
 
 TEST_F(CliTest, ShowReadsBackWhatTheAgentWroteAndThatTheHardwareAgrees) {
@@ -177,9 +178,7 @@ TEST_F(CliTest, EveryChangeIsConfirmedIncludingRemoveAllsWhichHaveNoAnswerOfThei
                  "--remove-all-every", "40", "--progress-ms", "0"});
   ASSERT_TRUE(agent.awaitOutput("total: ")) << agent.out() << agent.err();
   EXPECT_EQ(agent.wait(), 0) << agent.err();
-  EXPECT_NE(agent.out().find("total: 3000 accepted, 3000 committed, 3000 confirmed"),
-            std::string::npos)
-      << agent.out();
+  EXPECT_TRUE(contains(agent.out(), "total: 3000 accepted, 3000 committed, 3000 confirmed"));
   hw.signal(SIGTERM);
   EXPECT_EQ(hw.wait(), 0) << hw.err();
 }
@@ -202,10 +201,10 @@ TEST_F(CliTest, ARemoveAllIsConfirmedWhenItLogsNothingOrComesFirst) {
                    "--progress-ms", "0"});
     ASSERT_TRUE(agent.awaitOutput("total: ")) << what << ": " << agent.out() << agent.err();
     EXPECT_EQ(agent.wait(), 0) << what << ": " << agent.err();
-    EXPECT_NE(agent.out().find(
-                  fmt::format("total: {0} accepted, {0} committed, {0} confirmed", changes.size())),
-              std::string::npos)
-        << what << ": " << agent.out();
+    EXPECT_TRUE(
+        contains(agent.out(),
+                 fmt::format("total: {0} accepted, {0} committed, {0} confirmed", changes.size())))
+        << what;
   }
   hw.signal(SIGTERM);
   EXPECT_EQ(hw.wait(), 0) << hw.err();
@@ -218,10 +217,8 @@ TEST_F(CliTest, AnAgentWithoutAHardwareSideSaysSoOnceAndWaitsWithoutUsingTheCpu)
       << agent.out() << agent.err();
   EXPECT_LT(cpuSecondsOverASecond(agent), 0.1);
   const std::string waiting = agent.out();
-  EXPECT_NE(waiting.find(" committed changes of ServicePolicyV4TcamEntry wait since "),
-            std::string::npos)
-      << waiting;
-  EXPECT_NE(waiting.find("start `vesktap hw`"), std::string::npos) << waiting;
+  EXPECT_TRUE(contains(waiting, " committed changes of ServicePolicyV4TcamEntry wait since "));
+  EXPECT_TRUE(contains(waiting, "start `vesktap hw`"));
   EXPECT_EQ(occurrences(waiting, "no hardware side"), 1u) << waiting;
   EXPECT_LE(occurrences(waiting, "progress: "), 2u)
       << "a line when it moved, not at every tick: " << waiting;
@@ -230,11 +227,8 @@ TEST_F(CliTest, AnAgentWithoutAHardwareSideSaysSoOnceAndWaitsWithoutUsingTheCpu)
   Vesktap hw({"hw"});
   ASSERT_TRUE(agent.awaitOutput("total: ")) << agent.out() << agent.err();
   EXPECT_EQ(agent.wait(), 0) << agent.err();
-  EXPECT_NE(agent.out().find("agent: a hardware side is taking changes now"), std::string::npos)
-      << agent.out();
-  EXPECT_NE(agent.out().find("total: 100 accepted, 100 committed, 100 confirmed"),
-            std::string::npos)
-      << agent.out();
+  EXPECT_TRUE(contains(agent.out(), "agent: a hardware side is taking changes now"));
+  EXPECT_TRUE(contains(agent.out(), "total: 100 accepted, 100 committed, 100 confirmed"));
   hw.signal(SIGTERM);
   EXPECT_EQ(hw.wait(), 0) << hw.err();
 
@@ -244,10 +238,8 @@ TEST_F(CliTest, AnAgentWithoutAHardwareSideSaysSoOnceAndWaitsWithoutUsingTheCpu)
            "--seed", "7", "--changes", "100", "--progress-ms", "0", "--give-up-ms", "300"});
   EXPECT_EQ(gaveUp.code, 1);
   EXPECT_EQ(lines(gaveUp.err), 1u) << gaveUp.err;
-  EXPECT_NE(gaveUp.err.find("gave up after 300 ms without a hardware side taking changes"),
-            std::string::npos)
-      << gaveUp.err;
-  EXPECT_NE(gaveUp.out.find("(gave up waiting)"), std::string::npos) << gaveUp.out;
+  EXPECT_TRUE(contains(gaveUp.err, "gave up after 300 ms without a hardware side taking changes"));
+  EXPECT_TRUE(contains(gaveUp.out, "(gave up waiting)"));
 }
 
 TEST_F(CliTest, AFullChangeLogIsToldOnceAndWaitedForWithoutUsingTheCpuAndNothingIsLost) {
@@ -275,18 +267,15 @@ TEST_F(CliTest, AFullChangeLogIsToldOnceAndWaitedForWithoutUsingTheCpuAndNothing
       << agent.out() << agent.err();
   EXPECT_LT(cpuSecondsOverASecond(agent), 0.1);
   const std::string full = agent.out();
-  EXPECT_NE(full.find("1000000 changes the hardware side has not taken"), std::string::npos)
-      << full;
-  EXPECT_NE(full.find("holding 100 changes back, nothing is lost; waiting for the hardware side"),
-            std::string::npos)
-      << full;
+  EXPECT_TRUE(contains(full, "1000000 changes the hardware side has not taken"));
+  EXPECT_TRUE(
+      contains(full, "holding 100 changes back, nothing is lost; waiting for the hardware side"));
   EXPECT_EQ(occurrences(full, " is full"), 1u) << full;
 
   Vesktap hw({"hw"});
   ASSERT_TRUE(agent.awaitOutput("total: ", 100)) << agent.out() << agent.err();
   EXPECT_EQ(agent.wait(), 0) << agent.err();
-  EXPECT_NE(agent.out().find("total: 1000100 accepted, 1000100 committed"), std::string::npos)
-      << agent.out();
+  EXPECT_TRUE(contains(agent.out(), "total: 1000100 accepted, 1000100 committed"));
   hw.signal(SIGTERM);
   EXPECT_EQ(hw.wait(), 0) << hw.err();
   const Json shown = showJson({"--table", "DefaultFwdTcamAction", "--unit", "16"});
@@ -313,10 +302,9 @@ TEST_F(CliTest, AHardwareSideThatCannotUseATcamSaysWhichFileAndStops) {
     const auto hw = run({"hw", "--exit-when-idle", "300"});
     EXPECT_EQ(hw.code, 1) << what;
     EXPECT_EQ(lines(hw.err), 1u) << what << ": " << hw.err;
-    EXPECT_NE(hw.err.find("cannot use the TCAM of DefaultFwdTcamAction unit 0"), std::string::npos)
-        << hw.err;
-    EXPECT_NE(hw.err.find(tcam), std::string::npos) << hw.err;
-    EXPECT_NE(hw.err.find("remove that file"), std::string::npos) << hw.err;
+    EXPECT_TRUE(contains(hw.err, "cannot use the TCAM of DefaultFwdTcamAction unit 0"));
+    EXPECT_TRUE(contains(hw.err, tcam));
+    EXPECT_TRUE(contains(hw.err, "remove that file"));
   };
   std::filesystem::create_symlink(root_ + "/elsewhere", tcam);
   refused("a symlink");
@@ -328,7 +316,7 @@ TEST_F(CliTest, AHardwareSideThatCannotUseATcamSaysWhichFileAndStops) {
   std::filesystem::remove(tcam);
   const auto hw = run({"hw", "--exit-when-idle", "300"});
   EXPECT_EQ(hw.code, 0) << hw.err;
-  EXPECT_NE(hw.out.find("hw: 1 changes applied"), std::string::npos) << hw.out;
+  EXPECT_TRUE(contains(hw.out, "hw: 1 changes applied"));
 }
 
 TEST_F(CliTest, AHardwareSideThatCannotReadAChangeSaysWhichAndHowToMendIt) {
@@ -351,14 +339,12 @@ TEST_F(CliTest, AHardwareSideThatCannotReadAChangeSaysWhichAndHowToMendIt) {
   const auto stuck = run({"hw", "--exit-when-idle", "300"});
   EXPECT_EQ(stuck.code, 1);
   EXPECT_EQ(lines(stuck.err), 1u) << stuck.err;
-  EXPECT_NE(stuck.err.find("the hardware side stopped idle without applying change "),
-            std::string::npos)
-      << stuck.err;
-  EXPECT_NE(stuck.err.find("of DefaultFwdTcamAction"), std::string::npos) << stuck.err;
+  EXPECT_TRUE(contains(stuck.err, "the hardware side stopped idle without applying change "));
+  EXPECT_TRUE(contains(stuck.err, "of DefaultFwdTcamAction"));
 
   // It names the file, and what it says to do mends it.
-  EXPECT_NE(stuck.err.find(log), std::string::npos) << stuck.err;
-  EXPECT_NE(stuck.err.find("stop the agent, delete "), std::string::npos) << stuck.err;
+  EXPECT_TRUE(contains(stuck.err, log));
+  EXPECT_TRUE(contains(stuck.err, "stop the agent, delete "));
   std::filesystem::remove(log);
   ASSERT_EQ(
       run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--progress-ms", "0"}).code, 0);
@@ -387,11 +373,10 @@ TEST_F(CliTest, WhatTheSystemLogIsToldTheOperatorSeesOnStderr) {
       run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--progress-ms", "0"});
   unsetenv("VESK_LOG_STDERR");
   EXPECT_EQ(restart.code, 0) << restart.err;
-  EXPECT_NE(restart.err.find(
-                "vesktap: %HW_ABSTRACTION_ERROR: Hardware abstraction error: unable to load item: "
-                "entryCfg::DefaultFwdTcamAction"),
-            std::string::npos)
-      << restart.err;
+  EXPECT_TRUE(
+      contains(restart.err,
+               "vesktap: %HW_ABSTRACTION_ERROR: Hardware abstraction error: unable to load item: "
+               "entryCfg::DefaultFwdTcamAction"));
 }
 
 TEST_F(CliTest, ASecondAgentIsRefusedAndTheFirstStopsCleanlyOnSigterm) {
@@ -404,12 +389,12 @@ TEST_F(CliTest, ASecondAgentIsRefusedAndTheFirstStopsCleanlyOnSigterm) {
   const auto second = run({"agent", "--units", "0", "--changes", "10", "--no-wait"});
   EXPECT_NE(second.code, 0);
   EXPECT_EQ(lines(second.err), 1u) << second.err;
-  EXPECT_NE(second.err.find("already mounted by another writer"), std::string::npos) << second.err;
+  EXPECT_TRUE(contains(second.err, "already mounted by another writer"));
   EXPECT_EQ(second.out.find("progress:"), std::string::npos) << second.out;
 
   agent.signal(SIGTERM);
   EXPECT_EQ(agent.wait(), 0) << agent.err();
-  EXPECT_NE(agent.out().find("(interrupted)"), std::string::npos) << agent.out();
+  EXPECT_TRUE(contains(agent.out(), "(interrupted)"));
 
   // Nothing was damaged: a restarted agent restores every entry the first one committed.
   const Json shown = showJson();
@@ -445,9 +430,7 @@ TEST_F(CliTest, AHardwareSideKilledAndRestartedResumesWithoutApplyingAnythingTwi
   ASSERT_EQ(resumed.code, 0) << resumed.err;
   EXPECT_EQ(resumed.out.rfind(fmt::format("hw: resuming after versions 0 {} 0 0", taken), 0), 0u)
       << resumed.out;
-  EXPECT_NE(resumed.out.find(fmt::format("hw: {} changes applied", logged - taken)),
-            std::string::npos)
-      << resumed.out;
+  EXPECT_TRUE(contains(resumed.out, fmt::format("hw: {} changes applied", logged - taken)));
 
   const Json shown = showJson();
   const Json& table = tableIn(shown, "DefaultFwdTcamEntry");
@@ -519,7 +502,7 @@ TEST_F(CliTest, BadInputIsOneClearLineAndANonZeroExit) {
     EXPECT_EQ(result.code, c.code) << what << ": " << result.err;
     EXPECT_EQ(lines(result.err), 1u) << what << ": " << result.err;
     EXPECT_LT(result.err.size(), 400u) << what << ": " << result.err;
-    EXPECT_NE(result.err.find(c.error), std::string::npos) << what << ": " << result.err;
+    EXPECT_TRUE(contains(result.err, c.error)) << what;
   }
   // Nothing refused wrote anything, nor left a report behind.
   EXPECT_FALSE(std::filesystem::exists(root_ + "/local"));
@@ -529,17 +512,14 @@ TEST_F(CliTest, BadInputIsOneClearLineAndANonZeroExit) {
       run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--report-json", "/dev/full"});
   EXPECT_EQ(full.code, 1);
   EXPECT_EQ(lines(full.err), 1u) << full.err;
-  EXPECT_NE(full.err.find("cannot write the report to /dev/full: No space left on device"),
-            std::string::npos)
-      << full.err;
-  EXPECT_NE(full.out.find("total: 0 accepted"), std::string::npos)
-      << "the run itself is reported: " << full.out;
+  EXPECT_TRUE(contains(full.err, "cannot write the report to /dev/full: No space left on device"));
+  EXPECT_TRUE(contains(full.out, "total: 0 accepted")) << "the run itself is reported: ";
 
   setenv("VESK_SHM_ROOT", "/proc/vesk", 1);
   const auto unwritable = run({"agent", "--changes", "1", "--no-wait"});
   EXPECT_NE(unwritable.code, 0);
   EXPECT_EQ(lines(unwritable.err), 1u) << unwritable.err;
-  EXPECT_NE(unwritable.err.find("/proc/vesk"), std::string::npos) << unwritable.err;
+  EXPECT_TRUE(contains(unwritable.err, "/proc/vesk"));
 }
 
 }  // namespace

@@ -17,6 +17,7 @@
 namespace VeskTool {
 namespace {
 
+using VeskTest::contains;
 using VeskTest::run;
 using Json = nlohmann::json;
 
@@ -97,7 +98,7 @@ TEST_F(RecoveryTest, ALostTcamIsProgrammedAgainFromTheConfiguration) {
   agent("10", "2");
   const auto hw = run({"hw", "--exit-when-idle", "300"});
   ASSERT_EQ(hw.code, 0) << hw.err;
-  EXPECT_NE(hw.err.find("programmed"), std::string::npos) << hw.err;
+  EXPECT_TRUE(contains(hw.err, "programmed"));
   expectHardwareHoldsTheConfiguration();
 }
 
@@ -127,10 +128,10 @@ TEST_F(RecoveryTest, ADamagedTcamIndexIsReportedAndRebuiltByTheHardwareSide) {
     tcam.write(zeros.data(), std::streamsize(zeros.size()));
   }
   const auto shown = run({"show", "--table", kTable, "--unit", "0"});
-  EXPECT_NE(shown.err.find("damaged"), std::string::npos) << shown.out << shown.err;
+  EXPECT_TRUE(contains(shown.err, "damaged")) << shown.out;
   const auto hw = run({"hw", "--exit-when-idle", "300"});
   ASSERT_EQ(hw.code, 0) << hw.err;
-  EXPECT_NE(hw.err.find("rebuilt"), std::string::npos) << hw.err;
+  EXPECT_TRUE(contains(hw.err, "rebuilt"));
   expectHardwareHoldsTheConfiguration();
 }
 
