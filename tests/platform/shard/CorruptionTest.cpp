@@ -168,16 +168,19 @@ TEST_F(CorruptionTest, DamagedHeaderIsReportedOnLookupAndRepairedByTheWriter) {
   EXPECT_TRUE(shard->records.find(Record::of(1, 0).key)->whole()) << "repaired after the report";
 }
 
+// A change log at `name` holding versions 21 to 60 (1 to 20 appended and erased), unmounted.
+void logOfVersions21To60(const std::string& name) {
+  auto shard = mountTestShard(name, 64, 1024);
+  for (uint64_t v = 1; v <= 60; ++v) shard->log.insertOrReplace(LogRecord::of(v));
+  for (uint64_t v = 1; v <= 20; ++v) shard->log.erase(v);
+  unmount(name);
+}
+
 // A tail moved past the slots ever filled (a flipped bit, say) would have the writer compare
 // appends with empty slots, take a version older than the stored ones and then find it
 // nowhere. The writer's mount ends the span at the last filled slot instead.
 TEST_F(CorruptionTest, ALogTailPastTheFilledSlotsIsTrimmedAtTheWriterMount) {
-  {
-    auto shard = mountTestShard("tail", 64, 1024);
-    for (uint64_t v = 1; v <= 60; ++v) shard->log.insertOrReplace(LogRecord::of(v));
-    for (uint64_t v = 1; v <= 20; ++v) shard->log.erase(v);
-    unmount("tail");
-  }
+  logOfVersions21To60("tail");
   {
     Damage d(segmentFile(root, "tail", "log"));
     reinterpret_cast<KestShard::SegmentHeader*>(d.base())->tail += 400;
@@ -195,12 +198,7 @@ TEST_F(CorruptionTest, ALogTailPastTheFilledSlotsIsTrimmedAtTheWriterMount) {
 // a damaged record at either end would have appends go out of order (and then be found
 // nowhere). Readers report it; the writer's mount drops it, reported, and goes on in order.
 TEST_F(CorruptionTest, ADamagedRecordAtEitherEndOfTheLogIsDroppedAtTheWriterMount) {
-  {
-    auto shard = mountTestShard("ends", 64, 1024);
-    for (uint64_t v = 1; v <= 60; ++v) shard->log.insertOrReplace(LogRecord::of(v));
-    for (uint64_t v = 1; v <= 20; ++v) shard->log.erase(v);
-    unmount("ends");
-  }
+  logOfVersions21To60("ends");
   {
     Damage d(segmentFile(root, "ends", "log"));
     d.flipInside(LogRecord::of(60), 0);  // the version itself
