@@ -242,6 +242,22 @@ TEST_F(CliTest, AnAgentWithoutAHardwareSideSaysSoOnceAndWaitsWithoutUsingTheCpu)
   EXPECT_TRUE(contains(gaveUp.out, "(gave up waiting)"));
 }
 
+TEST_F(CliTest, AHardwareSideWithoutAnAgentSaysSoOnceAndWaitsWithoutUsingTheCpu) {
+  Vesktap hw({"hw"});
+  ASSERT_TRUE(hw.awaitOutput("hw: no agent's change log at ")) << hw.out() << hw.err();
+  EXPECT_LT(cpuSecondsOverASecond(hw), 0.05) << "looking for an agent that is not there";
+
+  // An agent comes: every change is taken, and then an idle hardware side costs nothing.
+  const auto agent =
+      run({"agent", "--units", "0", "--keys", "50", "--changes", "200", "--progress-ms", "0"});
+  EXPECT_EQ(agent.code, 0) << agent.err;
+  EXPECT_TRUE(contains(agent.out, "total: 200 accepted, 200 committed, 200 confirmed"));
+  EXPECT_LT(cpuSecondsOverASecond(hw), 0.05) << "looking at change logs that do not move";
+  EXPECT_EQ(occurrences(hw.out(), "no agent"), 1u) << hw.out();
+  hw.signal(SIGTERM);
+  EXPECT_EQ(hw.wait(), 0) << hw.err();
+}
+
 TEST_F(CliTest, AFullChangeLogIsToldOnceAndWaitedForWithoutUsingTheCpuAndNothingIsLost) {
 #ifdef VESK_SANITIZED_BUILD
   // A million changes take minutes under the sanitizers; the release build runs this case,

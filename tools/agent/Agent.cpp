@@ -47,7 +47,8 @@ class AgentLoop final : public TableDriver::Answers {
         waitWatch_(out, options.waitForHardware, kSilentFor),
         issued_(options.workload.size()),
         limit_(adaptive() ? std::min(options.window, kFirstWindow) : options.window),
-        pollInterval_(options.pollEvery) {
+        pollInterval_(options.pollEvery),
+        progressInterval_(options.progressEvery) {
     report_.latenciesUs.reserve(options.workload.size());
   }
 
@@ -190,11 +191,19 @@ class AgentLoop final : public TableDriver::Answers {
       io_.stop();
       return;
     }
-    // Fast while answers come or are due; then ever slower, so that waiting costs nothing.
+    // Fast while answers come or are due; then ever slower, so that waiting costs nothing:
+    // slowest while no hardware side takes changes at all, yet soon enough to give up on time.
     if (now - lastActivity_ < kBusyFor) {
       pollInterval_ = options_.pollEvery;
     } else {
-      pollInterval_ = std::min<std::chrono::microseconds>(pollInterval_ * 2, kSlowestPoll);
+      const auto stalled = waitWatch_.stalledFor(now);
+      auto slowest = stalled >= kStalledAfter ? kStalledPoll : kSlowestPoll;
+      if (options_.giveUpAfter.count() > 0 && stalled > Clock::duration::zero()) {
+        const auto left =
+            std::chrono::duration_cast<std::chrono::microseconds>(options_.giveUpAfter - stalled);
+        slowest = std::clamp(left, options_.pollEvery, slowest);
+      }
+      pollInterval_ = std::min<std::chrono::microseconds>(pollInterval_ * 2, slowest);
     }
     armPoll();
   }
@@ -216,8 +225,9 @@ class AgentLoop final : public TableDriver::Answers {
   }
 
   // A line when something moved since the previous one; a stalled run is told by WaitWatch.
+  // While nothing moves it looks ever less often, up to once a second.
   void printProgress() {
-    progressTimer_.expires_after(options_.progressEvery);
+    progressTimer_.expires_after(progressInterval_);
     progressTimer_.async_wait([this](const asio::error_code& error) {
       if (error) return;
       uint64_t committed = 0;
@@ -230,6 +240,11 @@ class AgentLoop final : public TableDriver::Answers {
         fmt::print(out_, "{} ({:.0f} changes/s)\n", line, double(confirmed) / seconds);
         out_.flush();
         lastProgress_ = std::move(line);
+        progressInterval_ = options_.progressEvery;
+      } else {
+        progressInterval_ =
+            std::min(progressInterval_ * 2,
+                     std::max<std::chrono::milliseconds>(options_.progressEvery, kSlowestProgress));
       }
       printProgress();
     });
@@ -281,12 +296,16 @@ class AgentLoop final : public TableDriver::Answers {
   Clock::time_point start_;
   Clock::time_point lastActivity_;  // changes committed or taken by the hardware side
   std::chrono::microseconds pollInterval_;
+  std::chrono::milliseconds progressInterval_;
   std::string lastProgress_;
 
   static constexpr uint32_t kFirstWindow = 256;
   static constexpr uint32_t kSmallestWindow = 16;
   static constexpr auto kBusyFor = std::chrono::milliseconds(10);
   static constexpr std::chrono::microseconds kSlowestPoll = std::chrono::milliseconds(20);
+  static constexpr auto kStalledAfter = std::chrono::milliseconds(500);
+  static constexpr std::chrono::microseconds kStalledPoll = std::chrono::milliseconds(250);
+  static constexpr auto kSlowestProgress = std::chrono::seconds(1);
   static constexpr auto kSilentFor = std::chrono::seconds(2);
 };
 

@@ -24,6 +24,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
+constexpr auto kLookForLogEvery = std::chrono::milliseconds(250);
+
 // A change that cannot be read or applied: since when, why, and what mends it.
 struct Stuck {
   uint64_t version;
@@ -66,6 +68,11 @@ class HwTableOf final : public HwTable {
 
   uint64_t step(uint64_t budget, std::chrono::microseconds delay) override {
     if (!log_) {
+      // No agent yet: looked for again now and then, not at every poll (a mount that finds
+      // nothing costs system calls).
+      const auto now = Clock::now();
+      if (now < nextLookForLog_) return 0;
+      nextLookForLog_ = now + kLookForLogEvery;
       log_ = mountAgentShard<LogShard>(agentEm_, Traits::Constants::tableEntryLogShardPath(),
                                        "entryLogConfig", 1000000);
       if (!log_) return 0;
@@ -199,6 +206,7 @@ class HwTableOf final : public HwTable {
   Nimbo::Ptr<KestSharedMem::EntityManager> agentEm_;
   uint64_t processed_;
   Nimbo::Ptr<LogShard> log_;
+  Clock::time_point nextLookForLog_;  // while there is no log
   std::optional<Stuck> stuck_;
   std::map<Asic::UnitId, Nimbo::Ptr<Tcam>> tcams_;
   std::map<Asic::UnitId, Nimbo::Ptr<ConfigShard>> configs_;
@@ -209,6 +217,8 @@ class HwTableOf final : public HwTable {
 constexpr uint64_t kBatch = 4096;
 constexpr auto kBusyFor = std::chrono::milliseconds(10);
 constexpr std::chrono::microseconds kSlowestPoll = std::chrono::milliseconds(5);
+constexpr auto kIdleAfter = std::chrono::seconds(1);
+constexpr std::chrono::microseconds kSlowestIdlePoll = std::chrono::milliseconds(25);
 constexpr auto kTellAfter = std::chrono::seconds(2);
 
 // Says once what keeps an idle hardware side from working: no agent's change log at all
@@ -318,9 +328,12 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
     tellWhatHoldsItUp(tables, start, now, toldNoAgent, out, err);
     if (now - lastWork >= options.spinFor) {
       io.run_for(idleSleep);
-      // Idle for a while: ever longer sleeps, so that waiting costs nothing.
-      if (now - lastWork > kBusyFor)
-        idleSleep = std::min<std::chrono::microseconds>(idleSleep * 2, kSlowestPoll);
+      // Idle for a while: ever longer sleeps, so that waiting costs nothing; short enough
+      // at first that a burst of changes after a pause is taken soon.
+      if (now - lastWork > kBusyFor) {
+        idleSleep = std::min<std::chrono::microseconds>(
+            idleSleep * 2, now - lastWork > kIdleAfter ? kSlowestIdlePoll : kSlowestPoll);
+      }
     }
   }
   for (size_t t = 0; t < kTableCount; ++t) report.taken[t] = tables[t]->processed();
