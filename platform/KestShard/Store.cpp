@@ -16,7 +16,7 @@ namespace KestShard {
 void (*publishHook)() noexcept = nullptr;
 
 Store::Store(Nimbo::Ptr<Segment> segment, Nimbo::String name)
-    : Shard::ShardMapBase(std::move(name)),
+    : ::Shard::ShardMapBase(std::move(name)),
       segment_(std::move(segment)),
       control_(Nimbo::make<CollectionControl>(segment_)),
       salt_(segment_->header().salt) {}
