@@ -1,9 +1,8 @@
 // What is checked on the reference table type alone: exact trace texts (keys print
-// differently per type), where mounts go, and the log messages the entry logs define.
+// differently per type) and where mounts go.
 
 #include <cstdlib>
 
-#include "Kest/Log.h"
 #include "Kest/Trace.h"
 #include "VeskTapAgg/EntryLogTestSupport.h"
 
@@ -84,43 +83,6 @@ TEST_F(DefaultFwdTcamEntryEntryLogTest, NotLocalEmMountsInTheSharedNamespace) {
             0);
   Agent local;  // without it, the same agent finds nothing of that
   EXPECT_EQ(local.log().tableVersion(), LogVersion(0));
-}
-
-TEST_F(DefaultFwdTcamEntryEntryLogTest, DefinesThreeMessagesOfSeverityThree) {
-  struct Expected {
-    const char* name;
-    const char* format;
-    const char* explanation;
-  };
-  const Expected expected[] = {
-      {"HW_ABSTRACTION_EXCEPTION", "%s", "Exception"},
-      {"HW_ABSTRACTION_RELAUNCH_ERROR", "%s",
-       "Duplicate Writer Detected, shard path not cleaned up"},
-      {"HW_ABSTRACTION_ERROR", "Hardware abstraction error: unable to load item: %s",
-       "Hardware abstraction error: unable to load some persistent items. Some agents will be "
-       "restarted"},
-  };
-  for (const auto& e : expected) {
-    const Kest::LogHandle* handle = Kest::findLogHandle(e.name);
-    ASSERT_NE(handle, nullptr) << e.name;
-    EXPECT_STREQ(handle->descriptor().format, e.format);
-    EXPECT_STREQ(handle->descriptor().explanation, e.explanation);
-    EXPECT_STREQ(handle->descriptor().recommendedAction, "\x01");
-    EXPECT_EQ(handle->descriptor().severity, 3u);
-  }
-}
-
-TEST_F(DefaultFwdTcamEntryEntryLogTest, FactoriesMakeTheNamedClass) {
-  Agent agent;
-  auto viaFactory = VeskTapAgg::defaultFwdTcamEntryEntryLogFactory(
-      Traits::tableId, agent.em, agent.groupInterface, kTestAgent);
-  auto viaIs = VeskTapAgg::DefaultFwdTcamEntryEntryLog::DefaultFwdTcamEntryEntryLogIs(
-      Traits::tableId, agent.em, agent.groupInterface, kTestAgent);
-  EXPECT_NE(viaFactory.ptr(), viaIs.ptr());
-  EXPECT_EQ(viaFactory->tableId(), Traits::tableId);
-  EXPECT_EQ(viaIs->agentName(), kTestAgent);
-  EXPECT_EQ(viaFactory->tableEntryLog().ptr(), viaIs->tableEntryLog().ptr())
-      << "both write the one change log of the table type";
 }
 
 }  // namespace

@@ -133,6 +133,8 @@ TEST_F(SwTableSpecialsTest, UpdateWritesWhatTheHelperChanged) {
   SwTableRig<VeskTapAgg::DefaultFwdTcamActionTraits> rig;
   rig.write(1, 7);
   rig.settle();
+  EXPECT_FALSE(rig.table->updateEntry(rig.key(2))) << "no such entry";
+  EXPECT_EQ(rig.table->updateEntry(rig.key(1))->logVersion(), LogVersion(1)) << "default: as is";
   auto helper = Nimbo::make<RetaggingHelper>();
   rig.table->swTableHelperIs(helper);
   helper->commit = false;

@@ -49,27 +49,14 @@ TEST(SwTableFactories, SixPerTableTypeAreExportedAndEachClassHasItsStaticIs) {
                                decltype(&VeskTapAgg::lower##ResolverEntryFactory)>);              \
   static_assert(                                                                                  \
       std::is_same_v<decltype(&VeskTapAgg::Name##SwTableHelperBase::Name##SwTableHelperBaseIs),   \
-                     decltype(&VeskTapAgg::lower##SwTableHelperBaseFactory)>);
+                     decltype(&VeskTapAgg::lower##SwTableHelperBaseFactory)>);                    \
+  static_assert(std::is_same_v<decltype(&VeskTapAgg::Name##EntryLog::Name##EntryLogIs),           \
+                               decltype(&VeskTapAgg::lower##EntryLogFactory)>);
   VESK_TAPAGG_TABLES(VESK_TEST_FACTORIES)
 #undef VESK_TEST_FACTORIES
 
-  // What they make.
-  using Traits = VeskTapAgg::DefaultFwdTcamEntryTraits;
   TempShmRoot root;
-  SwTableRig<Traits> rig;
-  auto handle = VeskTapAgg::DefaultFwdTcamEntrySwTable::entryHandleFactory(
-      Asic::EntryVersion(0, 0), rig.key(1), rig.table.ptr());
-  auto wrapper = VeskTapAgg::defaultFwdTcamEntryEntryWrapperFactory(rig.entry(1), handle);
-  EXPECT_EQ(wrapper->entry(), rig.entry(1));
-  EXPECT_EQ(wrapper->entryHandle().ptr(), handle.ptr());
-  auto resolverEntry = VeskTapAgg::defaultFwdTcamEntryResolverEntryFactory(
-      nullptr, Asic::EntryFlags::remove, rig.table.ptr(), wrapper);
-  EXPECT_TRUE(resolverEntry->isEntryDeleted());
-  EXPECT_EQ(resolverEntry->entryWrapper().ptr(), wrapper.ptr());
-  EXPECT_FALSE(VeskTapAgg::defaultFwdTcamEntrySwTableHelperBaseFactory()->finalizeOnFailure(
-      wrapper, false, rig.table));
-  EXPECT_EQ(VeskTapAgg::defaultFwdTcamEntrySwTableIteratorStateFactory()->swTable(), nullptr);
-
+  SwTableRig<VeskTapAgg::DefaultFwdTcamEntryTraits> rig;
   // The entry log's map of units hashes under a salt of its own, not the scripting view's.
   EXPECT_NE(rig.agent.log().tableConfigShards().seed(),
             rig.table->getTableEntries_py()->tableEntriesColl().seed());
@@ -227,20 +214,6 @@ TYPED_TEST(SwTableTest, ClearTableTombstonesEverythingUnderOneVersion) {
   EXPECT_EQ(rig.agent.log().entrysInDeletion(Asic::UnitId(0)), 2u);
   EXPECT_EQ(rig.table->entrys(), 0u);
   EXPECT_EQ(rig.table->stats().tableClearCnt(), 1u);
-}
-
-TYPED_TEST(SwTableTest, UpdateWithTheDefaultHelperWritesOnlyAChange) {
-  typename TestFixture::Rig rig;
-  EXPECT_FALSE(rig.table->updateEntry(rig.key(1))) << "no such entry";
-  rig.write(1);
-  rig.settle();
-  auto h = rig.table->updateEntry(rig.key(1));
-  ASSERT_TRUE(h);
-  EXPECT_EQ(h->entryState(), EntryState::inLog);
-  EXPECT_EQ(h->logVersion(), LogVersion(1)) << "unchanged: the version in the log";
-  EXPECT_EQ(h->entryVersion(), EntryVersion(0, 0));
-  EXPECT_EQ(rig.table->stats().updateCnt(), 0u);
-  EXPECT_EQ(rig.agent.log().tableVersion(), LogVersion(1));
 }
 
 TYPED_TEST(SwTableTest, ARestartedAgentServesWhatWasCommitted) {

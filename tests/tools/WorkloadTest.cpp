@@ -5,7 +5,6 @@
 
 #include <sstream>
 
-#include "tools/core/TableDispatch.h"
 #include "tools/core/Workload.h"
 
 namespace VeskTool {
@@ -39,17 +38,6 @@ TEST(WorkloadFileTest, EveryFormOfChangeReadsBackAsWritten) {
     std::istringstream again(formatChange(c));
     EXPECT_EQ(parseWorkload(again, "again"), std::vector<Change>{c}) << formatChange(c);
   }
-}
-
-TEST(WorkloadFileTest, EveryTableOfTheCatalogueIsKnownByName) {
-  std::ostringstream text;
-  for (size_t t = 0; t < kTableCount; ++t) {
-    text << "write " << VeskTapAgg::kCatalogue[t].name << " 0 " << t << "\n";
-  }
-  std::istringstream in(text.str());
-  const auto changes = parseWorkload(in, "changes.txt");
-  ASSERT_EQ(changes.size(), kTableCount);
-  for (size_t t = 0; t < kTableCount; ++t) EXPECT_EQ(changes[t].table, t);
 }
 
 TEST(WorkloadFileTest, AMalformedLineIsNamedByNumberAndNothingIsReturned) {

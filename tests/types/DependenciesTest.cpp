@@ -18,12 +18,6 @@ TEST(DependencyEntryHandle, ClassifiesEveryState) {
   }
 }
 
-TEST(DependencyEntryHandle, PrintsItsClassification) {
-  EXPECT_EQ(fmt::format("{}", Asic::DependencyEntryHandle(0)), "unresolved");
-  EXPECT_EQ(fmt::format("{}", Asic::DependencyEntryHandle(4)), "resolved(4)");
-  EXPECT_EQ(fmt::format("{}", Asic::DependencyEntryHandle(6)), "failed(6)");
-}
-
 TEST(NeededEntry, HoldsEachNeedOnceAndPrintsThemInOrder) {
   Nimbo::Ptr<Asic::NeededEntry> needed(new Asic::NeededEntry);
   EXPECT_TRUE(needed->empty());

@@ -2,7 +2,7 @@
 // inspection, under one name per field.
 #include <gtest/gtest.h>
 
-#include "Kest/ModuleInspectData.h"
+#include "Kest/RecordType.h"
 #include "types/TableTypes.h"
 
 namespace {
@@ -139,41 +139,8 @@ TEST(RecordInspection, TheFrameworkReadsFieldsByNameWithoutTheType) {
   EXPECT_EQ(ip.fieldValue(&key.dstIp, *ip.field("value")), Kest::Value(Nimbo::String("10.0.0.1")));
 }
 
-// The types library announces one module per table type with its six records, and one
-// with the records they share; each record's fields cover its bytes (the type record stops
-// the process otherwise, when it is built at load).
-TEST(RecordModules, EveryTableTypeListsItsSixRecordsWithTheirSizes) {
-  size_t tables = 0;
-#define VESK_CHECK_RECORDS(Name, ...)                                                    \
-  {                                                                                      \
-    const auto* module =                                                                 \
-        Nimbo::ModuleInspectData::module(Kest::ModuleTypeData::nameOf(#Name "Records")); \
-    ASSERT_NE(module, nullptr) << #Name;                                                 \
-    ASSERT_EQ(module->records().size(), 6u);                                             \
-    const std::pair<const char*, size_t> records[] = {                                   \
-        {"EntryKey", sizeof(VeskTapAgg::Name##EntryKey)},                                \
-        {"Entry", sizeof(VeskTapAgg::Name##Entry)},                                      \
-        {"LogEntry", sizeof(VeskTapAgg::Name##LogEntry)},                                \
-        {"ResourceKeys", sizeof(VeskTapAgg::Name##ResourceKeys)},                        \
-        {"ConfigShardEntry", sizeof(VeskTapAgg::Name##ConfigShardEntry)},                \
-        {"LogShardEntry", sizeof(VeskTapAgg::Name##LogShardEntry)}};                     \
-    for (const auto& [suffix, size] : records) {                                         \
-      const Kest::RecordType* r = module->record(std::string(#Name) + suffix);           \
-      ASSERT_NE(r, nullptr) << #Name << suffix;                                          \
-      EXPECT_EQ(r->size(), size) << r->name();                                           \
-    }                                                                                    \
-    ++tables;                                                                            \
-  }
-  VESK_TAPAGG_TABLES(VESK_CHECK_RECORDS)
-#undef VESK_CHECK_RECORDS
-  EXPECT_EQ(tables, 10u);
-  const auto* shared =
-      Nimbo::ModuleInspectData::module(Kest::ModuleTypeData::nameOf("TcamRecords"));
-  ASSERT_NE(shared, nullptr);
-  EXPECT_NE(shared->record("TcamAction"), nullptr);
-  EXPECT_NE(shared->record("Ip6Match"), nullptr);
-}
-
+// A record's fields must cover its bytes: the type record stops the process otherwise, when
+// it is built at load.
 TEST(RecordTypeDeathTest, AFieldTableThatMissesBytesStopsTheProcess) {
   EXPECT_DEATH(Kest::RecordType(
                    "Gappy", 8, Kest::RecordType::Form::fields,

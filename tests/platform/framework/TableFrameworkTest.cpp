@@ -100,9 +100,6 @@ TEST(EntryHandleTest, AnnouncesStateChangesOnly) {
   handle->entryStateIs(Asic::EntryState::created);
   handle->entryStateIs(Asic::EntryState::inLog);
   handle->logVersionIs(Asic::LogVersion(7));
-  EXPECT_EQ(handle->entryState(), Asic::EntryState::inLog);
-  EXPECT_EQ(handle->logVersion(), Asic::LogVersion(7));
-  EXPECT_EQ(handle->entryVersion(), Asic::EntryVersion::first());
   EXPECT_EQ(recorder.seen, std::vector<std::string>{"entryState"});
 }
 

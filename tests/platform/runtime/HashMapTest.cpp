@@ -41,21 +41,13 @@ struct ConstantHasher {
 
 // --- Basic operations ---
 
-TEST(HashMap2018, InsertFindReplaceAndErase) {
+// Inserts, replaces and erases are checked against std::map below; here what that does not do.
+TEST(HashMap2018, AFoundValueChangesInPlaceAndAClearedMapIsUsedAgain) {
   Map m(1);
-  EXPECT_EQ(m.find(5), m.end());
-  EXPECT_FALSE(m.erase(5));
-  EXPECT_TRUE(m.insertOrReplace(5, 50).second);
-  EXPECT_TRUE(m.insertOrReplace(6, 60).second);
-  auto [it, inserted] = m.insertOrReplace(5, 55);
-  EXPECT_FALSE(inserted);
-  EXPECT_EQ(it->second, 55);
-  m.find(6)->second = 66;
-  EXPECT_EQ(m.find(6)->second, 66);
-  EXPECT_EQ(m.size(), 2u);
-  EXPECT_TRUE(m.erase(5));
-  EXPECT_FALSE(m.contains(5));
-  EXPECT_TRUE(m.contains(6));
+  EXPECT_EQ(m.insertOrReplace(5, 55).first->second, 55);
+  m.find(5)->second = 66;
+  EXPECT_EQ(m.find(5)->second, 66) << "a found value changes in place";
+  EXPECT_TRUE(m.contains(5));
   m.clear();
   EXPECT_TRUE(m.empty());
   EXPECT_EQ(m.begin(), m.end());

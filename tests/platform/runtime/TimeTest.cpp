@@ -42,13 +42,4 @@ TEST(Clock, NowUtcIsTheSystemsCalendarTime) {
   EXPECT_LE(now, after);
 }
 
-TEST(Clock, MonotonicTimeNeverGoesBack) {
-  Time previous = Kest::monotonicNow();
-  for (int i = 0; i < 1000; ++i) {
-    const Time now = Kest::monotonicNow();
-    ASSERT_GE(now, previous);
-    previous = now;
-  }
-}
-
 }  // namespace

@@ -79,9 +79,8 @@ TEST(TraceSetting, KeepsMalformedItemsAsideAndUsesTheRest) {
 // --- Masks of new handles ---
 
 TEST_F(TraceTest, ANewHandleTakesItsMaskFromVeskTraceAtThatMoment) {
-  setenv("VESK_TRACE", "EnvFirst/8,EnvRange/0-9", 1);
+  setenv("VESK_TRACE", "EnvFirst/8", 1);
   EXPECT_EQ(Kest::traceHandle("EnvFirst").levelMask(), bit(8));
-  EXPECT_EQ(Kest::traceHandle("EnvRange").levelMask(), 0x3ffu);
   EXPECT_EQ(Kest::traceHandle("EnvOther").levelMask(), 0u);
   setenv("VESK_TRACE", "EnvFirst/1,EnvLater/2+3", 1);
   EXPECT_EQ(Kest::traceHandle("EnvLater").levelMask(), bit(2) | bit(3));

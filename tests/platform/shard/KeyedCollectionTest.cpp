@@ -19,21 +19,6 @@ std::vector<uint32_t> idsInOrder(const Records& records) {
   return ids;
 }
 
-TEST_F(KeyedCollectionTest, InsertReplaceEraseAndCount) {
-  auto shard = mountTestShard("a/b");
-  Records& r = shard->records;
-  EXPECT_FALSE(r.find(Record::of(1, 0).key));
-  r.insertOrReplace(Record::of(1, 1));
-  r.insertOrReplace(Record::of(2, 1));
-  r.insertOrReplace(Record::of(1, 2));  // replace
-  EXPECT_EQ(r.count(), 2u);
-  EXPECT_EQ(r.find(Record::of(1, 0).key)->generation, 2u);
-  EXPECT_TRUE(r.erase(Record::of(2, 0).key));
-  EXPECT_FALSE(r.erase(Record::of(2, 0).key));
-  EXPECT_FALSE(r.contains(Record::of(2, 0).key));
-  EXPECT_EQ(r.count(), 1u);
-}
-
 // A large index is reserved chunk by chunk as records arrive, so a few records leave
 // most chunks unreserved, and a walk must skip exactly the empty chunks, whose bucket
 // boundaries are not multiples of the buckets per chunk.
@@ -81,24 +66,6 @@ TEST_F(KeyedCollectionTest, RandomOperationsMatchAnOrdinaryMap) {
   std::vector<uint32_t> walked = idsInOrder(r);
   EXPECT_EQ(std::set<uint32_t>(walked.begin(), walked.end()).size(), model.size());
   EXPECT_EQ(walked.size(), model.size());
-}
-
-TEST_F(KeyedCollectionTest, FullCollectionRefusesNewKeysAndKeepsEverything) {
-  auto shard = mountTestShard("full", 100);
-  Records& r = shard->records;
-  for (uint32_t id = 0; id < 100; ++id) r.insertOrReplace(Record::of(id, 1));
-  try {
-    r.insertOrReplace(Record::of(100, 1));
-    FAIL() << "the record past capacity was accepted";
-  } catch (const Nimbo::CapacityExceededException& e) {
-    EXPECT_NE(std::string(e.what()).find("capacity of 100 records"), std::string::npos) << e.what();
-  }
-  EXPECT_FALSE(r.contains(Record::of(100, 0).key));
-  r.insertOrReplace(Record::of(5, 2));  // replacing stays possible when full
-  EXPECT_EQ(r.count(), 100u);
-  for (uint32_t id = 0; id < 100; ++id) {
-    EXPECT_EQ(r.find(Record::of(id, 0).key)->generation, id == 5 ? 2u : 1u);
-  }
 }
 
 TEST_F(KeyedCollectionTest, IterationIsPositionedByKeyAndSurvivesErasingAsItGoes) {

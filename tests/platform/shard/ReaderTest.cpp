@@ -68,12 +68,6 @@ TEST_F(ReaderTest, ReaderInAnotherProcessNeverSeesATornRecord) {
   EXPECT_GE(generationsSeen.size(), 300u) << "the reader should have raced the writer";
 }
 
-}  // namespace
-}  // namespace ShardTest
-
-namespace ShardTest {
-namespace {
-
 // A writer that stopped in the middle of a change leaves the generation odd: a reader can
 // still trust whole records, but never an absence, and says so instead of spinning.
 TEST_F(ReaderTest, ReaderGivesUpClearlyOnAWriterStoppedMidChange) {

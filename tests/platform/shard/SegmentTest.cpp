@@ -221,28 +221,6 @@ TEST_F(SegmentTest, FindEntitiesListsShardsBelowAPath) {
   EXPECT_FALSE(em->getEntity("t/none"));
 }
 
-}  // namespace
-}  // namespace ShardTest
-
-namespace ShardTest {
-namespace {
-
-TEST_F(SegmentTest, LocalAndSharedManagersAreSeparateNamespaces) {
-  auto local = KestSharedMem::EntityManager::getEntityManager("agent", true);
-  auto shared = KestSharedMem::EntityManager::getEntityManager("agent", false);
-  EXPECT_NE(local, shared);
-  EXPECT_EQ(local, KestSharedMem::EntityManager::getEntityManager("agent", true));
-  auto group = shared->getMountGroup();
-  group->mount("p", kTestShardType, mountInfo(KestShard::KestShardType::writer, 64, 64));
-  EXPECT_EQ(group->pending(), 1u);
-  group->doClose();
-  EXPECT_EQ(group->pending(), 0u);
-  EXPECT_TRUE(shared->getEntity("p"));
-  EXPECT_FALSE(local->getEntity("p"));
-  EXPECT_TRUE(std::filesystem::exists(root.path() + "/shared/agent/p/records"));
-  EXPECT_FALSE(std::filesystem::exists(root.path() + "/local/agent/p"));
-}
-
 TEST_F(SegmentTest, UnknownShardTypeOrMissingCapacityIsAClearError) {
   auto em = KestSharedMem::EntityManager::getEntityManager("agent", true);
   auto group = em->getMountGroup();
