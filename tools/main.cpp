@@ -5,17 +5,16 @@
 //   vesktap hw [options]         the hardware side: change logs into simulated TCAMs
 //   vesktap show [options]       what the shared memory holds, as text or JSON
 //
-// VESK_SHM_ROOT picks the shared-memory root (default /dev/shm/vesk); VESK_TRACE switches
-// tracing on, e.g. VESK_TRACE="DefaultFwdTcamEntrySwTable/2"; VESK_LOG_STDERR=1 copies the
-// system-log messages (wiped or damaged shared memory, relaunches) to stderr, which
-// happens anyway where there is no syslog socket. A usage error exits 2, any other
-// failure 1, each with one line on stderr.
+// Data and reports go to stdout, progress and status to stderr. A usage error exits 2, any
+// other failure 1, each with one line on stderr; stopped by SIGINT or SIGTERM, 130 or 143.
+// The environment every command reads is in kEnvironment below (and in each --help).
 
 #include <unistd.h>
 
 #include <charconv>
 #include <climits>
 #include <iostream>
+#include <string_view>
 
 #include <fmt/ostream.h>
 #include <CLI/CLI.hpp>
@@ -39,6 +38,27 @@ class UsageError : public std::runtime_error {
 
 constexpr uint64_t kMaxChanges =
     100000000;  // a workload's changes take ~30 bytes each in the agent
+
+constexpr const char* kEnvironment =
+    "Environment:\n"
+    "  VESK_SHM_ROOT    the shared-memory root (default /dev/shm/vesk)\n"
+    "  VESK_TRACE       tracing: Name/levels items, comma-separated; levels 0 to 31 as N, A-B\n"
+    "                   or N+M; the name * stands for every handle\n"
+    "                   (e.g. VESK_TRACE=DefaultFwdTcamEntrySwTable/2,ShardMapBase/1)\n"
+    "  VESK_LOG_STDERR  1: copy system-log messages (wiped or damaged shared memory,\n"
+    "                   relaunches) to stderr, as happens anyway without a syslog socket;\n"
+    "                   0: never\n"
+    "Output: data and reports on stdout; progress and status on stderr.\n"
+    "Exit status: 0 done, 1 failed, 2 usage error, 130 and 143 stopped by SIGINT and SIGTERM.";
+
+// A command's help footer: what else to know, the environment, an example.
+std::string footer(std::string_view about, std::string_view example) {
+  return fmt::format("{}{}{}\nExample:\n  {}", about, about.empty() ? "" : "\n\n", kEnvironment,
+                     example);
+}
+
+// The exit status of a command that SIGINT or SIGTERM stopped, as a shell reports it.
+int stoppedBy(int signal) { return signal ? 128 + signal : 0; }
 
 // A whole number from `min` to `max`, written in decimal; anything else (a sign, a
 // fraction, a number out of range) is refused naming the word as given, cut short.
@@ -98,11 +118,10 @@ std::vector<uint8_t> tableIndices(const std::vector<std::string>& names) {
 int main(int argc, char** argv) {
   CLI::App app{"VeskTap: software tables of a switch's TCAMs, in shared memory"};
   app.require_subcommand(1);
-  app.footer(
-      "Environment: VESK_SHM_ROOT the shared-memory root (default /dev/shm/vesk); VESK_TRACE "
-      "tracing, e.g. DefaultFwdTcamEntrySwTable/2; VESK_LOG_STDERR=1 copies system-log messages "
-      "(wiped or damaged shared memory, relaunches) to stderr, as happens anyway without a syslog "
-      "socket (0: never).\nExit codes: 0 done, 1 failed, 2 usage error.");
+  app.set_version_flag("--version", std::string("vesktap ") + VESK_VERSION,
+                       "Print the version and exit");
+  app.option_defaults()->always_capture_default();
+  app.footer(footer("", "vesktap demo"));
 
   DemoOptions demo;
   auto* demoCmd = app.add_subcommand(
@@ -115,6 +134,7 @@ int main(int argc, char** argv) {
   demoCmd->add_option("--seed", demo.seed, "seed of the generated workload")
       ->transform(whole(0, UINT64_MAX));
   demoCmd->add_flag("--keep", demo.keep, "keep the shared-memory root afterwards");
+  demoCmd->footer(footer("", "vesktap demo --units 4 --changes 200000"));
 
   AgentOptions agent;
   WorkloadSpec spec;
@@ -125,8 +145,9 @@ int main(int argc, char** argv) {
   auto* agentCmd = app.add_subcommand(
       "agent", "Run the agent: restore (or clear) the units' tables and apply a workload");
   agentCmd->footer(
-      "Changes that wait on the hardware side (none running, or a change log full) are told "
-      "once and waited for without using the CPU; --give-up-ms ends the wait.");
+      footer("Changes that wait on the hardware side (none running, or a change log full) are told "
+             "once and waited for without using the CPU; --give-up-ms ends the wait.",
+             "vesktap agent --units 0 1 --changes 100000 --report-json -"));
   agentCmd->add_option("--units", agent.units, "units to drive")->transform(whole(0, 65535));
   agentCmd->add_flag("--clear", agent.clear, "clear the units' tables instead of restoring them");
   agentCmd->add_option("--tables", tableNames,
@@ -167,18 +188,19 @@ int main(int argc, char** argv) {
                    "give up (exit 1) when changes have waited this long with no hardware side "
                    "taking any (0: wait until Ctrl-C)")
       ->transform(whole(0, INT_MAX));
-  agentCmd->add_option(
-      "--report-json", reportJson,
-      "write the report as JSON to this file (refused before the run if it cannot be written)");
+  agentCmd->add_option("--report-json", reportJson,
+                       "write the report as JSON to this file, or to stdout for - (a file is "
+                       "refused before the run if it cannot be written)");
 
   HardwareOptions hw;
   int hwDelayUs = 0, hwIdleMs = 0, hwProgressMs = 0, hwSpinUs = int(hw.spinFor.count());
   auto* hwCmd =
       app.add_subcommand("hw", "Run the hardware side: apply the change logs to simulated TCAMs");
-  hwCmd->footer(
+  hwCmd->footer(footer(
       "A TCAM file it cannot use (a symlink, a directory, another owner or mode) stops it with "
       "exit 1, naming the file; what it waits for (an agent, a change it cannot read) it says "
-      "once.");
+      "once.",
+      "vesktap hw --progress-ms 1000"));
   hwCmd->add_option("--delay", hwDelayUs, "microseconds per change, to model a slow TCAM")
       ->transform(whole(0, 1000000));
   hwCmd->add_option("--rate", hw.rate, "changes per second at most (0: no limit)")
@@ -205,6 +227,7 @@ int main(int argc, char** argv) {
   showCmd->add_option("--unit", showUnit, "only this unit")->transform(whole(0, 65535));
   showCmd->add_flag("--entries", show.entries, "list every live entry");
   showCmd->add_flag("--json", show.json, "print JSON");
+  showCmd->footer(footer("", "vesktap show --table DefaultFwdTcamEntry --unit 0 --entries"));
 
   // Every refusal is one line on stderr, as for the errors the commands themselves raise.
   app.failure_message([](const CLI::App*, const CLI::Error& e) {
@@ -230,7 +253,8 @@ int main(int argc, char** argv) {
       return runDemo(demo, std::cout);
     }
     if (*agentCmd) {
-      if (!reportJson.empty()) {
+      const bool reportToStdout = reportJson == "-";
+      if (!reportJson.empty() && !reportToStdout) {
         try {
           checkWritable(reportJson);
         } catch (const std::runtime_error& e) {
@@ -255,16 +279,22 @@ int main(int argc, char** argv) {
       agent.verify = !noVerify;
       agent.progressEvery = std::chrono::milliseconds(progressMs);
       agent.giveUpAfter = std::chrono::milliseconds(giveUpMs);
-      const AgentReport report = runAgent(agent, std::cout);
-      printAgentSummary(report, std::cout);
+      const AgentReport report = runAgent(agent, std::cerr);
+      // Stdout holds one kind of data: the JSON report when it goes there, else the summary.
+      printAgentSummary(report, reportToStdout ? std::cerr : std::cout);
+      if (reportToStdout) {
+        std::cout << agentReportJson(report) << '\n';
+      } else if (!reportJson.empty()) {
+        writeReport(reportJson, agentReportJson(report) + "\n");
+      }
       std::cout.flush();
-      if (!reportJson.empty()) writeReport(reportJson, agentReportJson(report) + "\n");
       if (report.gaveUp) {
         throw std::runtime_error(fmt::format(
             "gave up after {} ms without a hardware side taking changes (start `vesktap hw` on "
             "this shared-memory root, or raise --give-up-ms)",
             giveUpMs));
       }
+      if (report.interrupted) return stoppedBy(report.stopSignal);
       return report.mismatches == 0 ? 0 : 1;
     }
     if (*hwCmd) {
@@ -272,11 +302,11 @@ int main(int argc, char** argv) {
       hw.spinFor = std::chrono::microseconds(hwSpinUs);
       hw.exitWhenIdle = std::chrono::milliseconds(hwIdleMs);
       hw.progressEvery = std::chrono::milliseconds(hwProgressMs);
-      const HardwareReport report = runHardwareSide(hw, std::cout, std::cerr);
+      const HardwareReport report = runHardwareSide(hw, std::cerr);
       uint64_t applied = 0;
       for (uint64_t a : report.applied) applied += a;
       fmt::print(std::cout, "hw: {} changes applied\n", applied);
-      return 0;
+      return stoppedBy(report.stopSignal);
     }
     if (*showCmd) {
       if (!showTable.empty()) {

@@ -54,12 +54,14 @@ class Vesktap {
     unlink(outPath_.c_str());
     unlink(errPath_.c_str());
   }
-  // Waits for the program; its exit code, or 128 + the signal that ended it.
+  // Waits for the program; its exit code, or kDiedBy + the signal that killed it (apart
+  // from the 128 + signal a program exits with when it stops cleanly on one).
+  static constexpr int kDiedBy = 256;
   int wait() {
     if (!waited_) {
       int status = 0;
       waitpid(pid_, &status, 0);
-      code_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+      code_ = WIFEXITED(status) ? WEXITSTATUS(status) : kDiedBy + WTERMSIG(status);
       waited_ = true;
     }
     return code_;
@@ -68,14 +70,17 @@ class Vesktap {
   pid_t pid() const { return pid_; }
   std::string out() const { return read(outPath_); }
   std::string err() const { return read(errPath_); }
-  // Waits until the output holds `text`; false if the program ended first, or had not
-  // written it after `seconds`.
+  // Waits until stdout or stderr holds `text`; false if the program ended first, or had
+  // not written it after `seconds`.
   bool awaitOutput(const std::string& text, int seconds = 30) {
+    const auto written = [&] {
+      return out().find(text) != std::string::npos || err().find(text) != std::string::npos;
+    };
     for (int i = 0; i < seconds * 100; ++i) {
-      if (out().find(text) != std::string::npos) return true;
+      if (written()) return true;
       if (waitpid(pid_, nullptr, WNOHANG) == pid_) {
         waited_ = true;
-        return out().find(text) != std::string::npos;
+        return written();
       }
       std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }

@@ -89,7 +89,19 @@ std::map<uint16_t, std::map<std::string, std::string>> shownEntries(const Json& 
   return units;
 }
 
-size_t lines(const std::string& text) { return size_t(std::count(text.begin(), text.end(), '\n')); }
+// The lines of stderr that are not the status lines a run prints there (progress, what it
+// restored, what it waits for): an error must be one such line.
+size_t errorLines(const std::string& err) {
+  size_t n = 0;
+  std::istringstream in(err);
+  for (std::string line; std::getline(in, line);) {
+    bool status = false;
+    for (const char* prefix : {"restored ", "cleared ", "progress: ", "agent: ", "hw: "})
+      status |= line.rfind(prefix, 0) == 0;
+    n += !status;
+  }
+  return n;
+}
 
 size_t occurrences(const std::string& text, const std::string& part) {
   size_t n = 0;
@@ -180,7 +192,7 @@ TEST_F(CliTest, EveryChangeIsConfirmedIncludingRemoveAllsWhichHaveNoAnswerOfThei
   EXPECT_EQ(agent.wait(), 0) << agent.err();
   EXPECT_TRUE(contains(agent.out(), "total: 3000 accepted, 3000 committed, 3000 confirmed"));
   hw.signal(SIGTERM);
-  EXPECT_EQ(hw.wait(), 0) << hw.err();
+  EXPECT_EQ(hw.wait(), 128 + SIGTERM) << hw.err();
 }
 
 // --- Waiting: every wait ends or is told, once, and costs no CPU ---
@@ -207,7 +219,7 @@ TEST_F(CliTest, ARemoveAllIsConfirmedWhenItLogsNothingOrComesFirst) {
         << what;
   }
   hw.signal(SIGTERM);
-  EXPECT_EQ(hw.wait(), 0) << hw.err();
+  EXPECT_EQ(hw.wait(), 128 + SIGTERM) << hw.err();
 }
 
 TEST_F(CliTest, AnAgentWithoutAHardwareSideSaysSoOnceAndWaitsWithoutUsingTheCpu) {
@@ -216,7 +228,7 @@ TEST_F(CliTest, AnAgentWithoutAHardwareSideSaysSoOnceAndWaitsWithoutUsingTheCpu)
   ASSERT_TRUE(agent.awaitOutput("agent: no hardware side is taking changes: "))
       << agent.out() << agent.err();
   EXPECT_LT(cpuSecondsOverASecond(agent), 0.1);
-  const std::string waiting = agent.out();
+  const std::string waiting = agent.err();
   EXPECT_TRUE(contains(waiting, " committed changes of ServicePolicyV4TcamEntry wait since "));
   EXPECT_TRUE(contains(waiting, "start `vesktap hw`"));
   EXPECT_EQ(occurrences(waiting, "no hardware side"), 1u) << waiting;
@@ -227,17 +239,17 @@ TEST_F(CliTest, AnAgentWithoutAHardwareSideSaysSoOnceAndWaitsWithoutUsingTheCpu)
   Vesktap hw({"hw"});
   ASSERT_TRUE(agent.awaitOutput("total: ")) << agent.out() << agent.err();
   EXPECT_EQ(agent.wait(), 0) << agent.err();
-  EXPECT_TRUE(contains(agent.out(), "agent: a hardware side is taking changes now"));
+  EXPECT_TRUE(contains(agent.err(), "agent: a hardware side is taking changes now"));
   EXPECT_TRUE(contains(agent.out(), "total: 100 accepted, 100 committed, 100 confirmed"));
   hw.signal(SIGTERM);
-  EXPECT_EQ(hw.wait(), 0) << hw.err();
+  EXPECT_EQ(hw.wait(), 128 + SIGTERM) << hw.err();
 
   // Asked to, an agent gives up instead, in one line.
   const auto gaveUp =
       run({"agent", "--units", "0", "--tables", "ServicePolicyV4TcamEntry", "--keys", "50",
            "--seed", "7", "--changes", "100", "--progress-ms", "0", "--give-up-ms", "300"});
   EXPECT_EQ(gaveUp.code, 1);
-  EXPECT_EQ(lines(gaveUp.err), 1u) << gaveUp.err;
+  EXPECT_EQ(errorLines(gaveUp.err), 1u) << gaveUp.err;
   EXPECT_TRUE(contains(gaveUp.err, "gave up after 300 ms without a hardware side taking changes"));
   EXPECT_TRUE(contains(gaveUp.out, "(gave up waiting)"));
 }
@@ -253,9 +265,9 @@ TEST_F(CliTest, AHardwareSideWithoutAnAgentSaysSoOnceAndWaitsWithoutUsingTheCpu)
   EXPECT_EQ(agent.code, 0) << agent.err;
   EXPECT_TRUE(contains(agent.out, "total: 200 accepted, 200 committed, 200 confirmed"));
   EXPECT_LT(cpuSecondsOverASecond(hw), 0.05) << "looking at change logs that do not move";
-  EXPECT_EQ(occurrences(hw.out(), "no agent"), 1u) << hw.out();
+  EXPECT_EQ(occurrences(hw.err(), "no agent"), 1u) << hw.err();
   hw.signal(SIGTERM);
-  EXPECT_EQ(hw.wait(), 0) << hw.err();
+  EXPECT_EQ(hw.wait(), 128 + SIGTERM) << hw.err();
 }
 
 TEST_F(CliTest, AFullChangeLogIsToldOnceAndWaitedForWithoutUsingTheCpuAndNothingIsLost) {
@@ -282,7 +294,7 @@ TEST_F(CliTest, AFullChangeLogIsToldOnceAndWaitedForWithoutUsingTheCpuAndNothing
   ASSERT_TRUE(agent.awaitOutput("agent: change log of DefaultFwdTcamAction is full: ", 100))
       << agent.out() << agent.err();
   EXPECT_LT(cpuSecondsOverASecond(agent), 0.1);
-  const std::string full = agent.out();
+  const std::string full = agent.err();
   EXPECT_TRUE(contains(full, "1000000 changes the hardware side has not taken"));
   EXPECT_TRUE(
       contains(full, "holding 100 changes back, nothing is lost; waiting for the hardware side"));
@@ -293,7 +305,7 @@ TEST_F(CliTest, AFullChangeLogIsToldOnceAndWaitedForWithoutUsingTheCpuAndNothing
   EXPECT_EQ(agent.wait(), 0) << agent.err();
   EXPECT_TRUE(contains(agent.out(), "total: 1000100 accepted, 1000100 committed"));
   hw.signal(SIGTERM);
-  EXPECT_EQ(hw.wait(), 0) << hw.err();
+  EXPECT_EQ(hw.wait(), 128 + SIGTERM) << hw.err();
   const Json shown = showJson({"--table", "DefaultFwdTcamAction", "--unit", "16"});
   EXPECT_EQ(tableIn(shown, "DefaultFwdTcamAction")["units"][0]["liveEntries"], 100);
 }
@@ -317,7 +329,7 @@ TEST_F(CliTest, AHardwareSideThatCannotUseATcamSaysWhichFileAndStops) {
   const auto refused = [&](const std::string& what) {
     const auto hw = run({"hw", "--exit-when-idle", "300"});
     EXPECT_EQ(hw.code, 1) << what;
-    EXPECT_EQ(lines(hw.err), 1u) << what << ": " << hw.err;
+    EXPECT_EQ(errorLines(hw.err), 1u) << what << ": " << hw.err;
     EXPECT_TRUE(contains(hw.err, "cannot use the TCAM of DefaultFwdTcamAction unit 0"));
     EXPECT_TRUE(contains(hw.err, tcam));
     EXPECT_TRUE(contains(hw.err, "remove that file"));
@@ -354,7 +366,7 @@ TEST_F(CliTest, AHardwareSideThatCannotReadAChangeSaysWhichAndHowToMendIt) {
   }
   const auto stuck = run({"hw", "--exit-when-idle", "300"});
   EXPECT_EQ(stuck.code, 1);
-  EXPECT_EQ(lines(stuck.err), 1u) << stuck.err;
+  EXPECT_EQ(errorLines(stuck.err), 1u) << stuck.err;
   EXPECT_TRUE(contains(stuck.err, "the hardware side stopped idle without applying change "));
   EXPECT_TRUE(contains(stuck.err, "of DefaultFwdTcamAction"));
 
@@ -404,12 +416,12 @@ TEST_F(CliTest, ASecondAgentIsRefusedAndTheFirstStopsCleanlyOnSigterm) {
 
   const auto second = run({"agent", "--units", "0", "--changes", "10", "--no-wait"});
   EXPECT_NE(second.code, 0);
-  EXPECT_EQ(lines(second.err), 1u) << second.err;
+  EXPECT_EQ(errorLines(second.err), 1u) << second.err;
   EXPECT_TRUE(contains(second.err, "already mounted by another writer"));
-  EXPECT_EQ(second.out.find("progress:"), std::string::npos) << second.out;
+  EXPECT_EQ(second.err.find("progress:"), std::string::npos) << second.err;
 
   agent.signal(SIGTERM);
-  EXPECT_EQ(agent.wait(), 0) << agent.err();
+  EXPECT_EQ(agent.wait(), 128 + SIGTERM) << agent.err();
   EXPECT_TRUE(contains(agent.out(), "(interrupted)"));
 
   // Nothing was damaged: a restarted agent restores every entry the first one committed.
@@ -434,9 +446,9 @@ TEST_F(CliTest, AHardwareSideKilledAndRestartedResumesWithoutApplyingAnythingTwi
 
   {
     Vesktap slow({"hw", "--rate", "20000", "--progress-ms", "20"});
-    ASSERT_TRUE(slow.awaitOutput(" changes applied\n")) << slow.err();
+    ASSERT_TRUE(slow.awaitOutput(" changes applied (")) << slow.err();
     slow.signal(SIGKILL);
-    EXPECT_EQ(slow.wait(), 128 + SIGKILL);
+    EXPECT_EQ(slow.wait(), Vesktap::kDiedBy + SIGKILL);
   }
   const uint64_t taken = tableIn(showJson(), "DefaultFwdTcamEntry")["hardwareTaken"];
   ASSERT_GT(taken, 0u);
@@ -444,8 +456,8 @@ TEST_F(CliTest, AHardwareSideKilledAndRestartedResumesWithoutApplyingAnythingTwi
 
   const auto resumed = run({"hw", "--exit-when-idle", "300"});
   ASSERT_EQ(resumed.code, 0) << resumed.err;
-  EXPECT_EQ(resumed.out.rfind(fmt::format("hw: resuming after versions 0 {} 0 0", taken), 0), 0u)
-      << resumed.out;
+  EXPECT_EQ(resumed.err.rfind(fmt::format("hw: resuming after versions 0 {} 0 0", taken), 0), 0u)
+      << resumed.err;
   EXPECT_TRUE(contains(resumed.out, fmt::format("hw: {} changes applied", logged - taken)));
 
   const Json shown = showJson();
@@ -457,6 +469,34 @@ TEST_F(CliTest, AHardwareSideKilledAndRestartedResumesWithoutApplyingAnythingTwi
 
 // --- Bad input: one clear line, exit 2 for a usage error, 1 for anything else ---
 // (What a workload file may not hold is the parser's own test; here, that it reaches the user.)
+
+TEST_F(CliTest, TheProgramFollowsTheConventionsOfTheShell) {
+  const auto version = run({"--version"});
+  EXPECT_EQ(version.code, 0);
+  EXPECT_EQ(version.out.rfind("vesktap 0.", 0), 0u) << version.out;
+  for (const char* command : {"demo", "agent", "hw", "show"}) {
+    const auto help = run({command, "--help"});
+    EXPECT_EQ(help.code, 0) << command;
+    for (const char* part : {"Environment:", "VESK_SHM_ROOT", "levels 0 to 31", "Exit status:"})
+      EXPECT_TRUE(contains(help.out, part)) << command << " lacks " << part;
+    EXPECT_TRUE(contains(help.out, fmt::format("Example:\n  vesktap {}", command))) << help.out;
+  }
+  EXPECT_TRUE(contains(run({"agent", "--help"}).out, "--progress-ms INT:0 to 2147483647=1000"));
+
+  // Stdout holds the data alone: the JSON report for "-", the summary then on stderr.
+  const auto json = run({"agent", "--units", "0", "--changes", "20", "--no-wait", "--progress-ms",
+                         "1", "--report-json", "-"});
+  ASSERT_EQ(json.code, 0) << json.err;
+  EXPECT_EQ(Json::parse(json.out)["accepted"], 20) << json.out;
+  EXPECT_TRUE(contains(json.err, "total: 20 accepted")) << json.err;
+
+  // Stopped by a signal, it says so by its exit status, as a shell would.
+  Vesktap waiting({"agent", "--units", "0", "--changes", "20", "--progress-ms", "1"});
+  ASSERT_TRUE(waiting.awaitOutput("progress: ")) << waiting.err();
+  waiting.signal(SIGINT);
+  EXPECT_EQ(waiting.wait(), 128 + SIGINT) << waiting.err();
+  EXPECT_TRUE(contains(waiting.out(), "(interrupted)")) << waiting.out();
+}
 
 TEST_F(CliTest, BadInputIsOneClearLineAndANonZeroExit) {
   const std::string badWorkload =
@@ -509,7 +549,7 @@ TEST_F(CliTest, BadInputIsOneClearLineAndANonZeroExit) {
     const auto result = run(c.args);
     const std::string what = fmt::format("vesktap {}", fmt::join(c.args, " ")).substr(0, 200);
     EXPECT_EQ(result.code, c.code) << what << ": " << result.err;
-    EXPECT_EQ(lines(result.err), 1u) << what << ": " << result.err;
+    EXPECT_EQ(errorLines(result.err), 1u) << what << ": " << result.err;
     EXPECT_LT(result.err.size(), 400u) << what << ": " << result.err;
     EXPECT_TRUE(contains(result.err, c.error)) << what;
   }
@@ -520,14 +560,14 @@ TEST_F(CliTest, BadInputIsOneClearLineAndANonZeroExit) {
   const auto full =
       run({"agent", "--units", "0", "--changes", "0", "--no-wait", "--report-json", "/dev/full"});
   EXPECT_EQ(full.code, 1);
-  EXPECT_EQ(lines(full.err), 1u) << full.err;
+  EXPECT_EQ(errorLines(full.err), 1u) << full.err;
   EXPECT_TRUE(contains(full.err, "cannot write the report to /dev/full: No space left on device"));
   EXPECT_TRUE(contains(full.out, "total: 0 accepted")) << "the run itself is reported: ";
 
   setenv("VESK_SHM_ROOT", "/proc/vesk", 1);
   const auto unwritable = run({"agent", "--changes", "1", "--no-wait"});
   EXPECT_NE(unwritable.code, 0);
-  EXPECT_EQ(lines(unwritable.err), 1u) << unwritable.err;
+  EXPECT_EQ(errorLines(unwritable.err), 1u) << unwritable.err;
   EXPECT_TRUE(contains(unwritable.err, "/proc/vesk"));
 }
 

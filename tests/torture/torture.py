@@ -193,7 +193,7 @@ class Proc:
 
 
 class Progress:
-    """Follows the progress lines (--progress-ms) an agent prints into its stdout file."""
+    """Follows the progress lines (--progress-ms) an agent prints into its stderr file."""
 
     LINE = re.compile(r"progress: (\d+)/\d+ accepted, \d+ committed, (\d+) confirmed")
 
@@ -385,7 +385,7 @@ class Trial:
         flags = ["--window", 1, "--target-latency-us", 0] if window1 else []
         workload = self.write_workload("workload.txt", changes)
         agent = self.runner.spawn("agent", *self.agent_args(units, workload), "--progress-ms", 1, *flags)
-        progress = Progress(agent.out)
+        progress = Progress(agent.err)
         if at is not None:
             time.sleep(at)
         elif self.follow(agent, progress, accepted):

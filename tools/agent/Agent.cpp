@@ -61,9 +61,10 @@ class AgentLoop final : public TableDriver::Answers {
         if (!options_.waitForHardware) feed();  // the window counts uncommitted changes then
       });
     });
-    signals_.async_wait([this](const asio::error_code& error, int) {
+    signals_.async_wait([this](const asio::error_code& error, int signal) {
       if (error) return;
       report_.interrupted = true;
+      report_.stopSignal = signal;
       io_.stop();
     });
     start_ = Clock::now();

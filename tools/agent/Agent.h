@@ -42,6 +42,7 @@ struct AgentReport {
   std::vector<double> latenciesUs;  // write to answer, per confirmed change
   uint64_t mismatches = 0;          // keys whose read disagreed with the workload
   bool interrupted = false;         // stopped by SIGTERM or SIGINT
+  int stopSignal = 0;               // which of them
   bool gaveUp = false;              // stopped after `giveUpAfter` without a hardware side
 
   uint64_t total(uint64_t PerTable::*field) const;

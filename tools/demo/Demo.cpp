@@ -1,5 +1,6 @@
 #include "tools/demo/Demo.h"
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -23,18 +24,24 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A child process running this program with `args`, its standard output in a pipe.
+// A child process running this program with `args`: its status lines (stderr) in a pipe,
+// its report (stdout) dropped, since the demo reads the agent's report from its JSON file.
 struct Child {
   pid_t pid = -1;
-  FILE* out = nullptr;
+  FILE* status = nullptr;
 
   Child(const std::string& exe, const std::vector<std::string>& args) {
     int fds[2];
     if (pipe(fds) != 0) throw std::runtime_error("cannot make a pipe");
-    std::fflush(nullptr);
+    // Only the streams the child inherits: flushing every stream would wait on the lock of
+    // the hardware side's status pipe, which a reader thread holds while it waits in fgets.
+    std::fflush(stdout);
+    std::fflush(stderr);
     pid = fork();
     if (pid == 0) {
-      dup2(fds[1], STDOUT_FILENO);
+      dup2(fds[1], STDERR_FILENO);
+      const int null = open("/dev/null", O_WRONLY);
+      if (null >= 0) dup2(null, STDOUT_FILENO);
       close(fds[0]);
       close(fds[1]);
       std::vector<char*> argv{const_cast<char*>(exe.c_str())};
@@ -44,16 +51,18 @@ struct Child {
       _exit(127);
     }
     close(fds[1]);
-    out = fdopen(fds[0], "r");
+    status = fdopen(fds[0], "r");
   }
   ~Child() {
-    if (out) fclose(out);
+    if (status) fclose(status);
   }
-  // The next line of its output; false at its end.
+  // The next status line; false at its end. Its error lines ("vesktap: ...") are passed on
+  // to the demo's stderr as they come.
   bool line(std::string& text) {
     char buffer[4096];
-    if (!std::fgets(buffer, sizeof buffer, out)) return false;
+    if (!std::fgets(buffer, sizeof buffer, status)) return false;
     text = buffer;
+    if (text.rfind("vesktap: ", 0) == 0) std::fputs(buffer, stderr);
     return true;
   }
   int wait() {
@@ -97,16 +106,35 @@ int runDemo(const DemoOptions& o, std::ostream& out) {
 
   Child hw(o.exe, {"hw"});
   std::string text;
-  if (!hw.line(text)) {  // "hw: resuming after versions ..."; its error is on stderr
+  if (!hw.line(text) || text.rfind("hw: resuming", 0) != 0) {  // else its error, passed on
+    kill(hw.pid, SIGTERM);
     fmt::print(out, "demo: FAILED: the hardware side did not start (exit status {})\n", hw.wait());
     return 1;
   }
   fmt::print(out, "demo: hardware side started (pid {})\n", hw.pid);
+  // Its later status lines are read as they come, so that it never blocks on a full pipe;
+  // it is stopped with SIGTERM however the demo ends.
+  struct HwStatus {
+    Child& hw;
+    std::thread reader{[this] {
+      std::string line;
+      while (hw.line(line)) {
+      }
+    }};
+    void stop() {
+      if (!reader.joinable()) return;
+      kill(hw.pid, SIGTERM);
+      hw.wait();
+      reader.join();
+    }
+    ~HwStatus() { stop(); }
+  } hwStatus{hw};
 
   // First agent: killed with SIGKILL once about half of the workload is confirmed.
   const std::string report1 = root + "/agent1.json", report2 = root + "/agent2.json";
   {
     Child agent(o.exe, agentArgs(o, report1));
+    fmt::print(out, "demo: agent started (pid {}); it is killed half way\n", agent.pid);
     uint64_t confirmed = 0;
     while (agent.line(text)) {
       if (text.rfind("agent: ", 0) == 0) fmt::print(out, "demo: {}", text);  // what it waits on
@@ -133,12 +161,11 @@ int runDemo(const DemoOptions& o, std::ostream& out) {
   const int status = agent.wait();
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
     fmt::print(out, "demo: FAILED: the restarted agent exited with status {}\n", status);
-    kill(hw.pid, SIGTERM);
-    hw.wait();
+    hwStatus.stop();
     return 1;
   }
-  kill(hw.pid, SIGTERM);
-  hw.wait();
+  hwStatus.stop();
+  fmt::print(out, "demo: comparing the workload, the configuration, the TCAMs and client reads\n");
 
   std::ifstream reportFile(report2);
   const auto report = nlohmann::json::parse(reportFile);

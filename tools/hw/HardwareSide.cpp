@@ -224,38 +224,40 @@ constexpr auto kTellAfter = std::chrono::seconds(2);
 // Says once what keeps an idle hardware side from working: no agent's change log at all
 // (on `out`), or a change it has failed to read or apply for a while (on `err`).
 void tellWhatHoldsItUp(std::vector<std::unique_ptr<HwTable>>& tables, Clock::time_point start,
-                       Clock::time_point now, bool& toldNoAgent, std::ostream& out,
-                       std::ostream& err) {
+                       Clock::time_point now, bool& toldNoAgent, std::ostream& status) {
   bool anyLog = false;
   for (size_t t = 0; t < tables.size(); ++t) {
     anyLog |= tables[t]->hasLog();
     auto& stuck = tables[t]->stuck();
     if (!stuck || stuck->told || now - stuck->since < kTellAfter) continue;
     stuck->told = true;
-    fmt::print(err,
+    fmt::print(status,
                "hw: change {} of {} cannot be read or applied ({}); retrying (if it lasts, stop "
                "the agent, {} and start it again: it rebuilds what is missing)\n",
                stuck->version, VeskTapAgg::kCatalogue[t].name, stuck->what, stuck->remedy);
-    err.flush();
+    status.flush();
   }
   if (!anyLog && !toldNoAgent && now - start >= kTellAfter) {
     toldNoAgent = true;
-    fmt::print(out, "hw: no agent's change log at {} yet; waiting for an agent\n",
+    fmt::print(status, "hw: no agent's change log at {} yet; waiting for an agent\n",
                KestShard::Directory::rootPath());
-    out.flush();
+    status.flush();
   }
 }
 
 }  // namespace
 
-HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out,
-                               std::ostream& err) {
+HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& status) {
   // SIGTERM and SIGINT end the loop, as they end the agent's: through asio, whose handler
   // runs between steps and cuts an idle sleep short.
   asio::io_context io;
   asio::signal_set signals(io, SIGTERM, SIGINT);
   bool stopRequested = false;
-  signals.async_wait([&](const asio::error_code& error, int) { stopRequested = !error; });
+  HardwareReport report;
+  signals.async_wait([&](const asio::error_code& error, int signal) {
+    stopRequested = !error;
+    report.stopSignal = error ? 0 : signal;
+  });
   registerTcamShards();
   VeskTapAgg::registerTableShardTypes();
 
@@ -265,7 +267,6 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
       VeskTapAgg::TableConstants<VeskTapAgg::DefaultFwdTcamEntryTraits>::canonicalGroupName();
   auto versions = Asic::TableVersionShard::mountWriter(agentEm, group);
 
-  HardwareReport report;
   std::vector<std::unique_ptr<HwTable>> tables;
   forEachTable([&]<class Traits>(size_t t) {
     const uint64_t resumed =
@@ -273,16 +274,16 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
     report.resumedAfter[t] = resumed;
     tables.push_back(std::make_unique<HwTableOf<Traits>>(agentEm, resumed));
   });
-  fmt::print(out, "hw: resuming after versions");
-  for (size_t t = 0; t < kTableCount; ++t) fmt::print(out, " {}", report.resumedAfter[t]);
-  fmt::print(out, "\n");
-  out.flush();
+  fmt::print(status, "hw: resuming after versions");
+  for (size_t t = 0; t < kTableCount; ++t) fmt::print(status, " {}", report.resumedAfter[t]);
+  fmt::print(status, "\n");
+  status.flush();
 
   auto lastWork = Clock::now();
   auto lastProgress = Clock::now();
   const auto start = Clock::now();
   uint64_t total = 0;
-  std::optional<uint64_t> totalShown;
+  uint64_t totalShown = 0;
   auto idleSleep = options.pollEvery;
   bool toldNoAgent = false;
   while (io.poll(), !stopRequested) {
@@ -318,14 +319,19 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out
       }
       break;
     }
+    // A line when changes were applied since the previous one, with their rate; none idle.
     if (options.progressEvery.count() > 0 && now - lastProgress > options.progressEvery) {
+      if (total != totalShown) {
+        const double seconds = std::chrono::duration<double>(now - lastProgress).count();
+        fmt::print(status, "hw: {} changes applied ({:.0f} changes/s)\n", total,
+                   double(total - totalShown) / seconds);
+        status.flush();
+      }
       lastProgress = now;
-      if (totalShown != total) fmt::print(out, "hw: {} changes applied\n", total);
       totalShown = total;
-      out.flush();
     }
     if (applied) continue;
-    tellWhatHoldsItUp(tables, start, now, toldNoAgent, out, err);
+    tellWhatHoldsItUp(tables, start, now, toldNoAgent, status);
     if (now - lastWork >= options.spinFor) {
       io.run_for(idleSleep);
       // Idle for a while: ever longer sleeps, so that waiting costs nothing; short enough

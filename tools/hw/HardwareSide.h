@@ -27,6 +27,7 @@ struct HardwareReport {
   std::array<uint64_t, kTableCount> applied{};
   std::array<uint64_t, kTableCount> resumedAfter{};
   std::array<uint64_t, kTableCount> taken{};
+  int stopSignal = 0;  // SIGTERM or SIGINT, when one stopped it
 };
 
 // A TCAM the hardware side needs cannot be used, or it stops idle (exitWhenIdle) with a
@@ -43,10 +44,8 @@ class HardwareError : public std::runtime_error {
 // after the recorded version; a TCAM remembers the newest version applied to it, so a
 // change applied before a crash and not yet recorded is not applied again. Throws
 // HardwareError when a TCAM cannot be mounted, or when it stops idle with a change it could
-// not read or apply; says once when it waits for an agent (on
-// `out`, with its progress), or cannot read or apply a change for a while (on `err`; it
-// retries).
-HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& out,
-                               std::ostream& err);
+// not read or apply. Says on `status` where it resumes, its progress, and once each what
+// it waits for: an agent, or a change it cannot read or apply for a while (it retries).
+HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& status);
 
 }  // namespace VeskTool
