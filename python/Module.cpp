@@ -16,10 +16,8 @@ namespace VeskPy {
 size_t tableIndexOrThrow(const std::string& name) {
   const size_t index = VeskTool::tableIndexOf(name);
   if (index == VeskTool::kTableCount) {
-    std::string names;
-    for (const auto& row : VeskTapAgg::kCatalogue)
-      names.append(names.empty() ? "" : ", ").append(row.name);
-    throw UnknownTableError(fmt::format("unknown table '{}' (tables: {})", name, names));
+    throw UnknownTableError(
+        fmt::format("unknown table '{}' (tables: {})", name, VeskTool::tableNameList()));
   }
   return index;
 }

@@ -104,7 +104,10 @@ std::vector<uint8_t> tableIndices(const std::vector<std::string>& names) {
   std::vector<uint8_t> indices;
   for (const auto& name : names) {
     const size_t index = tableIndexOf(name);
-    if (index == kTableCount) throw UsageError("--tables: unknown table '" + echoed(name) + "'");
+    if (index == kTableCount) {
+      throw UsageError(
+          fmt::format("--tables: unknown table '{}' (tables: {})", echoed(name), tableNameList()));
+    }
     indices.push_back(uint8_t(index));
   }
   if (indices.empty()) {
@@ -312,7 +315,8 @@ int main(int argc, char** argv) {
       if (!showTable.empty()) {
         show.table = tableIndexOf(showTable);
         if (*show.table == kTableCount)
-          throw UsageError("--table: unknown table '" + echoed(showTable) + "'");
+          throw UsageError(fmt::format("--table: unknown table '{}' (tables: {})",
+                                       echoed(showTable), tableNameList()));
       }
       if (showUnit >= 0) show.unit = uint16_t(showUnit);
       VeskTool::show(show, std::cout);

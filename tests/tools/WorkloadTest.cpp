@@ -45,7 +45,7 @@ TEST(WorkloadFileTest, AMalformedLineIsNamedByNumberAndNothingIsReturned) {
   EXPECT_EQ(parseError(ok + "insert DefaultFwdTcamEntry 0 1\n"),
             "changes.txt:2: unknown change 'insert' (write, remove or removeAll)");
   EXPECT_EQ(parseError(ok + ok + "write NoSuchTable 0 1\n"),
-            "changes.txt:3: unknown table 'NoSuchTable'");
+            "changes.txt:3: unknown table 'NoSuchTable' (tables: " + tableNameList() + ")");
   EXPECT_EQ(parseError("write DefaultFwdTcamEntry 65536 1\n"),
             "changes.txt:1: bad unit id '65536' (a number from 0 to 65535)");
   EXPECT_EQ(parseError("write DefaultFwdTcamEntry 0 -1\n"),
@@ -73,8 +73,9 @@ TEST(WorkloadFileTest, WhatIsNoWorkloadIsRefusedWithoutReadingItWholeOrEchoingIt
             "changes.txt:2: binary data (is this a workload file?)");
   // A long word is echoed cut short.
   const std::string word(1000, 't');
-  EXPECT_EQ(parseError("write " + word + " 0 1\n"),
-            "changes.txt:1: unknown table '" + std::string(kMaxEchoed, 't') + "...'");
+  EXPECT_EQ(parseError("write " + word + " 0 1\n"), "changes.txt:1: unknown table '" +
+                                                        std::string(kMaxEchoed, 't') +
+                                                        "...' (tables: " + tableNameList() + ")");
   EXPECT_EQ(parseError(ok + word + "\n"), "changes.txt:2: unknown change '" +
                                               std::string(kMaxEchoed, 't') +
                                               "...' (write, remove or removeAll)");

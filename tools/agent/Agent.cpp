@@ -10,6 +10,7 @@
 
 #include "Asic/Constants.h"
 #include "Asic/OrderedTableInterface.h"
+#include "tools/agent/AgentLock.h"
 #include "tools/agent/TableDriver.h"
 #include "tools/agent/WaitWatch.h"
 #include "types/TableTypes.h"
@@ -53,6 +54,7 @@ class AgentLoop final : public TableDriver::Answers {
   }
 
   void run() {
+    const AgentLock lock;
     makeTables();
     resolver_ = group_->groupResolver();
     resolver_->schedulerIs([this] {

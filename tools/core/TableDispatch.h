@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <string>
 #include <string_view>
 
 #include "Nimbo/Assert.h"
@@ -40,6 +41,14 @@ inline size_t tableIndexOf(std::string_view name) {
     if (VeskTapAgg::kCatalogue[i].name == name) return i;
   }
   return kTableCount;
+}
+
+// The table types' names, comma-separated in catalogue order, for messages that refuse a name.
+inline std::string tableNameList() {
+  std::string names;
+  for (const auto& row : VeskTapAgg::kCatalogue)
+    names.append(names.empty() ? "" : ", ").append(row.name);
+  return names;
 }
 
 }  // namespace VeskTool

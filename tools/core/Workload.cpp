@@ -132,7 +132,7 @@ std::vector<Change> parseWorkload(std::istream& in, const std::string& source) {
     }
     const size_t table = tableIndexOf(w[1]);
     if (table == kTableCount) {
-      throw errorAt(at, "unknown table '{}'", echoed(w[1]));
+      throw errorAt(at, "unknown table '{}' (tables: {})", echoed(w[1]), tableNameList());
     }
     c.table = uint8_t(table);
     c.unit = number<uint16_t>(w[2], UINT16_MAX, "unit id", at);

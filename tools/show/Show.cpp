@@ -1,5 +1,8 @@
 #include "tools/show/Show.h"
 
+#include <set>
+#include <stdexcept>
+
 #include <fmt/format.h>
 #include <fmt/ostream.h>
 #include <nlohmann/json.hpp>
@@ -107,10 +110,19 @@ void show(const ShowOptions& options, std::ostream& out) {
   Json all;
   all["root"] = memory.root();
   Json tables = Json::array();
+  std::set<uint16_t> units;  // of the tables shown
   forEachTable([&]<class Traits>(size_t t) {
     if (options.table && *options.table != t) return;
+    for (Asic::UnitId unit : memory.units<Traits>()) units.insert(unit.value());
     tables.push_back(showTable<Traits>(memory, options));
   });
+  if (options.unit && !units.contains(*options.unit)) {
+    throw std::invalid_argument(fmt::format(
+        "{} has no unit {} (units: {})",
+        options.table ? std::string(VeskTapAgg::kCatalogue[*options.table].name)
+                      : std::string("no table type"),
+        *options.unit, units.empty() ? "none" : fmt::format("{}", fmt::join(units, ", "))));
+  }
   all["tables"] = std::move(tables);
   if (options.json) {
     out << all.dump(2) << "\n";
