@@ -8,6 +8,10 @@
 
 namespace Asic {
 
+// Walks trace under "SwTableIter", a handle made when the library loads, so that
+// VESK_TRACE naming it is known before any walk.
+inline Kest::TraceHandle& swTableIterTrace = Kest::traceHandle("SwTableIter");
+
 // The walk over one software table's entries, written once for every table type: where a
 // walk starts, and each of its steps. A step re-finds its place from the state's resume
 // key (the bookmark) in the collection of its phase:
@@ -43,10 +47,7 @@ class IterStateAccessor {
   Entry maybeUpdateCurrentEntry();
 
  private:
-  static Kest::TraceHandle& traceHandle() {
-    static Kest::TraceHandle& handle = Kest::traceHandle("SwTableIter");
-    return handle;
-  }
+  static Kest::TraceHandle& traceHandle() { return swTableIterTrace; }
   static Nimbo::Ptr<IterState> newState(const SwTable& swTable);
 
   const SwTable& swTable() const;

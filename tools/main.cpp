@@ -19,6 +19,7 @@
 #include <fmt/ostream.h>
 #include <CLI/CLI.hpp>
 
+#include "Kest/Trace.h"
 #include "Nimbo/Exception.h"
 #include "tools/agent/Agent.h"
 #include "tools/core/ReportFile.h"
@@ -249,6 +250,12 @@ int main(int argc, char** argv) {
   } catch (const CLI::ParseError& e) {
     const int code = app.exit(e);  // prints the help, or the one-line refusal
     return code == 0 ? 0 : 2;
+  }
+  for (const std::string& name : Kest::unknownTraceNames()) {
+    fmt::print(std::cerr,
+               "vesktap: VESK_TRACE: ignoring '{}': no class or trace handle has that name "
+               "(handles are class names such as DefaultFwdTcamEntrySwTable, or SwTableIter)\n",
+               echoed(name));
   }
   try {
     if (*demoCmd) {

@@ -10,6 +10,7 @@
 #include <optional>
 
 #include "Kest/Clock.h"
+#include "Kest/ModuleInspectData.h"
 #include "Kest/TraceSetting.h"
 #include "Nimbo/Exception.h"
 
@@ -94,6 +95,24 @@ TraceHandle& traceHandle(std::string_view name) {
     it = r.handles.emplace(std::string(name), std::move(handle)).first;
   }
   return *it->second;
+}
+
+std::vector<std::string> unknownTraceNames() {
+  std::vector<std::string> unknown;
+  const char* env = std::getenv("VESK_TRACE");
+  for (const std::string& name : TraceSetting::parse(env ? env : "").names()) {
+    bool known = false;
+    {
+      Registry& r = registry();
+      std::lock_guard lock(r.mutex);
+      known = r.handles.contains(name);
+    }
+    for (const ModuleTypeData* module : Nimbo::ModuleInspectData::modules()) {
+      known = known || module->type(name) != nullptr;
+    }
+    if (!known) unknown.push_back(name);
+  }
+  return unknown;
 }
 
 std::vector<std::string> traceConfigIs(std::string_view setting) {

@@ -56,6 +56,11 @@ class VESK_EXPORT TraceHandle {
 // The handle of that name, made on first use; the reference stays valid for the process.
 VESK_EXPORT TraceHandle& traceHandle(std::string_view name);
 
+// The names VESK_TRACE gives that are neither a handle made so far nor a class of a loaded
+// module (a class traces through the handle of its name, made when it first traces): most
+// likely mistyped, since nothing will ever trace under them.
+VESK_EXPORT std::vector<std::string> unknownTraceNames();
+
 // Makes `setting` (same syntax as VESK_TRACE) the program's trace setting: it replaces
 // the masks of every existing handle and gives new handles theirs, in place of
 // VESK_TRACE. Malformed items are reported on stderr, ignored, and returned.

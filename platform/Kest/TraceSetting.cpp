@@ -68,6 +68,14 @@ void TraceSetting::add(std::string_view item) {
   items_.push_back({std::string(item.substr(0, slash)), mask});
 }
 
+std::vector<std::string> TraceSetting::names() const {
+  std::vector<std::string> names;
+  for (const Item& item : items_) {
+    if (item.name != "*") names.push_back(item.name);
+  }
+  return names;
+}
+
 uint32_t TraceSetting::maskFor(std::string_view handleName) const noexcept {
   uint32_t mask = 0;
   for (const Item& item : items_) {

@@ -22,6 +22,8 @@ class VESK_EXPORT TraceSetting {
   // The mask of a handle with that name: every item naming it or "*", combined.
   uint32_t maskFor(std::string_view handleName) const noexcept;
   const std::vector<std::string>& malformed() const noexcept { return malformed_; }
+  // The handle names its items give, "*" apart, in order.
+  std::vector<std::string> names() const;
   // Says on stderr which items of `source` ("VESK_TRACE", ...) are ignored, and why.
   void reportMalformed(std::string_view source) const;
 

@@ -19,12 +19,15 @@ Kest::LogHandle& corruptionLog() {
   return *handle;
 }
 
+// Made when the library loads, so that VESK_TRACE naming it is known before it traces.
+Kest::TraceHandle& shardMapTrace = Kest::traceHandle("ShardMapBase");
+
 }  // namespace
 
 void ShardMapBase::doCorruptionDetected(const Nimbo::String& message) {
   ++corruptions_;
   corruptionCountInc();
-  VESK_TRACE(Kest::traceHandle("ShardMapBase"), 1, "ShardMapBase", "{}: {}", name_, message);
+  VESK_TRACE(shardMapTrace, 1, "ShardMapBase", "{}: {}", name_, message);
   Kest::log(corruptionLog(), name_ + ": " + message);
 }
 

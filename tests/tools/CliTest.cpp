@@ -497,6 +497,15 @@ TEST_F(CliTest, TheProgramFollowsTheConventionsOfTheShell) {
   EXPECT_EQ(Json::parse(json.out)["accepted"], 20) << json.out;
   EXPECT_TRUE(contains(json.err, "total: 20 accepted")) << json.err;
 
+  // A trace setting that cannot work is told in a line, and nothing else changes.
+  setenv("VESK_TRACE", "Foo/1,DefaultFwdTcamEntrySwTable/2,SwTableIter/1,Bar/99", 1);
+  const auto traced = run({"agent", "--units", "0", "--changes", "0", "--no-wait"});
+  unsetenv("VESK_TRACE");
+  EXPECT_EQ(traced.code, 0) << traced.err;
+  EXPECT_TRUE(contains(traced.err, "VESK_TRACE: ignoring 'Foo': no class or trace handle"));
+  EXPECT_TRUE(contains(traced.err, "VESK_TRACE: ignoring \"Bar/99\": expected Name/N"));
+  EXPECT_EQ(occurrences(traced.err, "VESK_TRACE"), 2u) << traced.err;
+
   // Stopped by a signal, it says so by its exit status, as a shell would.
   Vesktap waiting({"agent", "--units", "0", "--changes", "20", "--progress-ms", "1"});
   ASSERT_TRUE(waiting.awaitOutput("progress: ")) << waiting.err();
