@@ -37,8 +37,9 @@ class UsageError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-constexpr uint64_t kMaxChanges =
-    100000000;  // a workload's changes take ~30 bytes each in the agent
+// A generated workload is made as it runs, so its length costs no memory: this is about
+// what an agent writes in a day.
+constexpr uint64_t kMaxChanges = 100000000000;
 
 constexpr const char* kEnvironment =
     "Environment:\n"
@@ -272,17 +273,31 @@ int main(int argc, char** argv) {
         }
       }
       if (workloadFile.empty()) {
+        // Made as the agent runs: a long workload costs no memory up front.
         spec.tables = tableIndices(tableNames);
         spec.units = agent.units;
-        agent.workload = generateWorkload(spec);
+        agent.workload = [spec] {
+          return [generator = std::make_shared<WorkloadGenerator>(spec)](Change& c) {
+            return generator->next(c);
+          };
+        };
+        agent.changes = spec.changes;
       } else {
-        agent.workload = readWorkloadFile(workloadFile);
-        for (const Change& c : agent.workload) {
+        auto changes = std::make_shared<std::vector<Change>>(readWorkloadFile(workloadFile));
+        for (const Change& c : *changes) {
           if (std::find(agent.units.begin(), agent.units.end(), c.unit) == agent.units.end()) {
-            throw std::invalid_argument(
-                fmt::format("{}: unit {} is not one of --units", formatChange(c), c.unit));
+            throw std::invalid_argument(fmt::format("{}: '{}': unit {} is not one of --units",
+                                                    workloadFile, formatChange(c), c.unit));
           }
         }
+        agent.workload = [changes] {
+          return [changes, at = size_t(0)](Change& c) mutable {
+            if (at == changes->size()) return false;
+            c = (*changes)[at++];
+            return true;
+          };
+        };
+        agent.changes = changes->size();
       }
       agent.targetLatency = std::chrono::microseconds(targetLatencyUs);
       agent.waitForHardware = !noWait;

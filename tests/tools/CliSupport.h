@@ -112,6 +112,15 @@ inline double cpuSeconds(pid_t pid) {
   return double(utime + stime) / double(sysconf(_SC_CLK_TCK));
 }
 
+// The memory a running process holds now (VmRSS), in bytes.
+inline uint64_t residentBytes(pid_t pid) {
+  std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("VmRSS:", 0) == 0) return std::stoull(line.substr(6)) * 1024;  // in kB
+  }
+  return 0;
+}
+
 // A fresh shared-memory root (VESK_SHM_ROOT) for one test case, inherited by the programs
 // it starts and removed afterwards.
 class FreshRoot {

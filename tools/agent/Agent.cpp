@@ -1,7 +1,9 @@
 #include "tools/agent/Agent.h"
 
 #include <algorithm>
+#include <bit>
 #include <memory>
+#include <unordered_set>
 
 #include <fmt/format.h>
 #include <fmt/ostream.h>
@@ -23,14 +25,6 @@ uint64_t AgentReport::total(uint64_t PerTable::*field) const {
   return sum;
 }
 
-double AgentReport::percentileUs(double p) const {
-  if (latenciesUs.empty()) return 0;
-  std::vector<double> sorted = latenciesUs;
-  const size_t at = std::min(sorted.size() - 1, size_t(p / 100.0 * double(sorted.size())));
-  std::nth_element(sorted.begin(), sorted.begin() + ptrdiff_t(at), sorted.end());
-  return sorted[at];
-}
-
 namespace {
 
 using Clock = std::chrono::steady_clock;
@@ -46,15 +40,15 @@ class AgentLoop final : public TableDriver::Answers {
         pollTimer_(io_),
         progressTimer_(io_),
         waitWatch_(out, options.waitForHardware, kSilentFor),
-        issued_(options.workload.size()),
+        issued_(std::bit_ceil(uint64_t(options.window) * 2)),
+        total_(options.changes),
         limit_(adaptive() ? std::min(options.window, kFirstWindow) : options.window),
         pollInterval_(options.pollEvery),
-        progressInterval_(options.progressEvery) {
-    report_.latenciesUs.reserve(options.workload.size());
-  }
+        progressInterval_(options.progressEvery) {}
 
   void run() {
     const AgentLock lock;
+    changes_ = options_.workload();
     makeTables();
     resolver_ = group_->groupResolver();
     resolver_->schedulerIs([this] {
@@ -99,18 +93,23 @@ class AgentLoop final : public TableDriver::Answers {
                options_.units.size(), report_.restoredEntries, report_.restoreMs);
   }
 
-  // Issues changes until the window is full or the workload is done.
+  // Issues changes until the window is full or the workload is done. A change is known to
+  // its table driver by a number that carries its table (`number & 0xff`).
   void feed() {
-    const auto& changes = options_.workload;
-    while (next_ < changes.size() && unsettled() < limit_) {
-      const Change& c = changes[next_];
+    Change c;
+    while (next_ < total_ && unsettled() < limit_) {
+      if (!changes_(c)) {
+        total_ = next_;  // the workload had fewer changes than it said
+        break;
+      }
       ++inFlight_;
       ++report_.tables[c.table].accepted;
-      issued_[next_] = Clock::now();
-      drivers_[c.table]->apply(c, next_, *this);
+      const uint64_t number = next_ << 8 | c.table;
+      issued_[next_ & (issued_.size() - 1)] = {number, Clock::now()};
+      drivers_[c.table]->apply(c, number, *this);
       ++next_;
     }
-    if (next_ < changes.size()) windowFilled_ = true;
+    if (next_ < total_) windowFilled_ = true;
     maybeFinish();
   }
 
@@ -138,17 +137,20 @@ class AgentLoop final : public TableDriver::Answers {
 
   void answered(uint64_t change, bool confirmed) override {
     --inFlight_;
-    const uint8_t table = options_.workload[change].table;
+    const uint8_t table = uint8_t(change & 0xff);
+    const Issued& issued = issued_[(change >> 8) & (issued_.size() - 1)];
     if (confirmed) {
       ++report_.tables[table].confirmed;
-      const double us =
-          std::chrono::duration<double, std::micro>(Clock::now() - issued_[change]).count();
-      report_.latenciesUs.push_back(us);
-      slowestUs_ = std::max(slowestUs_, us);
+      if (issued.number == change) {
+        const double us =
+            std::chrono::duration<double, std::micro>(Clock::now() - issued.at).count();
+        report_.latencies.add(us);
+        slowestUs_ = std::max(slowestUs_, us);
+      }
     } else {
       ++report_.tables[table].failed;
     }
-    if (!feedPosted_ && next_ < options_.workload.size() && inFlight_ < limit_) {
+    if (!feedPosted_ && next_ < total_ && inFlight_ < limit_) {
       feedPosted_ = true;
       asio::post(io_, [this] {
         feedPosted_ = false;
@@ -159,7 +161,7 @@ class AgentLoop final : public TableDriver::Answers {
   }
 
   void maybeFinish() {
-    if (next_ < options_.workload.size()) return;
+    if (next_ < total_) return;
     if (unsettled() == 0) io_.stop();
   }
 
@@ -238,7 +240,7 @@ class AgentLoop final : public TableDriver::Answers {
       const double seconds = std::chrono::duration<double>(Clock::now() - start_).count();
       const uint64_t confirmed = report_.total(&AgentReport::PerTable::confirmed);
       std::string line = fmt::format("progress: {}/{} accepted, {} committed, {} confirmed", next_,
-                                     options_.workload.size(), committed, confirmed);
+                                     total_, committed, confirmed);
       if (line != lastProgress_) {
         fmt::print(out_, "{} ({:.0f} changes/s)\n", line, double(confirmed) / seconds);
         out_.flush();
@@ -253,18 +255,19 @@ class AgentLoop final : public TableDriver::Answers {
     });
   }
 
-  // Reads back every key the workload touched and compares it with what the workload left.
+  // Reads back every key the workload touched and compares it with what the workload left
+  // (read again from its start: memory grows with the keys, not the changes).
   void verify() {
     ExpectedState expected(kTableCount);
-    std::vector<std::vector<uint64_t>> touched(kTableCount);
-    for (const Change& c : options_.workload) {
+    std::vector<std::unordered_set<uint64_t>> touched(kTableCount);
+    const auto again = options_.workload();
+    Change c;
+    for (uint64_t n = 0; n < next_ && again(c); ++n) {
       expected.apply(c);
       if (c.kind != ChangeKind::removeAll)
-        touched[c.table].push_back(ExpectedState::slot(c.unit, c.key));
+        touched[c.table].insert(ExpectedState::slot(c.unit, c.key));
     }
     for (size_t t = 0; t < kTableCount; ++t) {
-      std::sort(touched[t].begin(), touched[t].end());
-      touched[t].erase(std::unique(touched[t].begin(), touched[t].end()), touched[t].end());
       for (uint64_t slot : touched[t]) {
         const auto it = expected.entries(t).find(slot);
         const uint16_t* variant = it == expected.entries(t).end() ? nullptr : &it->second;
@@ -289,8 +292,16 @@ class AgentLoop final : public TableDriver::Answers {
   Nimbo::Ptr<Asic::GroupResolver> resolver_;
   std::vector<std::unique_ptr<TableDriver>> drivers_;
   std::vector<Asic::LogVersion> taken_;
-  std::vector<Clock::time_point> issued_;  // per change of the workload, when it was written
-  size_t next_ = 0;
+  AgentOptions::ChangeReader changes_;  // what feed() writes next
+  // When the changes in flight were written, by their sequence number modulo its size
+  // (twice the largest window): a change answered after its slot was reused has no latency.
+  struct Issued {
+    uint64_t number = ~uint64_t(0);
+    Clock::time_point at;
+  };
+  std::vector<Issued> issued_;
+  uint64_t total_;  // changes in the workload
+  uint64_t next_ = 0;
   uint32_t inFlight_ = 0;
   uint32_t limit_;             // changes in flight at most, now
   bool windowFilled_ = false;  // feed stopped at the limit since the last resize
@@ -334,7 +345,7 @@ void printAgentSummary(const AgentReport& r, std::ostream& out) {
              "confirmation p50 {:.0f} us, p99 {:.0f} us{}\n",
              r.total(&AgentReport::PerTable::accepted), r.total(&AgentReport::PerTable::committed),
              confirmed, r.runSeconds, r.runSeconds > 0 ? double(confirmed) / r.runSeconds : 0.0,
-             r.percentileUs(50), r.percentileUs(99),
+             r.latencies.percentile(50), r.latencies.percentile(99),
              r.interrupted ? " (interrupted)"
              : r.gaveUp    ? " (gave up waiting)"
                            : "");
@@ -350,8 +361,8 @@ std::string agentReportJson(const AgentReport& r) {
   j["committed"] = r.total(&AgentReport::PerTable::committed);
   j["confirmed"] = r.total(&AgentReport::PerTable::confirmed);
   j["failed"] = r.total(&AgentReport::PerTable::failed);
-  j["confirmationP50Us"] = r.percentileUs(50);
-  j["confirmationP99Us"] = r.percentileUs(99);
+  j["confirmationP50Us"] = r.latencies.percentile(50);
+  j["confirmationP99Us"] = r.latencies.percentile(99);
   j["mismatches"] = r.mismatches;
   j["interrupted"] = r.interrupted;
   j["gaveUp"] = r.gaveUp;

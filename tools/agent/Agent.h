@@ -2,10 +2,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <ostream>
 #include <string>
 #include <vector>
 
+#include "tools/core/LatencyHistogram.h"
 #include "tools/core/TableDispatch.h"
 #include "tools/core/Workload.h"
 
@@ -14,7 +16,13 @@ namespace VeskTool {
 struct AgentOptions {
   std::vector<uint16_t> units{0};
   bool clear = false;  // clear the units' tables instead of restoring them
-  std::vector<Change> workload;
+  // The changes, and how many there are: `workload()` gives a reader of them from the first
+  // on (`next(change)` is false at the end). The agent asks it for changes one at a time as
+  // the window has room (a generated workload is made as it runs), and for a second reader
+  // to check the tables after the run.
+  using ChangeReader = std::function<bool(Change&)>;
+  std::function<ChangeReader()> workload;
+  uint64_t changes = 0;
   uint32_t window = 20000;  // changes in flight (written, not yet answered) at most
   // The confirmation latency the window is sized for: it shrinks while answers take longer
   // and grows while they come faster and the window is full. 0: always `window` in flight.
@@ -39,14 +47,13 @@ struct AgentReport {
   uint64_t restoredEntries = 0;
   double restoreMs = 0;
   double runSeconds = 0;
-  std::vector<double> latenciesUs;  // write to answer, per confirmed change
-  uint64_t mismatches = 0;          // keys whose read disagreed with the workload
-  bool interrupted = false;         // stopped by SIGTERM or SIGINT
-  int stopSignal = 0;               // which of them
-  bool gaveUp = false;              // stopped after `giveUpAfter` without a hardware side
+  LatencyHistogram latencies;  // write to answer, of the confirmed changes (when waited for)
+  uint64_t mismatches = 0;     // keys whose read disagreed with the workload
+  bool interrupted = false;    // stopped by SIGTERM or SIGINT
+  int stopSignal = 0;          // which of them
+  bool gaveUp = false;         // stopped after `giveUpAfter` without a hardware side
 
   uint64_t total(uint64_t PerTable::*field) const;
-  double percentileUs(double p) const;
 };
 
 // The agent: one event loop (asio) on one thread. Makes the ten table types through their

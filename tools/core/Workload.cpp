@@ -16,32 +16,32 @@
 
 namespace VeskTool {
 
-std::vector<Change> generateWorkload(const WorkloadSpec& spec) {
-  if (spec.tables.empty() || spec.units.empty() || spec.keys == 0) {
+WorkloadGenerator::WorkloadGenerator(WorkloadSpec spec)
+    : spec_(std::move(spec)), random_(spec_.seed) {
+  if (spec_.tables.empty() || spec_.units.empty() || spec_.keys == 0) {
     throw std::invalid_argument("a workload needs at least one table, one unit and one key");
   }
-  std::mt19937_64 random(spec.seed);
-  std::vector<Change> changes;
-  changes.reserve(spec.changes);
-  for (uint64_t i = 0; i < spec.changes; ++i) {
-    const uint64_t r = random();
-    Change c;
-    c.table = spec.tables[r % spec.tables.size()];
-    c.unit = spec.units[(r >> 8) % spec.units.size()];
-    c.key = uint32_t((r >> 16) % spec.keys);
-    c.variant = uint16_t(r >> 48);
-    const uint64_t pick = (r >> 40) % 100;
-    if (spec.removeAllEvery && random() % spec.removeAllEvery == 0) {
-      c.kind = ChangeKind::removeAll;
-      c.key = 0;
-      c.variant = 0;
-    } else if (pick < 10) {
-      c.kind = ChangeKind::remove;
-      c.variant = 0;
-    }
-    changes.push_back(c);
+}
+
+bool WorkloadGenerator::next(Change& c) {
+  if (given_ == spec_.changes) return false;
+  ++given_;
+  const uint64_t r = random_();
+  c = Change{};
+  c.table = spec_.tables[r % spec_.tables.size()];
+  c.unit = spec_.units[(r >> 8) % spec_.units.size()];
+  c.key = uint32_t((r >> 16) % spec_.keys);
+  c.variant = uint16_t(r >> 48);
+  const uint64_t pick = (r >> 40) % 100;
+  if (spec_.removeAllEvery && random_() % spec_.removeAllEvery == 0) {
+    c.kind = ChangeKind::removeAll;
+    c.key = 0;
+    c.variant = 0;
+  } else if (pick < 10) {
+    c.kind = ChangeKind::remove;
+    c.variant = 0;
   }
-  return changes;
+  return true;
 }
 
 namespace {

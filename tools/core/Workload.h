@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <istream>
+#include <random>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -32,7 +33,20 @@ struct WorkloadSpec {
   uint64_t changes = 100000;
   uint64_t removeAllEvery = 0;  // 0: none
 };
-std::vector<Change> generateWorkload(const WorkloadSpec& spec);
+// Makes a generated workload change by change, as it is asked for: its memory does not
+// grow with the number of changes. Throws std::invalid_argument for a spec without a table,
+// a unit or a key. A value type; one thread.
+class WorkloadGenerator {
+ public:
+  explicit WorkloadGenerator(WorkloadSpec spec);
+  // The next change into `change`; false once all of them were given.
+  bool next(Change& change);
+
+ private:
+  WorkloadSpec spec_;
+  std::mt19937_64 random_;
+  uint64_t given_ = 0;
+};
 
 // Reads a workload, one change a line:
 //   write <Table> <unit> <key> [variant]

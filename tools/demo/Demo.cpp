@@ -169,7 +169,6 @@ int runDemo(const DemoOptions& o, std::ostream& out) {
 
   std::ifstream reportFile(report2);
   const auto report = nlohmann::json::parse(reportFile);
-  std::vector<Change> workload;
   WorkloadSpec spec;
   spec.seed = o.seed;
   spec.keys = o.keys;
@@ -177,7 +176,8 @@ int runDemo(const DemoOptions& o, std::ostream& out) {
   for (size_t t = 0; t < kTableCount; ++t) spec.tables.push_back(uint8_t(t));
   for (uint16_t u = 0; u < o.units; ++u) spec.units.push_back(u);
   ExpectedState expected(kTableCount);
-  for (const Change& c : generateWorkload(spec)) expected.apply(c);
+  WorkloadGenerator workload(spec);
+  for (Change c; workload.next(c);) expected.apply(c);
   const Agreement agreement = checkAgreement(expected, spec.units);
 
   fmt::print(out, "\nreport\n");
