@@ -3,6 +3,7 @@
 #   include/VeskTap/  the headers, laid out as clients include them ("VeskTapAgg/SwTable.h",
 #               "types/TableRecords.h", "Asic/SwTableId.h", ...)
 #   bin/        the vesktap* programs of tools/
+#   share/man/man1/, share/bash-completion/  their man pages and completion (tools/CMakeLists.txt)
 #   lib/cmake/VeskTapAgg/  find_package(VeskTapAgg): VeskTapAgg::SwTable, ::Types, ::Platform
 #   lib/pkgconfig/vesktap.pc
 # The headers get a folder of their own because the layer folders (Asic/, types/, ...) are

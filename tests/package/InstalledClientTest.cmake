@@ -62,4 +62,17 @@ endif()
 run(toolOut ${CMAKE_COMMAND} -E env --unset=LD_LIBRARY_PATH
   ${prefix}/${BINDIR}/vesktap demo --units 1 --keys 100 --changes 2000)
 expectContains("${toolOut}" "demo: everything agrees" "installed vesktap demo")
+
+# With the tools come their man pages (when help2man was there to make them) and the bash
+# completion.
+if(HELP2MAN)
+  foreach(page IN ITEMS vesktap vesktap-demo vesktap-agent vesktap-hw vesktap-show)
+    if(NOT EXISTS ${prefix}/share/man/man1/${page}.1)
+      message(FATAL_ERROR "man page ${page}.1 was not installed")
+    endif()
+  endforeach()
+endif()
+if(NOT EXISTS ${prefix}/share/bash-completion/completions/vesktap)
+  message(FATAL_ERROR "the bash completion was not installed")
+endif()
 file(REMOVE_RECURSE ${WORK_DIR})
