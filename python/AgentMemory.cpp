@@ -6,6 +6,7 @@
 #include "python/Module.h"
 #include "python/Records.h"
 #include "tools/core/AgentMemory.h"
+#include "tools/core/MemoryJson.h"
 #include "tools/core/TableDispatch.h"
 
 namespace VeskPy {
@@ -70,6 +71,11 @@ std::pair<py::object, py::object> keyAndEntry(const typename Traits::LogEntry& l
   return {py::cast(logEntry.key()), py::cast(VeskTapAgg::entryOf(logEntry))};
 }
 
+// A JSON value as Python's json module reads it.
+py::object fromJson(const VeskTool::Json& value) {
+  return py::module_::import("json").attr("loads")(value.dump());
+}
+
 py::object versionOrNone(const std::optional<Asic::LogVersion>& v) {
   return v ? py::object(py::int_(v->value())) : py::none();
 }
@@ -116,20 +122,13 @@ void bindAgentMemory(py::module_& m) {
       .def(
           "changeLog",
           [](const PyAgentMemory& self, const std::string& table) {
-            return self.read(table,
-                             []<class Traits>(const VeskTool::AgentMemory& memory) -> py::object {
-                               const auto log = memory.changeLog<Traits>();
-                               if (!log) return py::none();
-                               py::dict d;
-                               d["tableVersion"] = log->tableVersion;
-                               d["records"] = log->records;
-                               d["oldestVersion"] = log->oldestVersion;
-                               d["newestVersion"] = log->newestVersion;
-                               d["capacity"] = log->capacity;
-                               return d;
-                             });
+            return self.read(table, []<class Traits>(const VeskTool::AgentMemory& memory) {
+              return fromJson(VeskTool::changeLogJson<Traits>(memory));
+            });
           },
-          py::arg("table"), "The table type's change log as a dict, or None when it has none.")
+          py::arg("table"),
+          "The table type's change log as a dict (as `vesktap show --json` has it), or None "
+          "when it has none.")
       .def(
           "tableVersion",
           [](const PyAgentMemory& self, const std::string& table) {
@@ -152,20 +151,14 @@ void bindAgentMemory(py::module_& m) {
           "unitSummary",
           [](const PyAgentMemory& self, const std::string& table, py::handle unit) {
             const uint16_t u = unitFrom(unit);
-            return self.read(
-                table, [u]<class Traits>(const VeskTool::AgentMemory& memory) -> py::object {
-                  const auto c = PyAgentMemory::unitOrThrow<Traits>(memory, u, false);
-                  py::dict d;
-                  d["liveEntries"] = c.liveEntries;
-                  d["tombstones"] = c.tombstones;
-                  d["capacity"] = c.capacity;
-                  d["notInHardware"] = c.notInHardware;
-                  d["tcamLines"] = c.tcamLines ? py::object(py::int_(*c.tcamLines)) : py::none();
-                  d["tcamAppliedVersion"] = versionOrNone(c.tcamAppliedVersion);
-                  return d;
-                });
+            return self.read(table, [u]<class Traits>(const VeskTool::AgentMemory& memory) {
+              PyAgentMemory::unitOrThrow<Traits>(memory, u, false);
+              return fromJson(VeskTool::unitJson<Traits>(memory, Asic::UnitId(u), false));
+            });
           },
-          py::arg("table"), py::arg("unit"), "Counts of the unit's configuration and its TCAM.")
+          py::arg("table"), py::arg("unit"),
+          "Counts of the unit's configuration and its TCAM as a dict (as `vesktap show --json` "
+          "has it).")
       .def(
           "entries",
           [](const PyAgentMemory& self, const std::string& table, py::handle unit) {
@@ -181,7 +174,7 @@ void bindAgentMemory(py::module_& m) {
                   return list;
                 });
           },
-          py::arg("table"), py::arg("unit"), "The unit's live entries, in collection order.")
+          py::arg("table"), py::arg("unit"), "The unit's live entries, ordered by key.")
       .def(
           "tcamEntries",
           [](const PyAgentMemory& self, const std::string& table, py::handle unit) {

@@ -231,8 +231,13 @@ int main(int argc, char** argv) {
   showCmd->add_option("--table", showTable, "only this table type");
   showCmd->add_option("--unit", showUnit, "only this unit")->transform(whole(0, 65535));
   showCmd->add_flag("--entries", show.entries, "list every live entry");
-  showCmd->add_flag("--json", show.json, "print JSON");
-  showCmd->footer(footer("", "vesktap show --table DefaultFwdTcamEntry --unit 0 --entries"));
+  showCmd->add_flag("--json", show.json,
+                    "print JSON (schemaVersion 1; docs/json.md, docs/vesktap.schema.json)");
+  showCmd->footer(
+      footer("Text is tables with a header line, one row per table type and per unit, entries\n"
+             "ordered by key. LEVEL is ok below 70% of the capacity, warning from 70%, critical\n"
+             "from 85%. A damaged file shows as error in its place and exits 1.",
+             "vesktap show --table DefaultFwdTcamEntry --unit 0 --entries"));
 
   // Every refusal is one line on stderr, as for the errors the commands themselves raise.
   app.failure_message([](const CLI::App*, const CLI::Error& e) {
@@ -341,8 +346,8 @@ int main(int argc, char** argv) {
                                        echoed(showTable), tableNameList()));
       }
       if (showUnit >= 0) show.unit = uint16_t(showUnit);
-      VeskTool::show(show, std::cout);
-      return 0;
+      // Whatever could be read is shown; a damaged part is an error in its place.
+      return VeskTool::show(show, std::cout, std::cerr) == 0 ? 0 : 1;
     }
   } catch (const UsageError& e) {
     fmt::print(std::cerr, "vesktap: {} (see --help)\n", e.what());

@@ -38,6 +38,28 @@ void formatFlagNames(fmt::memory_buffer& out, uint64_t bits,
   if (bits != 0) fmt::format_to(std::back_inserter(out), "{}{:#x}", first ? "" : "|", bits);
 }
 
+// An IPv6 address as people write it: groups in hex without leading zeros, and the
+// longest run of two or more zero groups (the first of equal runs) as "::".
+void formatIp6(fmt::memory_buffer& out, const unsigned char* bytes, size_t groups) {
+  const auto group = [&](size_t g) { return unsigned(bytes[2 * g]) << 8 | bytes[2 * g + 1]; };
+  size_t runAt = groups, runLength = 1;
+  for (size_t g = 0; g < groups;) {
+    size_t end = g;
+    while (end < groups && group(end) == 0) ++end;
+    if (end - g > runLength) runAt = g, runLength = end - g;
+    g = end == g ? g + 1 : end;
+  }
+  for (size_t g = 0; g < groups; ++g) {
+    if (g == runAt) {
+      append(out, "::");
+      g += runLength - 1;
+      continue;
+    }
+    fmt::format_to(std::back_inserter(out), "{}{:x}", g == 0 || g == runAt + runLength ? "" : ":",
+                   group(g));
+  }
+}
+
 // The text of a field that is not a nested record (whose text its own type record makes):
 // in print, and as a JSON string.
 void formatScalar(fmt::memory_buffer& out, const void* record, const RecordField& field) {
@@ -74,9 +96,7 @@ void formatScalar(fmt::memory_buffer& out, const void* record, const RecordField
       fmt::format_to(to, "{:02x}", fmt::join(bytes, bytes + field.size, ":"));
       return;
     case FieldText::ip6:
-      for (uint16_t i = 0; i + 1 < field.size; i += 2) {
-        fmt::format_to(to, "{}{:x}", i == 0 ? "" : ":", unsigned(bytes[i]) << 8 | bytes[i + 1]);
-      }
+      formatIp6(out, bytes, field.size / 2);
       return;
     case FieldText::record:
     case FieldText::hidden:
@@ -150,13 +170,18 @@ void RecordType::format(fmt::memory_buffer& out, const void* record) const {
     if (!first) append(out, ", ");
     append(out, f.name);
     append(out, "=");
-    if (f.record)
-      f.record->format(out, bytesOf(record, f));
-    else
-      formatScalar(out, record, f);
+    formatField(out, record, f);
     first = false;
   }
   append(out, ")");
+}
+
+void RecordType::formatField(fmt::memory_buffer& out, const void* record,
+                             const RecordField& field) const {
+  if (field.record)
+    field.record->format(out, bytesOf(record, field));
+  else
+    formatScalar(out, record, field);
 }
 
 Nimbo::String RecordType::text(const void* record) const {

@@ -24,7 +24,7 @@ enum class FieldText : uint8_t {
   flagNames,  // bits with a name each: "count|lag" (print), the number (JSON)
   ip4,        // a 32-bit address in host order: 10.0.0.1
   mac,        // 6 bytes: 00:1c:73:01:02:03
-  ip6,        // 16 bytes in network order: 2001:0db8:0000:...
+  ip6,        // 16 bytes in network order: 2001:db8::1
   record,     // a nested record, printed and inspected through its own type record
   hidden,     // reserved bytes: counted in the layout, never shown
 };
@@ -70,6 +70,8 @@ class VESK_EXPORT RecordType {
   // zero is "don't care", a zero number is the default).
   void format(fmt::memory_buffer& out, const void* record) const;
   Nimbo::String text(const void* record) const;
+  // One field's text as the record's text shows it (a nested record by its own).
+  void formatField(fmt::memory_buffer& out, const void* record, const RecordField& field) const;
   // The record as a JSON object with every shown field: numbers as numbers, flags as
   // booleans, addresses and named values as strings, nested records as objects.
   void json(fmt::memory_buffer& out, const void* record) const;

@@ -65,26 +65,32 @@ class CliTest : public ::testing::Test {
   const std::string root_ = fresh_.path();
 };
 
-// What `show` lists for a table after `changes`: per unit, formatted key -> formatted entry.
+// A record as `show --json` gives it: an object with a member per field.
+template <class Record>
+Json recordJson(const Record& record) {
+  return Json::parse(VeskTapAgg::typeRecordOf<Record>().json(&record));
+}
+
+// What `show` lists for a table after `changes`: per unit, key -> entry, both as JSON.
 template <class Traits>
-std::map<uint16_t, std::map<std::string, std::string>> expectedEntries(
-    const std::vector<Change>& changes, size_t table) {
+std::map<uint16_t, std::map<std::string, Json>> expectedEntries(const std::vector<Change>& changes,
+                                                                size_t table) {
   ExpectedState state(kTableCount);
   for (const Change& c : changes) state.apply(c);
-  std::map<uint16_t, std::map<std::string, std::string>> units;
+  std::map<uint16_t, std::map<std::string, Json>> units;
   for (const auto& [slot, variant] : state.entries(table)) {
     const auto entry = logEntryOf<Traits>(uint32_t(slot), variant);
-    units[uint16_t(slot >> 32)][fmt::format("{}", entry.key())] =
-        fmt::format("{}", VeskTapAgg::entryOf(entry));
+    units[uint16_t(slot >> 32)][recordJson(entry.key()).dump()] =
+        recordJson(VeskTapAgg::entryOf(entry));
   }
   return units;
 }
 
-std::map<uint16_t, std::map<std::string, std::string>> shownEntries(const Json& table) {
-  std::map<uint16_t, std::map<std::string, std::string>> units;
+std::map<uint16_t, std::map<std::string, Json>> shownEntries(const Json& table) {
+  std::map<uint16_t, std::map<std::string, Json>> units;
   for (const Json& u : table["units"]) {
     auto& entries = units[u["unit"].get<uint16_t>()];
-    for (const Json& e : u["entries"]) entries[e["key"]] = e["entry"];
+    for (const Json& e : u["entries"]) entries[e["key"].dump()] = e["entry"];
   }
   return units;
 }
@@ -167,7 +173,10 @@ TEST_F(CliTest, ShowReadsBackWhatTheAgentWroteAndThatTheHardwareAgrees) {
     // Nothing has reached a hardware side yet.
     EXPECT_TRUE(table["hardwareTaken"].is_null());
     EXPECT_EQ(table["changeLog"]["newestVersion"], table["changeLog"]["tableVersion"]);
-    for (const Json& u : table["units"]) EXPECT_EQ(u["notInHardware"], u["liveEntries"]);
+    for (const Json& u : table["units"]) {
+      EXPECT_EQ(u["notInHardware"], u["liveEntries"]);
+      EXPECT_TRUE(u["tcam"].is_null());
+    }
   });
 
   // A hardware side takes every change and its TCAMs hold exactly the configuration.
@@ -180,8 +189,8 @@ TEST_F(CliTest, ShowReadsBackWhatTheAgentWroteAndThatTheHardwareAgrees) {
     uint64_t newestApplied = 0;
     for (const Json& u : table["units"]) {
       EXPECT_EQ(u["notInHardware"], 0) << u;
-      EXPECT_EQ(u["tcamLines"], u["liveEntries"]) << u;
-      newestApplied = std::max<uint64_t>(newestApplied, u["tcamAppliedVersion"]);
+      EXPECT_EQ(u["tcam"]["lines"], u["liveEntries"]) << u;
+      newestApplied = std::max<uint64_t>(newestApplied, u["tcam"]["appliedVersion"]);
     }
     EXPECT_EQ(newestApplied, table["changeLog"]["tableVersion"])
         << "the TCAM of the last change's unit";
@@ -384,7 +393,7 @@ TEST_F(CliTest, AHardwareSideThatCannotReadAChangeSaysWhichAndHowToMendIt) {
   EXPECT_EQ(mended.code, 0) << mended.err;
   const Json unit = tableIn(showJson(), "DefaultFwdTcamAction")["units"][0];
   EXPECT_EQ(unit["notInHardware"], 0) << unit;
-  EXPECT_EQ(unit["tcamLines"], unit["liveEntries"]) << unit;
+  EXPECT_EQ(unit["tcam"]["lines"], unit["liveEntries"]) << unit;
 }
 
 TEST_F(CliTest, WhatTheSystemLogIsToldTheOperatorSeesOnStderr) {
@@ -471,7 +480,7 @@ TEST_F(CliTest, AHardwareSideKilledAndRestartedResumesWithoutApplyingAnythingTwi
   const Json& table = tableIn(shown, "DefaultFwdTcamEntry");
   EXPECT_EQ(table["hardwareTaken"], logged);
   EXPECT_EQ(table["units"][0]["notInHardware"], 0);
-  EXPECT_EQ(table["units"][0]["tcamLines"], table["units"][0]["liveEntries"]);
+  EXPECT_EQ(table["units"][0]["tcam"]["lines"], table["units"][0]["liveEntries"]);
 }
 
 // --- Bad input: one clear line, exit 2 for a usage error, 1 for anything else ---

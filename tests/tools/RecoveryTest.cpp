@@ -62,7 +62,7 @@ class RecoveryTest : public ::testing::Test {
     const Json unit = unitShown();
     EXPECT_GT(unit["liveEntries"].get<int>(), 0);
     EXPECT_EQ(unit["notInHardware"], 0) << unit.dump(1);
-    EXPECT_EQ(unit["tcamLines"], unit["liveEntries"]) << unit.dump(1);
+    EXPECT_EQ(unit["tcam"]["lines"], unit["liveEntries"]) << unit.dump(1);
   }
 
   VeskTest::FreshRoot root_{"vesk-recovery"};

@@ -121,36 +121,44 @@ def describe_diff(expected, observed, slots, limit=4):
 # --- what show prints --------------------------------------------------------------------
 
 def expected_entry(table, key, variant):
-    """The text show prints for the entry the agent writes for (key, variant): fields left
-    at zero do not show."""
-    def fields(*pairs):
-        return ", ".join(f"{name}={value}" for name, value in pairs if value not in (0, None))
+    """The fields of the entry the agent writes for (key, variant), as `show --json` gives
+    them; every other field is zero."""
     if is_action(table):
-        action = fields(("kind", "drop" if variant % 3 == 2 else "redirect"),
-                        ("flags", "count|vlanPush"), ("vlanId", 100 + variant % 4000),
-                        ("redirectPort", 1 + (key + variant) % 48), ("counterId", key))
-        return f"{table}Entry(entryKey={table}EntryKey(index={key}), action=TcamAction({action}))"
-    vlan = None if table.startswith("TapTunnel") else f"{100 + key % 4000}/0xfff"
-    rest = fields(("ingressPort", f"{1 + key % 48}/0xffffffff"), ("vlan", vlan),
-                  ("actionIndex", key % 1024))
-    return f"{table}Entry(entryKey={table}EntryKey(priority={key}, {rest}))"
+        return {"entryKey": {"index": key},
+                "action": {"kind": "drop" if variant % 3 == 2 else "redirect", "flags": 1 | 8,
+                           "vlanId": 100 + variant % 4000, "redirectPort": 1 + (key + variant) % 48,
+                           "counterId": key}}
+    fields = {"priority": key, "ingressPort": {"value": 1 + key % 48, "mask": 0xFFFFFFFF},
+              "actionIndex": key % 1024}
+    if not table.startswith("TapTunnel"):
+        fields["vlan"] = {"value": 100 + key % 4000, "mask": 0x0FFF}
+    return {"entryKey": fields}
+
+
+ZEROS = (0, False, "0.0.0.0", "::", "00:00:00:00:00:00")
+
+
+def matches(shown, expected):
+    """Whether a record of `show --json` holds the expected fields and zero in the rest."""
+    if not isinstance(shown, dict):
+        return shown == expected if expected is not None else shown in ZEROS
+    return all(matches(value, (expected or {}).get(name)) for name, value in shown.items()) \
+        and set(expected or {}) <= set(shown)
 
 
 def decode_show(text):
     """(state, units whose TCAM differs from the configuration) of `show --json --entries`.
-    An entry that is not one the workload writes reads as ("garbled", its text)."""
+    An entry that is not one the workload writes reads as ("garbled", its fields)."""
     state, tcam = {}, []
     for table in json.loads(text)["tables"]:
         name = table["table"]
         for unit in table["units"]:
             for e in unit.get("entries", []):
-                m = re.search(r"\((?:index|priority)=(\d+)", e["key"])
-                k = int(m.group(1)) if m else e["key"]
-                vlan = re.search(r"vlanId=(\d+)", e["entry"]) if is_action(name) else None
-                v = int(vlan.group(1)) - 100 if vlan else 0
-                state[(name, unit["unit"], k)] = v if m and e["entry"] == expected_entry(name, k, v) \
-                    else ("garbled", e["entry"])
-            live, lines = unit.get("liveEntries", 0), unit.get("tcamLines") or 0
+                k = e["key"].get("index", e["key"].get("priority"))
+                v = e["entry"]["action"]["vlanId"] - 100 if is_action(name) else 0
+                state[(name, unit["unit"], k)] = v if matches(e["entry"], expected_entry(name, k, v)) \
+                    else ("garbled", json.dumps(e["entry"]))
+            live, lines = unit.get("liveEntries", 0), (unit.get("tcam") or {}).get("lines", 0)
             if unit.get("notInHardware", 0) or lines != live:
                 tcam.append(f"{name}/{unit['unit']}: {live} entries, TCAM {lines} lines, "
                             f"{unit.get('notInHardware', 0)} entries not in it")

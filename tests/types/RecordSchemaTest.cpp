@@ -2,6 +2,8 @@
 // inspection, under one name per field.
 #include <gtest/gtest.h>
 
+#include <array>
+
 #include "Kest/RecordType.h"
 #include "types/TableTypes.h"
 
@@ -52,8 +54,24 @@ TEST(RecordText, EveryEntryTableKeyReadsItsAddressesAsAddresses) {
   v6.srcIp.mask[0] = 0xff;
   v6.nextHeader = {17, 0xff};
   EXPECT_EQ(fmt::format("{}", v6),
-            "ServicePolicyV6TcamEntryEntryKey(priority=0, srcIp=2001:0:0:0:0:0:0:1/"
-            "ff00:0:0:0:0:0:0:0, nextHeader=0x11/0xff)");
+            "ServicePolicyV6TcamEntryEntryKey(priority=0, srcIp=2001::1/ff00::, "
+            "nextHeader=0x11/0xff)");
+  // The longest run of zero groups is the one shortened (the first of equal runs); a lone
+  // zero group stays; no zero is "::".
+  const auto ip6 = [&](std::array<uint16_t, 8> groups) {
+    for (size_t g = 0; g < 8; ++g) {
+      v6.srcIp.value[2 * g] = uint8_t(groups[g] >> 8);
+      v6.srcIp.value[2 * g + 1] = uint8_t(groups[g]);
+    }
+    const auto text = fmt::format("{}", v6);
+    const auto at = text.find("srcIp=") + 6;
+    return text.substr(at, text.find('/', at) - at);
+  };
+  EXPECT_EQ(ip6({0x2001, 0xdb8, 0, 0, 1, 0, 0, 0}), "2001:db8:0:0:1::");
+  EXPECT_EQ(ip6({0x2001, 0xdb8, 0, 0, 1, 0, 0, 1}), "2001:db8::1:0:0:1");
+  EXPECT_EQ(ip6({0x2001, 0, 1, 2, 3, 4, 5, 6}), "2001:0:1:2:3:4:5:6");
+  EXPECT_EQ(ip6({0, 0, 0, 0, 0, 0, 0, 0}), "::");
+  EXPECT_EQ(ip6({0xfe80, 0, 0, 0, 0, 0, 0, 0}), "fe80::");
 
   VeskTapAgg::TapTunnelTerminationTcamEntryEntryKey tunnel{};
   tunnel.tunnelType = {uint8_t(VeskTapAgg::TunnelType::vxlan), 0xff};

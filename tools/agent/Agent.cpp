@@ -8,13 +8,13 @@
 #include <fmt/format.h>
 #include <fmt/ostream.h>
 #include <asio.hpp>
-#include <nlohmann/json.hpp>
 
 #include "Asic/Constants.h"
 #include "Asic/OrderedTableInterface.h"
 #include "tools/agent/AgentLock.h"
 #include "tools/agent/TableDriver.h"
 #include "tools/agent/WaitWatch.h"
+#include "tools/core/Json.h"
 #include "types/TableTypes.h"
 
 namespace VeskTool {
@@ -353,7 +353,7 @@ void printAgentSummary(const AgentReport& r, std::ostream& out) {
 }
 
 std::string agentReportJson(const AgentReport& r) {
-  nlohmann::ordered_json j;
+  Json j = jsonDocument("agentReport");
   j["restoredEntries"] = r.restoredEntries;
   j["restoreMs"] = r.restoreMs;
   j["runSeconds"] = r.runSeconds;
@@ -363,16 +363,24 @@ std::string agentReportJson(const AgentReport& r) {
   j["failed"] = r.total(&AgentReport::PerTable::failed);
   j["confirmationP50Us"] = r.latencies.percentile(50);
   j["confirmationP99Us"] = r.latencies.percentile(99);
+  Json buckets = Json::array();
+  r.latencies.forEachBucket([&](double upToUs, uint64_t count) {
+    buckets.push_back({{"upToUs", upToUs}, {"count", count}});
+  });
+  j["confirmationLatencyUs"] = std::move(buckets);
   j["mismatches"] = r.mismatches;
   j["interrupted"] = r.interrupted;
   j["gaveUp"] = r.gaveUp;
+  Json tables = Json::array();
   for (size_t t = 0; t < kTableCount; ++t) {
     const auto& p = r.tables[t];
-    j["tables"][std::string(VeskTapAgg::kCatalogue[t].name)] = {{"accepted", p.accepted},
-                                                                {"committed", p.committed},
-                                                                {"confirmed", p.confirmed},
-                                                                {"failed", p.failed}};
+    tables.push_back({{"table", VeskTapAgg::kCatalogue[t].name},
+                      {"accepted", p.accepted},
+                      {"committed", p.committed},
+                      {"confirmed", p.confirmed},
+                      {"failed", p.failed}});
   }
+  j["tables"] = std::move(tables);
   return j.dump(2);
 }
 

@@ -1,5 +1,6 @@
 #include "tools/core/AgentMemory.h"
 
+#include <algorithm>
 #include <filesystem>
 
 #include <fmt/format.h>
@@ -64,27 +65,50 @@ template <class Traits>
 std::optional<UnitContents<Traits>> AgentMemory::unit(Asic::UnitId unit, bool withEntries) const {
   auto config = mountConfig<Traits>(em_, unit);
   if (!config) return std::nullopt;
-  auto tcam = TcamShard<Traits>::mount(unit, KestShard::KestShardType::reader);
   UnitContents<Traits> contents;
+  // A TCAM the hardware side left damaged is told, and the configuration read without it.
+  Nimbo::Ptr<TcamShard<Traits>> tcam;
+  const auto tcamFailed = [&](const Nimbo::Exception& e) {
+    contents.tcamError = e.what();
+    contents.tcamLines.reset();
+    contents.tcamAppliedVersion.reset();
+    tcam = nullptr;
+  };
+  try {
+    tcam = TcamShard<Traits>::mount(unit, KestShard::KestShardType::reader);
+    if (tcam) {
+      // Walked rather than counted: a walk that reaches fewer lines than the TCAM counts
+      // reports its damaged index.
+      uint32_t lines = 0;
+      tcam->tcam().forEach([&](const auto&) { ++lines; });
+      contents.tcamLines = lines;
+      contents.tcamAppliedVersion = tcam->appliedVersion();
+    }
+  } catch (const Nimbo::Exception& e) {
+    tcamFailed(e);
+  }
+  const auto inHardware = [&](const auto& logEntry) {
+    if (!tcam) return false;
+    try {
+      const auto line = tcam->tcam().find(logEntry.key());
+      return line && line->logEntry == logEntry;
+    } catch (const Nimbo::Exception& e) {
+      tcamFailed(e);
+      return false;
+    }
+  };
   config->swTableEntriesColl().forEach([&](const auto& record) {
     if (record.isDeleted) {
       ++contents.tombstones;
       return;
     }
     ++contents.liveEntries;
-    const auto line = tcam ? tcam->tcam().find(record.logEntry.key()) : std::nullopt;
-    const bool inHardware = line && line->logEntry == record.logEntry;
-    if (!inHardware) ++contents.notInHardware;
-    if (withEntries) contents.entries.push_back({record.logEntry, record.logVersion, inHardware});
+    const bool held = inHardware(record.logEntry);
+    if (!held) ++contents.notInHardware;
+    if (withEntries) contents.entries.push_back({record.logEntry, record.logVersion, held});
   });
-  if (tcam) {
-    // Walked rather than counted: a walk that reaches fewer lines than the TCAM counts
-    // reports its damaged index.
-    uint32_t lines = 0;
-    tcam->tcam().forEach([&](const auto&) { ++lines; });
-    contents.tcamLines = lines;
-    contents.tcamAppliedVersion = tcam->appliedVersion();
-  }
+  std::sort(contents.entries.begin(), contents.entries.end(),
+            [](const auto& a, const auto& b) { return a.logEntry.key() < b.logEntry.key(); });
   return contents;
 }
 

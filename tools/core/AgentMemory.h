@@ -2,6 +2,7 @@
 
 #include <optional>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "Asic/LogVersion.h"
@@ -46,7 +47,9 @@ struct UnitContents {
   uint64_t notInHardware = 0;                          // live entries the TCAM lacks or differs on
   std::optional<uint64_t> tcamLines;                   // empty: the hardware side made no TCAM
   std::optional<Asic::LogVersion> tcamAppliedVersion;  // likewise
-  std::vector<LiveEntry<Traits>> entries;              // filled only when asked for
+  // Why the TCAM could not be read (a damaged file): it then counts as missing.
+  std::optional<std::string> tcamError;
+  std::vector<LiveEntry<Traits>> entries;  // filled only when asked for, ordered by key
 };
 
 // The shared memory of an agent (running or stopped) and of its hardware side, read
@@ -72,7 +75,8 @@ class AgentMemory {
   // The units that have a configuration of the table type, in the namespace's order.
   template <class Traits>
   std::vector<Asic::UnitId> units() const;
-  // Empty when the unit has no configuration of the table type.
+  // Empty when the unit has no configuration of the table type. A TCAM that cannot be
+  // read is told in tcamError; a damaged configuration throws (Nimbo::Exception).
   template <class Traits>
   std::optional<UnitContents<Traits>> unit(Asic::UnitId unit, bool withEntries) const;
   // The lines of the unit's simulated TCAM in collection order; empty when it has none.

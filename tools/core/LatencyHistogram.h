@@ -29,6 +29,14 @@ class LatencyHistogram {
     }
     return std::pow(kGrowth, double(kBuckets) - 0.5);
   }
+  // Calls visit(upToUs, count) for every bucket that holds a latency, from the lowest: the
+  // count of latencies below upToUs and at or above the previous bucket's bound.
+  template <class Visit>
+  void forEachBucket(Visit&& visit) const {
+    for (size_t b = 0; b < kBuckets; ++b) {
+      if (counts_[b] != 0) visit(std::pow(kGrowth, double(b)), counts_[b]);
+    }
+  }
 
  private:
   static constexpr double kGrowth = 1.01;

@@ -2,119 +2,187 @@
 
 #include <set>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include <fmt/format.h>
 #include <fmt/ostream.h>
-#include <nlohmann/json.hpp>
 
+#include "Kest/RecordType.h"
 #include "tools/core/AgentMemory.h"
+#include "tools/core/MemoryJson.h"
 #include "tools/core/TableDispatch.h"
 
 namespace VeskTool {
 namespace {
 
-using Json = nlohmann::ordered_json;
+using Row = std::vector<std::string>;
 
-template <class Traits>
-Json showUnit(const AgentMemory& memory, Asic::UnitId unit, bool entries) {
-  Json j;
-  j["unit"] = unit.value();
-  const auto contents = memory.unit<Traits>(unit, entries);
-  if (!contents) return j;
-  j["liveEntries"] = contents->liveEntries;
-  j["tombstones"] = contents->tombstones;
-  j["capacity"] = contents->capacity;
-  j["capacityUsed"] =
-      double(contents->liveEntries + contents->tombstones) / double(contents->capacity);
-  if (contents->tcamLines) {
-    j["tcamLines"] = *contents->tcamLines;
-    j["tcamAppliedVersion"] = contents->tcamAppliedVersion->value();
-  } else {
-    j["tcamLines"] = nullptr;
+// Columns left-aligned under their headers, two spaces apart: one row per line, a cell
+// never empty and without spaces, so that awk's $N is column N.
+void printTable(std::ostream& out, const Row& headers, const std::vector<Row>& rows) {
+  std::vector<size_t> widths(headers.size());
+  for (size_t c = 0; c < headers.size(); ++c) widths[c] = headers[c].size();
+  for (const Row& row : rows) {
+    for (size_t c = 0; c < row.size(); ++c) widths[c] = std::max(widths[c], row[c].size());
   }
-  j["notInHardware"] = contents->notInHardware;
-  if (entries) {
-    Json list = Json::array();
-    for (const auto& e : contents->entries) {
-      list.push_back({{"key", fmt::format("{}", e.logEntry.key())},
-                      {"entry", fmt::format("{}", VeskTapAgg::entryOf(e.logEntry))},
-                      {"version", e.version.value()},
-                      {"inHardware", e.inHardware}});
+  const auto print = [&](const Row& row) {
+    std::string line;
+    for (size_t c = 0; c < row.size(); ++c) {
+      line += row[c];
+      if (c + 1 < row.size()) line.append(widths[c] - row[c].size() + 2, ' ');
     }
-    j["entries"] = std::move(list);
+    out << line << '\n';
+  };
+  print(headers);
+  for (const Row& row : rows) print(row);
+}
+
+std::string cell(const Json& value) {
+  if (value.is_null()) return "-";
+  if (value.is_string()) return value.get<std::string>();
+  return value.dump();
+}
+
+std::string percent(const Json& part) {
+  return fmt::format("{:.1f}%", 100 * part["used"].get<double>());
+}
+
+// One line on `err` per part that could not be read; counts them.
+size_t tellErrors(const Json& doc, std::ostream& err) {
+  size_t errors = 0;
+  const auto tell = [&](const std::string& where, const Json& part) {
+    if (!part.is_object() || !part.contains("error")) return;
+    fmt::print(err, "vesktap: show: {}: {}\n", where, part["error"].get<std::string>());
+    ++errors;
+  };
+  for (const Json& t : doc["tables"]) {
+    const std::string table = t["table"];
+    tell(table + " change log", t["changeLog"]);
+    for (const Json& u : t["units"]) {
+      const std::string unit = fmt::format("{} unit {}", table, u["unit"].get<int>());
+      tell(unit + " configuration", u);
+      if (u.contains("tcam")) tell(unit + " TCAM", u["tcam"]);
+    }
   }
-  return j;
+  return errors;
+}
+
+void printChangeLogs(const Json& doc, std::ostream& out) {
+  std::vector<Row> rows;
+  for (const Json& t : doc["tables"]) {
+    const Json& log = t["changeLog"];
+    if (!log.is_object() || log.contains("error")) {
+      const std::string what = log.is_null() ? "-" : "error";
+      rows.push_back({t["table"], what, what, what, what, cell(t["hardwareTaken"]), "-", what});
+      continue;
+    }
+    const uint64_t records = log["records"];
+    rows.push_back({t["table"], cell(log["tableVersion"]), cell(log["records"]),
+                    records == 0 ? "empty"
+                                 : fmt::format("{}-{}", log["oldestVersion"].get<uint64_t>(),
+                                               log["newestVersion"].get<uint64_t>()),
+                    percent(log), cell(t["hardwareTaken"]), cell(t["hardwareLag"]),
+                    cell(log["level"])});
+  }
+  printTable(out,
+             {"TABLE", "VERSION", "RECORDS", "VERSIONS", "LOG_USE", "HW_TAKEN", "HW_LAG", "LEVEL"},
+             rows);
+}
+
+void printUnits(const Json& doc, std::ostream& out) {
+  std::vector<Row> rows;
+  for (const Json& t : doc["tables"]) {
+    for (const Json& u : t["units"]) {
+      Row row{t["table"], cell(u["unit"])};
+      if (u.contains("error")) {
+        row.resize(9, "error");
+      } else {
+        const Json& tcam = u["tcam"];
+        const bool broken = tcam.is_object() && tcam.contains("error");
+        row.insert(row.end(),
+                   {cell(u["liveEntries"]), cell(u["tombstones"]), percent(u), cell(u["level"]),
+                    broken ? "error" : cell(tcam.value("lines", Json())),
+                    broken ? "error" : cell(tcam.value("appliedVersion", Json())),
+                    cell(u["notInHardware"])});
+      }
+      rows.push_back(std::move(row));
+    }
+  }
+  if (rows.empty()) return;
+  out << '\n';
+  printTable(out,
+             {"TABLE", "UNIT", "ENTRIES", "TOMBSTONES", "USE", "LEVEL", "TCAM_LINES",
+              "TCAM_VERSION", "NOT_IN_TCAM"},
+             rows);
+}
+
+// A record's fields as columns: a nested record of named fields (an entry's key, an
+// action) gives one column per field; a value/mask pair is one column.
+struct Column {
+  std::string name;
+  const Kest::RecordType* type;  // of the record the field is in
+  const Kest::RecordField* field;
+  size_t offset;  // of that record in the outer one
+};
+
+std::vector<Column> columnsOf(const Kest::RecordType& type) {
+  std::vector<Column> columns;
+  for (const Kest::RecordField& f : type.fields()) {
+    if (f.text == Kest::FieldText::hidden) continue;
+    if (f.record && f.record->form() == Kest::RecordType::Form::fields) {
+      for (const Kest::RecordField& inner : f.record->fields()) {
+        if (inner.text != Kest::FieldText::hidden)
+          columns.push_back({std::string(inner.name), f.record, &inner, f.offset});
+      }
+    } else {
+      columns.push_back({std::string(f.name), &type, &f, 0});
+    }
+  }
+  return columns;
 }
 
 template <class Traits>
-Json showTable(const AgentMemory& memory, const ShowOptions& options) {
-  Json j;
-  j["table"] = Traits::tableName;
-  j["tableId"] = fmt::format("{}", Traits::tableId);
-  if (const auto log = memory.changeLog<Traits>()) {
-    j["changeLog"] = {{"tableVersion", log->tableVersion},
-                      {"records", log->records},
-                      {"oldestVersion", log->oldestVersion},
-                      {"newestVersion", log->newestVersion},
-                      {"capacity", log->capacity}};
-  } else {
-    j["changeLog"] = nullptr;
-  }
-  const auto taken = memory.hardwareTaken(Traits::tableId);
-  j["hardwareTaken"] = taken ? Json(taken->value()) : Json(nullptr);
-  Json units = Json::array();
+void printEntries(const AgentMemory& memory, const ShowOptions& options, std::ostream& out) {
+  using Entry = typename Traits::Entry;
+  const auto columns = columnsOf(VeskTapAgg::typeRecordOf<Entry>());
+  Row headers{"VERSION", "IN_TCAM"};
+  for (const Column& c : columns) headers.push_back(c.name);
   for (Asic::UnitId unit : memory.units<Traits>()) {
     if (options.unit && *options.unit != unit.value()) continue;
-    units.push_back(showUnit<Traits>(memory, unit, options.entries));
-  }
-  j["units"] = std::move(units);
-  return j;
-}
-
-void printText(const Json& all, std::ostream& out) {
-  for (const Json& t : all["tables"]) {
-    fmt::print(out, "{} ({})\n", t["table"].get<std::string>(), t["tableId"].get<std::string>());
-    if (t["changeLog"].is_null()) {
-      fmt::print(out, "  change log: none\n");
-    } else {
-      const Json& l = t["changeLog"];
-      fmt::print(
-          out, "  change log: table version {}, {} records (versions {} to {}), hardware took {}\n",
-          l["tableVersion"].get<uint64_t>(), l["records"].get<uint64_t>(),
-          l["oldestVersion"].get<uint64_t>(), l["newestVersion"].get<uint64_t>(),
-          t["hardwareTaken"].is_null() ? "nothing yet" : t["hardwareTaken"].dump());
+    std::optional<UnitContents<Traits>> contents;
+    try {
+      contents = memory.unit<Traits>(unit, true);
+    } catch (const Nimbo::Exception&) {
+      continue;  // told with the units
     }
-    for (const Json& u : t["units"]) {
-      if (!u.contains("liveEntries")) continue;
-      fmt::print(out,
-                 "  unit {}: {} entries, {} tombstones ({:.1f}% of 65536); TCAM {} lines, {} "
-                 "entries not in it\n",
-                 u["unit"].get<int>(), u["liveEntries"].get<uint64_t>(),
-                 u["tombstones"].get<uint64_t>(), 100 * u["capacityUsed"].get<double>(),
-                 u["tcamLines"].is_null() ? "no" : u["tcamLines"].dump(),
-                 u["notInHardware"].get<uint64_t>());
-      if (!u.contains("entries")) continue;
-      for (const Json& e : u["entries"]) {
-        fmt::print(out, "    v{} {}{}\n", e["version"].get<uint64_t>(),
-                   e["entry"].get<std::string>(),
-                   e["inHardware"].get<bool>() ? "" : "  (not in TCAM)");
+    if (!contents) continue;
+    fmt::print(out, "\n{} unit {}{}\n", Traits::tableName, unit,
+               contents->entries.empty() ? ": empty" : "");
+    if (contents->entries.empty()) continue;
+    std::vector<Row> rows;
+    for (const auto& e : contents->entries) {
+      const Entry entry = VeskTapAgg::entryOf(e.logEntry);
+      Row row{std::to_string(e.version.value()), e.inHardware ? "yes" : "no"};
+      for (const Column& c : columns) {
+        fmt::memory_buffer text;
+        c.type->formatField(text, reinterpret_cast<const char*>(&entry) + c.offset, *c.field);
+        row.push_back(fmt::to_string(text));
       }
+      rows.push_back(std::move(row));
     }
+    printTable(out, headers, rows);
   }
 }
 
 }  // namespace
 
-void show(const ShowOptions& options, std::ostream& out) {
+size_t show(const ShowOptions& options, std::ostream& out, std::ostream& err) {
   const AgentMemory memory;
-  Json all;
-  all["root"] = memory.root();
-  Json tables = Json::array();
   std::set<uint16_t> units;  // of the tables shown
   forEachTable([&]<class Traits>(size_t t) {
     if (options.table && *options.table != t) return;
     for (Asic::UnitId unit : memory.units<Traits>()) units.insert(unit.value());
-    tables.push_back(showTable<Traits>(memory, options));
   });
   if (options.unit && !units.contains(*options.unit)) {
     throw std::invalid_argument(fmt::format(
@@ -123,12 +191,21 @@ void show(const ShowOptions& options, std::ostream& out) {
                       : std::string("no table type"),
         *options.unit, units.empty() ? "none" : fmt::format("{}", fmt::join(units, ", "))));
   }
-  all["tables"] = std::move(tables);
+  const Json doc =
+      agentMemoryJson(memory, options.table, options.unit, options.entries && options.json);
   if (options.json) {
-    out << all.dump(2) << "\n";
+    out << doc.dump(2) << '\n';
   } else {
-    printText(all, out);
+    printChangeLogs(doc, out);
+    printUnits(doc, out);
+    if (options.entries) {
+      forEachTable([&]<class Traits>(size_t t) {
+        if (!options.table || *options.table == t) printEntries<Traits>(memory, options, out);
+      });
+    }
   }
+  out.flush();
+  return tellErrors(doc, err);
 }
 
 }  // namespace VeskTool
