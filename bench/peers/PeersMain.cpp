@@ -1,17 +1,21 @@
 // vesk_peers_bench: the same change workload on the entry log and on the stores it is
 // measured against, one after the other in one run, then their rates and ratios.
-//   vesk_peers_bench [--changes N] [--keys N] [--rounds N] [--only STORE]...
+//   vesk_peers_bench [--changes N] [--keys N] [--rounds N] [--only STORE]... [--json FILE]
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <optional>
 
 #include <fmt/format.h>
 #include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
 
 #include "Peer.h"
 
@@ -125,11 +129,44 @@ void printTarget(const std::vector<Result>& results, const std::string& label,
              ratio >= target ? "met" : "NOT met");
 }
 
+// The run as JSON, for scripts that plot it: the workload, then one record per store and way.
+nlohmann::ordered_json resultsJson(const Workload& w, unsigned rounds,
+                                   const std::vector<Result>& results,
+                                   const std::vector<std::string>& skipped) {
+  nlohmann::ordered_json j;
+  j["workload"] = {{"changes", w.size()},
+                   {"keys", w.keys()},
+                   {"writes", w.writes()},
+                   {"deletes", w.deletes()},
+                   {"liveKeysAtEnd", w.liveKeysAtEnd()},
+                   {"trimEvery", kTrimEvery},
+                   {"logKeep", kLogKeep},
+                   {"seed", kSeed},
+                   {"rounds", rounds}};
+  j["results"] = nlohmann::ordered_json::array();
+  for (const Result& r : results) {
+    nlohmann::ordered_json one = {{"peer", r.name}};
+    if (r.error) {
+      one["error"] = *r.error;
+    } else {
+      one["changes"] = r.changes;
+      one["seconds"] = r.seconds;
+      one["changesPerSecond"] = r.rate();
+      one["nsPerChange"] = r.rate() > 0 ? 1e9 / r.rate() : 0.0;
+      one["check"] = r.check;
+    }
+    j["results"].push_back(std::move(one));
+  }
+  j["skipped"] = skipped;
+  return j;
+}
+
 int runMain(int argc, char** argv) {
   uint64_t changes = 1'000'000;
   uint32_t keys = 65'536;
   unsigned rounds = 1;
   std::vector<std::string> only;
+  std::string jsonPath;
   CLI::App app{
       "Runs one change workload on the entry log and on LMDB, SQLite, Redis and a bare "
       "shared-memory table, and prints each one's changes/s and the ratios."};
@@ -141,7 +178,19 @@ int runMain(int argc, char** argv) {
   app.add_option("--only", only,
                  "Run only this store (lmdb, sqlite, redis, bare, entrylog) or way "
                  "(e.g. lmdb/change); repeatable");
+  app.add_option("--json", jsonPath, "Also write the results as JSON to this file");
   CLI11_PARSE(app, argc, argv);
+
+  // Opened before the run, so that a path that cannot be written fails at once.
+  std::ofstream jsonOut;
+  if (!jsonPath.empty()) {
+    jsonOut.open(jsonPath);
+    if (!jsonOut) {
+      fmt::print(stderr, "vesk_peers_bench: --json: cannot write {}: {} (give a writable path)\n",
+                 jsonPath, std::strerror(errno));
+      return 2;
+    }
+  }
 
   ScratchRoot root;
   PeerList peers;
@@ -222,6 +271,15 @@ int runMain(int argc, char** argv) {
   fmt::print("\n");
   printTarget(results, "LMDB per-change", "lmdb/change", 5.0, ">= 5x");
   printTarget(results, "bare limit", "bare/shm", 0.5, "within 2x, >= 0.50x");
+  if (jsonOut.is_open()) {
+    jsonOut << resultsJson(w, rounds, results, skipped).dump(2) << '\n';
+    jsonOut.close();
+    if (!jsonOut) {
+      fmt::print(stderr, "vesk_peers_bench: --json: writing {} failed (is the disk full?)\n",
+                 jsonPath);
+      return 1;
+    }
+  }
   bool failed = std::any_of(results.begin(), results.end(),
                             [](const Result& r) { return r.error || r.check != "ok"; });
   return failed ? 1 : 0;
