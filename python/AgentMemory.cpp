@@ -84,8 +84,8 @@ py::object versionOrNone(const std::optional<Asic::LogVersion>& v) {
 
 void bindAgentMemory(py::module_& m) {
   py::class_<PyLiveEntry> liveEntry(m, "LiveEntry", "A live entry of a unit's configuration.");
-  liveEntry.def_readonly("key", &PyLiveEntry::key)
-      .def_readonly("entry", &PyLiveEntry::entry)
+  liveEntry.def_readonly("key", &PyLiveEntry::key, "the entry's key, a record of its table type")
+      .def_readonly("entry", &PyLiveEntry::entry, "the entry as last written")
       .def_readonly("version", &PyLiveEntry::version, "the version of the change that wrote it")
       .def_readonly("inHardware", &PyLiveEntry::inHardware,
                     "whether the simulated TCAM holds this entry");
@@ -95,8 +95,8 @@ void bindAgentMemory(py::module_& m) {
   });
   py::class_<PyTcamLine> tcamLine(m, "TcamLine",
                                   "A line of a simulated TCAM as the hardware side programmed it.");
-  tcamLine.def_readonly("key", &PyTcamLine::key)
-      .def_readonly("entry", &PyTcamLine::entry)
+  tcamLine.def_readonly("key", &PyTcamLine::key, "the line's key, a record of its table type")
+      .def_readonly("entry", &PyTcamLine::entry, "the entry the line holds")
       .def_readonly("version", &PyTcamLine::version,
                     "the version of the change that programmed it");
   defRepr(tcamLine, [](const PyTcamLine& l) {
@@ -106,7 +106,7 @@ void bindAgentMemory(py::module_& m) {
   py::class_<PyAgentMemory>(
       m, "AgentMemory",
       "The shared memory of an agent and its hardware side, read without changing it.")
-      .def_property_readonly("root", &PyAgentMemory::root)
+      .def_property_readonly("root", &PyAgentMemory::root, "The shared-memory root it reads.")
       .def(
           "tables", [](const PyAgentMemory&) { return tableNames(); }, "The table types.")
       .def(

@@ -5,6 +5,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 #include <pybind11/pybind11.h>
 
@@ -62,5 +63,16 @@ std::set<std::string>& readOnlyRoots();
 void bindRecords(py::module_& m);
 void bindAgentMemory(py::module_& m);
 void bindTables(py::module_& m);
+
+// The snake_case spelling of a camelCase name: entryWrite -> entry_write,
+// getTableEntries_py -> get_table_entries_py.
+std::string snakeCase(std::string_view name);
+// Gives each public camelCase function or property of `scope` (a class or module) its
+// snake_case spelling beside it: the same object under a second name.
+void aliasSnakeCase(py::handle scope);
+// aliasSnakeCase over the module and every class it defines, nested ones included, except
+// the records (their fields are the schema's names, as dicts and keywords spell them). Run
+// once, after everything is bound, so that every part of the module gets its aliases.
+void addSnakeCaseAliases(py::module_& m);
 
 }  // namespace VeskPy

@@ -1,6 +1,6 @@
 """Tables driven in this process: write, remove, step the group resolver, confirm as the
-hardware side, read, walk and snapshot. Each test runs in a process of its own at a root of
-its own, since the table interfaces live as long as the process that made them."""
+hardware side, read as a mapping, walk and snapshot. Each test runs in a process of its own
+at a root of its own, since the table interfaces live as long as the process that made them."""
 
 import os
 import subprocess
@@ -56,12 +56,37 @@ def test_write_commit_confirm_read():
     assert handles[2].state == "done" and not table.hasPendingHwWrites()
     assert table.entrys() == 3
     assert table.entryRead(fdb_key(2)).entryKey.vlan.value == 12
-    assert table.entryRead(fdb_key(5)) == vesktap.DefaultFwdTcamEntryEntry()  # absent: default
 
     # What was committed is in shared memory, where the read-only view finds it.
     mem = vesktap.open()
     assert mem.tableVersion(TABLE) == 3
     assert {e.key: e.entry for e in mem.entries(TABLE, 0)} == {fdb_key(n): fdb_entry(n) for n in range(3)}
+
+
+@in_fresh_process
+def test_a_table_is_a_mapping_from_key_to_entry():
+    intf = vesktap.get_intf(TABLE)  # the snake_case names are the same calls
+    table = intf.make_sw_table(3, clear=True)
+    for n in range(3):
+        table.entry_write(fdb_key(n), fdb_entry(n))
+    vesktap.run_until_idle()
+    table.entry_remove(fdb_key(1))  # pending removal
+    table.entry_write(fdb_key(7), fdb_entry(7))  # pending write
+    assert fdb_key(0) in table and fdb_key(7) in table and fdb_key(2).to_dict() in table
+    assert fdb_key(1) not in table and fdb_key(5) not in table
+    assert len(table) == 3
+    assert list(table) == list(table.keys()) == [e.entryKey for e in table.entryIteratorConst()]
+    assert list(table.values()) == list(table.entryIteratorConst())
+    assert dict(table.items()) == {k: table[k] for k in table} == {fdb_key(n): fdb_entry(n) for n in (0, 2, 7)}
+    assert table.get(fdb_key(1)) is None and table.get(fdb_key(1), "absent") == "absent"
+    for read in (table.__getitem__, table.entryRead, table.entry_read):
+        with pytest.raises(KeyError, match=r"DefaultFwdTcamEntry unit 3 has no entry for "
+                                           r"DefaultFwdTcamEntryEntryKey\(priority=1, ingressPort=1/0xffffffff"):
+            read(fdb_key(1))
+    with pytest.raises(TypeError, match="key: expected a DefaultFwdTcamEntryEntryKey or a dict, got "
+                                        "DefaultFwdTcamEntryEntry"):
+        fdb_entry(0) in table  # an entry is not its key
+    assert intf.table_version() == 3 and table.unit_id == 3
 
 
 @pytest.mark.parametrize("table_name", vesktap.tables())
@@ -100,7 +125,7 @@ def test_the_walk_sees_pending_changes_over_committed_ones():
 
     walked = [(e.entryKey.index, e.action.counterId) for e in table.entryIteratorConst()]
     assert sorted(walked) == [(0, 0), (1, 1), (2, 200), (3, 3), (5, 5), (9, 9)]
-    assert [e for e in table] == list(table.entryIteratorConst())
+    assert [k.index for k in table] == [i for i, _ in walked]  # iterating a table yields its keys
     assert {i for i, _ in walked[:2]} == {2, 9}  # pending writes first
 
     assert list(table.entryIteratorConst(key(index=7))) == []  # a key the table lacks: empty walk
@@ -123,9 +148,10 @@ def test_the_snapshot_is_a_copy():
     assert snapshot[fdb_key(2).to_dict()] == fdb_entry(2)  # a key may be given as a dict
     assert fdb_key(3) in snapshot and fdb_key(5) not in snapshot
     assert snapshot.get(fdb_key(5)) is None
-    assert snapshot.tableEntries(fdb_key(5)) == vesktap.DefaultFwdTcamEntryEntry()
-    with pytest.raises(KeyError):
-        snapshot[fdb_key(5)]
+    for read in (snapshot.__getitem__, snapshot.tableEntries):
+        with pytest.raises(KeyError, match=r"DefaultFwdTcamEntry snapshot has no entry for "
+                                           r"DefaultFwdTcamEntryEntryKey\(priority=5,"):
+            read(fdb_key(5))
 
     table.entryRemoveAll()
     table.entryWrite(fdb_key(8), {})
@@ -141,7 +167,7 @@ def test_the_snapshot_is_a_copy():
     snapshot.tableEntriesIs(fdb_entry(9))
     assert snapshot[fdb_key(9)] == fdb_entry(9) and len(snapshot) == 6
     assert snapshot.tableEntriesDel(fdb_key(9)) == fdb_entry(9)
-    assert snapshot.tableEntriesDel(fdb_key(9)) == vesktap.DefaultFwdTcamEntryEntry()  # absent: default
+    assert snapshot.tableEntriesDel(fdb_key(9)) is None  # absent
     snapshot[fdb_key(5)] = fdb_entry(6)  # stored under the key it is set at
     assert snapshot[fdb_key(5)].entryKey == fdb_key(5)
     del snapshot[fdb_key(5)]
