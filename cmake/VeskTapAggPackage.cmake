@@ -6,6 +6,10 @@
 #   share/man/man1/, share/bash-completion/  their man pages and completion (tools/CMakeLists.txt)
 #   lib/cmake/VeskTapAgg/  find_package(VeskTapAgg): VeskTapAgg::SwTable, ::Types, ::Platform
 #   lib/pkgconfig/vesktap.pc
+#   lib/python3/dist-packages/  the Python module (python/CMakeLists.txt)
+#   lib/systemd/system/  the systemd units of the tools (tools/CMakeLists.txt)
+# Each install rule names its component, which is also its Debian package
+# (VeskDebianPackages.cmake): library, dev, tools, python.
 # The headers get a folder of their own because the layer folders (Asic/, types/, ...) are
 # too generic to sit directly in a shared include directory.
 include(GNUInstallDirs)
@@ -30,8 +34,8 @@ endwhile()
 
 # INCLUDES names the include root for consumers whose CMake predates imported file sets.
 install(TARGETS ${VESK_PACKAGE_TARGETS} EXPORT VeskTapAggTargets
-  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  FILE_SET HEADERS DESTINATION ${VESK_INSTALL_INCLUDEDIR}
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT library NAMELINK_COMPONENT dev
+  FILE_SET HEADERS DESTINATION ${VESK_INSTALL_INCLUDEDIR} COMPONENT dev
   INCLUDES DESTINATION ${VESK_INSTALL_INCLUDEDIR})
 
 # Every executable named vesktap* under tools/ is a program users run; new ones are picked
@@ -57,17 +61,26 @@ vesk_collect_tools(${PROJECT_SOURCE_DIR}/tools VESK_TOOLS)
 if(VESK_TOOLS)
   file(RELATIVE_PATH binToLib ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
   set_target_properties(${VESK_TOOLS} PROPERTIES INSTALL_RPATH "$ORIGIN/${binToLib}")
-  install(TARGETS ${VESK_TOOLS} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS ${VESK_TOOLS} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT tools)
+endif()
+# The Python module finds the libraries from its dist-packages directory the same way.
+if(TARGET vesktap_python)
+  cmake_path(ABSOLUTE_PATH VESK_INSTALL_PYTHONDIR BASE_DIRECTORY ${CMAKE_INSTALL_PREFIX}
+             OUTPUT_VARIABLE pythonDir)
+  file(RELATIVE_PATH pythonToLib ${pythonDir} ${CMAKE_INSTALL_FULL_LIBDIR})
+  set_target_properties(vesktap_python PROPERTIES INSTALL_RPATH "$ORIGIN/${pythonToLib}")
 endif()
 
-install(EXPORT VeskTapAggTargets NAMESPACE VeskTapAgg:: DESTINATION ${VESK_INSTALL_CMAKEDIR})
+install(EXPORT VeskTapAggTargets NAMESPACE VeskTapAgg:: DESTINATION ${VESK_INSTALL_CMAKEDIR}
+  COMPONENT dev)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/VeskTapAggConfig.cmake.in
   ${PROJECT_BINARY_DIR}/VeskTapAggConfig.cmake INSTALL_DESTINATION ${VESK_INSTALL_CMAKEDIR})
 # Compatibility follows the libraries' SOVERSION, which is the major version.
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/VeskTapAggConfigVersion.cmake
   COMPATIBILITY SameMajorVersion)
 install(FILES ${PROJECT_BINARY_DIR}/VeskTapAggConfig.cmake
-  ${PROJECT_BINARY_DIR}/VeskTapAggConfigVersion.cmake DESTINATION ${VESK_INSTALL_CMAKEDIR})
+  ${PROJECT_BINARY_DIR}/VeskTapAggConfigVersion.cmake DESTINATION ${VESK_INSTALL_CMAKEDIR}
+  COMPONENT dev)
 
 # The .pc file locates the prefix from its own place, so that the installed tree can be
 # moved (or installed with `cmake --install --prefix`) and still describes itself; absolute
@@ -85,4 +98,4 @@ else()
   set(VESK_PC_INCLUDEDIR "\${prefix}/${VESK_INSTALL_INCLUDEDIR}")
 endif()
 configure_file(${CMAKE_CURRENT_LIST_DIR}/vesktap.pc.in ${PROJECT_BINARY_DIR}/vesktap.pc @ONLY)
-install(FILES ${PROJECT_BINARY_DIR}/vesktap.pc DESTINATION ${VESK_PKGCONFIG_DIR})
+install(FILES ${PROJECT_BINARY_DIR}/vesktap.pc DESTINATION ${VESK_PKGCONFIG_DIR} COMPONENT dev)

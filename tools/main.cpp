@@ -4,6 +4,7 @@
 //   vesktap agent [options]      the agent: tables of its units, a workload, answers
 //   vesktap hw [options]         the hardware side: change logs into simulated TCAMs
 //   vesktap show [options]       what the shared memory holds, as text or JSON
+//   vesktap metrics [options]    the counters of agent and hardware side, for Prometheus
 //
 // Data and reports go to stdout, progress and status to stderr. A usage error exits 2, any
 // other failure 1, each with one line on stderr; stopped by SIGINT or SIGTERM, 130 or 143.
@@ -25,6 +26,7 @@
 #include "tools/core/ReportFile.h"
 #include "tools/demo/Demo.h"
 #include "tools/hw/HardwareSide.h"
+#include "tools/metrics/Metrics.h"
 #include "tools/show/Show.h"
 
 namespace {
@@ -50,6 +52,8 @@ constexpr const char* kEnvironment =
     "  VESK_LOG_STDERR  1: copy system-log messages (wiped or damaged shared memory,\n"
     "                   relaunches) to stderr, as happens anyway without a syslog socket;\n"
     "                   0: never\n"
+    "  NOTIFY_SOCKET    set by systemd for a Type=notify unit: agent and hw send READY=1 there\n"
+    "                   once ready (hw: running; agent: its tables restored)\n"
     "Output: data and reports on stdout; progress and status on stderr.\n"
     "Exit status: 0 done, 1 failed, 2 usage error, 130 and 143 stopped by SIGINT and SIGTERM.";
 
@@ -196,6 +200,9 @@ int main(int argc, char** argv) {
   agentCmd->add_option("--report-json", reportJson,
                        "write the report as JSON to this file, or to stdout for - (a file is "
                        "refused before the run if it cannot be written)");
+  agentCmd->add_flag("--serve", agent.serve,
+                     "after the workload, keep the tables and run until SIGTERM or SIGINT (a "
+                     "service: exits 143 or 130 then, without reading the keys back)");
 
   HardwareOptions hw;
   int hwDelayUs = 0, hwIdleMs = 0, hwProgressMs = 0, hwSpinUs = int(hw.spinFor.count());
@@ -239,6 +246,36 @@ int main(int argc, char** argv) {
              "from 85%. A damaged file shows as error in its place and exits 1.",
              "vesktap show --table DefaultFwdTcamEntry --unit 0 --entries"));
 
+  std::string metricsListen;
+  auto* metricsCmd = app.add_subcommand(
+      "metrics", "Print the counters of an agent and its hardware side for Prometheus");
+  metricsCmd
+      ->add_option("--listen", metricsListen,
+                   "serve them at http://HOST:PORT/metrics instead, read afresh for every "
+                   "request, until SIGTERM or SIGINT (port 0: a free one; the address is told "
+                   "on stderr)")
+      ->check(CLI::Validator(
+          [](std::string& text) -> std::string {
+            try {
+              parseListenAddress(text);
+              return {};
+            } catch (const std::invalid_argument& e) {
+              return fmt::format("'{}': {}", echoed(text), e.what());
+            }
+          },
+          ""))
+      ->type_name("HOST:PORT");
+  metricsCmd->footer(footer(
+      "Prometheus text format, each family once: per table type (label table) and unit (label\n"
+      "unit) what the agent's clients asked and were answered, from a running agent (at most\n"
+      "10 ms old), and what the shared memory holds: change logs, what the hardware side has\n"
+      "taken and its lag, the units' entries. Without a running agent vesktap_agent_up is 0.\n"
+      "For node_exporter's textfile collector (the file appears whole):\n"
+      "  vesktap metrics > DIR/vesktap.prom.$$ && mv DIR/vesktap.prom.$$ DIR/vesktap.prom\n"
+      "A part that cannot be read is left out, told on stderr and counted in\n"
+      "vesktap_read_errors; the exit status stays 0, so that the file is still replaced.",
+      "vesktap metrics --listen 127.0.0.1:9464"));
+
   // Every refusal is one line on stderr, as for the errors the commands themselves raise.
   app.failure_message([](const CLI::App*, const CLI::Error& e) {
     return fmt::format("vesktap: {} (see --help)\n", oneLine(e.what()));
@@ -247,7 +284,8 @@ int main(int argc, char** argv) {
   if (argc > 1 && argv[1][0] != '-' &&
       std::none_of(commands.begin(), commands.end(),
                    [&](const CLI::App* c) { return c->check_name(argv[1]); })) {
-    fmt::print(std::cerr, "vesktap: unknown command '{}' (demo, agent, hw or show; see --help)\n",
+    fmt::print(std::cerr,
+               "vesktap: unknown command '{}' (demo, agent, hw, show or metrics; see --help)\n",
                echoed(argv[1]));
     return 2;
   }
@@ -348,6 +386,11 @@ int main(int argc, char** argv) {
       if (showUnit >= 0) show.unit = uint16_t(showUnit);
       // Whatever could be read is shown; a damaged part is an error in its place.
       return VeskTool::show(show, std::cout, std::cerr) == 0 ? 0 : 1;
+    }
+    if (*metricsCmd) {
+      if (!metricsListen.empty())
+        return stoppedBy(serveMetrics(parseListenAddress(metricsListen), std::cerr));
+      printMetrics(std::cout, std::cerr);
     }
   } catch (const UsageError& e) {
     fmt::print(std::cerr, "vesktap: {} (see --help)\n", e.what());

@@ -490,7 +490,7 @@ TEST_F(CliTest, TheProgramFollowsTheConventionsOfTheShell) {
   const auto version = run({"--version"});
   EXPECT_EQ(version.code, 0);
   EXPECT_EQ(version.out.rfind("vesktap 0.", 0), 0u) << version.out;
-  for (const char* command : {"demo", "agent", "hw", "show"}) {
+  for (const char* command : {"demo", "agent", "hw", "show", "metrics"}) {
     const auto help = run({command, "--help"});
     EXPECT_EQ(help.code, 0) << command;
     for (const char* part : {"Environment:", "VESK_SHM_ROOT", "levels 0 to 31", "Exit status:"})

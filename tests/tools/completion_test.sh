@@ -16,6 +16,8 @@ expect() {  # expect WORD WORDS...: completing WORDS offers WORD
   offered "$@" | grep -qx -- "$word" || { echo "completing '$*' does not offer '$word'"; exit 1; }
 }
 expect agent ag
+expect metrics me
+expect --listen metrics --li
 expect --units agent --un
 expect --rate hw --
 expect DefaultFwdTcamEntry show --table Def

@@ -14,7 +14,9 @@
 #include "tools/agent/AgentLock.h"
 #include "tools/agent/TableDriver.h"
 #include "tools/agent/WaitWatch.h"
+#include "tools/core/AgentCounters.h"
 #include "tools/core/Json.h"
+#include "tools/core/ServiceNotify.h"
 #include "types/TableTypes.h"
 
 namespace VeskTool {
@@ -48,6 +50,7 @@ class AgentLoop final : public TableDriver::Answers {
 
   void run() {
     const AgentLock lock;
+    counters_.emplace(options_.units);
     changes_ = options_.workload();
     makeTables();
     resolver_ = group_->groupResolver();
@@ -68,7 +71,9 @@ class AgentLoop final : public TableDriver::Answers {
     asio::post(io_, [this] { feed(); });
     pollHardware();
     if (options_.progressEvery.count() > 0) printProgress();
+    notifyServiceReady(out_);
     io_.run();
+    publishCounters();
     report_.runSeconds = std::chrono::duration<double>(Clock::now() - start_).count();
     for (size_t t = 0; t < kTableCount; ++t) report_.tables[t].committed = drivers_[t]->committed();
     if (options_.verify && !report_.interrupted && !report_.gaveUp) verify();
@@ -161,7 +166,7 @@ class AgentLoop final : public TableDriver::Answers {
   }
 
   void maybeFinish() {
-    if (next_ < total_) return;
+    if (next_ < total_ || options_.serve) return;
     if (unsettled() == 0) io_.stop();
   }
 
@@ -210,6 +215,14 @@ class AgentLoop final : public TableDriver::Answers {
       }
       pollInterval_ = std::min<std::chrono::microseconds>(pollInterval_ * 2, slowest);
     }
+    // A serving agent with every change answered has nothing to look for until it stops.
+    const bool done = options_.serve && next_ == total_ && inFlight_ == 0;
+    // The counters other processes read: at most kPublishEvery old, exact once done.
+    if (done || now >= nextPublish_) {
+      publishCounters();
+      nextPublish_ = now + kPublishEvery;
+    }
+    if (done) return;
     armPoll();
   }
 
@@ -253,6 +266,18 @@ class AgentLoop final : public TableDriver::Answers {
       }
       printProgress();
     });
+  }
+
+  void publishCounters() {
+    for (size_t t = 0; t < kTableCount; ++t) {
+      const auto& p = report_.tables[t];
+      counters_->tableIs(t, {p.confirmed, p.failed, p.accepted - p.confirmed - p.failed});
+      drivers_[t]->forEachUnitStats([&](uint16_t unit, const Asic::SwTableStats& s) {
+        counters_->unitIs(t, unit,
+                          {s.entryWriteCnt(), s.entryRemoveCnt(), s.commitCnt(),
+                           s.suppressedWriteCnt(), s.tableClearCnt()});
+      });
+    }
   }
 
   // Reads back every key the workload touched and compares it with what the workload left
@@ -312,6 +337,8 @@ class AgentLoop final : public TableDriver::Answers {
   std::chrono::microseconds pollInterval_;
   std::chrono::milliseconds progressInterval_;
   std::string lastProgress_;
+  std::optional<AgentCounters> counters_;
+  Clock::time_point nextPublish_;
 
   static constexpr uint32_t kFirstWindow = 256;
   static constexpr uint32_t kSmallestWindow = 16;
@@ -321,6 +348,7 @@ class AgentLoop final : public TableDriver::Answers {
   static constexpr std::chrono::microseconds kStalledPoll = std::chrono::milliseconds(250);
   static constexpr auto kSlowestProgress = std::chrono::seconds(1);
   static constexpr auto kSilentFor = std::chrono::seconds(2);
+  static constexpr auto kPublishEvery = std::chrono::milliseconds(10);
 };
 
 }  // namespace

@@ -36,6 +36,9 @@ struct AgentOptions {
   // Give up when committed changes have waited this long with no hardware side taking any;
   // 0: wait until SIGTERM or SIGINT (saying so once).
   std::chrono::milliseconds giveUpAfter{0};
+  // Keep running after the workload, holding the tables, until SIGTERM or SIGINT: the agent
+  // as a service (it tells systemd it is ready once the tables are restored, either way).
+  bool serve = false;
 };
 
 // What one agent run did, for its summary and for the demo.
@@ -63,9 +66,9 @@ struct AgentReport {
 // the hardware side needs to keep busy only adds queueing to each answer), lets the group
 // resolver commit them whenever it has work, and turns what the hardware side records in
 // the table-version map into tableStatusVersion calls, which answer the clients. Stops when every
-// change is answered (or committed, without waiting for the hardware), or on SIGTERM/SIGINT. Says
-// once when changes wait on the hardware side (none taking them, or a change log full), and waits
-// without using the CPU.
+// change is answered (or committed, without waiting for the hardware; never, with `serve`), or on
+// SIGTERM/SIGINT. Says once when changes wait on the hardware side (none taking them, or a change
+// log full), and waits without using the CPU.
 AgentReport runAgent(const AgentOptions& options, std::ostream& out);
 void printAgentSummary(const AgentReport& report, std::ostream& out);
 // The report as JSON, for scripts and the demo: totals, per table, restore, latencies.

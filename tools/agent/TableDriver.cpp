@@ -73,6 +73,11 @@ class TableDriverOf final : public TableDriver {
     return sum;
   }
 
+  void forEachUnitStats(
+      const std::function<void(uint16_t, const Asic::SwTableStats&)>& visit) const override {
+    for (const auto& [unit, table] : tables_) visit(unit, table->stats());
+  }
+
   Asic::LogVersion logVersion() const override { return intf_->entryLog()->tableVersion(); }
   uint64_t logRecords() const override {
     return intf_->entryLog()->tableEntryLog()->entryLogConfigSize();

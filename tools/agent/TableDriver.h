@@ -1,9 +1,11 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <vector>
 
 #include "Asic/OrderedTableInterface.h"
+#include "Asic/SwTableStats.h"
 #include "tools/core/Records.h"
 #include "tools/core/Workload.h"
 
@@ -37,6 +39,9 @@ class TableDriver {
   // holds nothing logs nothing, so no version the hardware side takes may follow it.
   virtual void answerRemoveAlls(Asic::LogVersion taken) = 0;
   virtual uint64_t committed() const = 0;
+  // The statistics of each unit's table.
+  virtual void forEachUnitStats(
+      const std::function<void(uint16_t unit, const Asic::SwTableStats& stats)>& visit) const = 0;
   // The newest version committed to the table type's change log, and the records it holds.
   virtual Asic::LogVersion logVersion() const = 0;
   virtual uint64_t logRecords() const = 0;

@@ -5,7 +5,7 @@ _vesktap() {
   local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD - 1]}
   local exe=${COMP_WORDS[0]}
   if ((COMP_CWORD == 1)); then
-    mapfile -t COMPREPLY < <(compgen -W "demo agent hw show --help --version" -- "$cur")
+    mapfile -t COMPREPLY < <(compgen -W "demo agent hw show metrics --help --version" -- "$cur")
     return
   fi
   case $prev in

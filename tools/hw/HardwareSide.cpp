@@ -16,6 +16,7 @@
 #include "KestSharedMem/MountGroup.h"
 #include "Nimbo/Exception.h"
 #include "tools/core/ReaderMount.h"
+#include "tools/core/ServiceNotify.h"
 #include "tools/core/TcamShard.h"
 #include "types/TableShards.h"
 
@@ -286,6 +287,7 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& sta
   uint64_t totalShown = 0;
   auto idleSleep = options.pollEvery;
   bool toldNoAgent = false;
+  notifyServiceReady(status);
   while (io.poll(), !stopRequested) {
     uint64_t budget = UINT64_MAX;
     if (options.rate) {
