@@ -9,7 +9,7 @@ import subprocess
 
 import vesktap
 
-from conftest import vesktap_exe
+from conftest import program_env, vesktap_exe
 
 
 def module_classes(scope=vesktap, seen=None):
@@ -39,7 +39,8 @@ def snake_case(name):
 
 
 def test_the_version_is_the_projects():
-    shown = subprocess.run([vesktap_exe(), "--version"], capture_output=True, text=True, check=True).stdout
+    shown = subprocess.run([vesktap_exe(), "--version"], env=program_env(os.environ.get("VESK_SHM_ROOT", "/dev/shm/vesk")),
+                           capture_output=True, text=True, check=True).stdout
     assert shown.split() == ["vesktap", vesktap.__version__]
 
 
