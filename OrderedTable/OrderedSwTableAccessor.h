@@ -435,8 +435,8 @@ typename T::Entry OrderedSwTableAccessor<T>::entryReadGeneric(const T& table, co
   VESK_ACCESSOR_TRACE(8, "key: {}", key);
   if (const Nimbo::Ptr<EntryWrapper> pending = table.transientAddEntry(key))
     return pending->entry();
-  if (!table.transientRemoveEntry(key) && table.entryLog()->entryHas(key, table.unitId())) {
-    return table.entryFromConfig(key);
+  if (!table.transientRemoveEntry(key)) {
+    if (const auto committed = table.liveEntryFromConfig(key)) return *committed;
   }
   VESK_ACCESSOR_TRACE(1, "Failed to find entry for key: {}", key);
   return Entry{};

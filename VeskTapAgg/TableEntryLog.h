@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include "Asic/EntryLogBase.h"
@@ -105,6 +106,21 @@ class TableEntryLog : public Asic::EntryLogBase {
   Asic::LogVersion entryLogVersion(const EntryKey& key, Asic::UnitId unitId) const;
   uint32_t entrysInDeletion(Asic::UnitId unitId) const;
   uint32_t entrys(Asic::UnitId unitId) const;
+  // entryHas and then entry of the same key with one lookup, traced as the two: the entry
+  // when the unit's configuration holds it live, else nothing. `between()` runs between
+  // them, for a caller that stands for an operation there.
+  template <class Between>
+  std::optional<LogEntry> liveEntry(const EntryKey& key, Asic::UnitId unitId,
+                                    Between&& between) const {
+    VESK_TRACE_AS(traceHandle(), 8, sourceName().c_str(), "entryHas", className().c_str(),
+                  " key: {} unitId:{}", key, unitId);
+    const ConfigShardEntry record = configRecord(mountedConfig(unitId), key);
+    if (record == ConfigShardEntry{} || record.isDeleted) return std::nullopt;
+    between();
+    VESK_TRACE_AS(traceHandle(), 8, sourceName().c_str(), "entry", className().c_str(),
+                  " key: {} unitId:{}", key, unitId);
+    return record.logEntry;
+  }
 
  private:
   using Names = GeneratedNames<Traits, EntryLogKind>;

@@ -179,6 +179,17 @@ typename Traits::Entry TableSwTable<Traits>::entryFromConfig(const EntryKey& key
   return entryOf(logEntry);
 }
 
+template <TableTraits Traits>
+std::optional<typename Traits::Entry> TableSwTable<Traits>::liveEntryFromConfig(
+    const EntryKey& key) const {
+  const auto logEntry = entryLog_->liveEntry(key, unitId(), [&] {
+    VESK_TRACE_AS(traceHandle(), 8, "OrderedTable/OrderedSwTableAccessor", "entryFromConfig", "",
+                  "key: {}", key);
+  });
+  if (!logEntry) return std::nullopt;
+  return entryOf(*logEntry);
+}
+
 // Resolution and commit.
 
 template <TableTraits Traits>

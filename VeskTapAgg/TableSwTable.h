@@ -144,6 +144,9 @@ class TableSwTable : public Asic::OrderedSwTable {
   void restoreEntries() {}
   void clearTable(bool releaseResources);
   Entry entryFromConfig(const EntryKey& key) const;
+  // entryFromConfig of a key the configuration holds live, else nothing: one lookup where
+  // asking entryHas first takes two.
+  std::optional<Entry> liveEntryFromConfig(const EntryKey& key) const;
   void tableStatusVersion(Asic::LogVersion tableVersion) override;
 
   // Iteration: pending writes first, then the committed entries nothing pending hides

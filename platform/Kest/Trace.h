@@ -108,12 +108,17 @@ class VESK_EXPORT TraceCapture {
 
 // The same with the source named by the caller: generic code traces under the name of the
 // table type it runs for ("VeskTapAgg/DefaultFwdTcamEntryEntryLog").
-#define VESK_TRACE_FROM(handle, level, source, className, ...)                    \
-  do {                                                                            \
-    const ::Kest::TraceHandle& vesk_trace_handle_ = (handle);                     \
-    const unsigned vesk_trace_level_ = (level);                                   \
-    if (vesk_trace_handle_.enabled(vesk_trace_level_)) [[unlikely]] {             \
-      vesk_trace_handle_.emit(vesk_trace_level_, (source), __func__, (className), \
-                              ::fmt::format(__VA_ARGS__));                        \
-    }                                                                             \
+#define VESK_TRACE_FROM(handle, level, source, className, ...) \
+  VESK_TRACE_AS(handle, level, source, __func__, className, __VA_ARGS__)
+
+// The same with the function named by the caller too: code that does the work of several
+// operations in one pass traces as each of them.
+#define VESK_TRACE_AS(handle, level, source, function, className, ...)              \
+  do {                                                                              \
+    const ::Kest::TraceHandle& vesk_trace_handle_ = (handle);                       \
+    const unsigned vesk_trace_level_ = (level);                                     \
+    if (vesk_trace_handle_.enabled(vesk_trace_level_)) [[unlikely]] {               \
+      vesk_trace_handle_.emit(vesk_trace_level_, (source), (function), (className), \
+                              ::fmt::format(__VA_ARGS__));                          \
+    }                                                                               \
   } while (0)

@@ -63,6 +63,36 @@ TEST_F(SwTableSpecialsTest, TracesTheWritePipelineWordForWord) {
   EXPECT_EQ(records[4].level, 2u);
 }
 
+// A read of a committed key looks it up once, and still traces as the steps of the read:
+// whether the log has it, then the entry from the configuration.
+TEST_F(SwTableSpecialsTest, AReadOfACommittedKeyTracesEachStepOfTheRead) {
+  SwTableRig<Reference> rig;
+  rig.write(1);
+  rig.run();
+  Kest::traceConfigIs("DefaultFwdTcamEntrySwTable/1+8,DefaultFwdTcamEntryEntryLog/8");
+  Kest::TraceCapture traces;
+  const auto stepsOfReading = [&](uint32_t k) {
+    traces.clear();
+    rig.table->entryRead(rig.key(k));
+    const std::string key = fmt::format("{}", rig.key(k));
+    std::vector<std::string> steps;
+    for (const auto& r : traces.records()) {
+      std::string text = r.text;
+      text.replace(text.find(key), key.size(), "K");
+      steps.push_back(r.function + ":" + text);
+    }
+    return steps;
+  };
+  EXPECT_EQ(stepsOfReading(1),
+            (std::vector<std::string>{"entryRead: key: K", "entryReadGeneric:key: K",
+                                      "entryHas: key: K unitId:0", "entryFromConfig:key: K",
+                                      "entry: key: K unitId:0"}));
+  EXPECT_EQ(stepsOfReading(2),
+            (std::vector<std::string>{"entryRead: key: K", "entryReadGeneric:key: K",
+                                      "entryHas: key: K unitId:0",
+                                      "entryReadGeneric:Failed to find entry for key: K"}));
+}
+
 // A helper whose failure hook says yes and remembers what it was called with.
 struct FailureRecordingHelper : VeskTapAgg::DefaultFwdTcamEntrySwTableHelperBase {
   bool finalizeOnFailure(
