@@ -30,9 +30,7 @@ bool validComponent(std::string_view c) {
   return true;
 }
 
-void checkSafe(int fd, const Nimbo::String& path) {
-  struct ::stat st {};
-  if (Env::current().stat(fd, &st) != 0) throwSystemError("cannot stat", path, errno);
+void checkSafe(const struct ::stat& st, const Nimbo::String& path) {
   if (!S_ISDIR(st.st_mode)) {
     throw Nimbo::SystemException(fmt::format("{} is not a directory", path), ENOTDIR);
   }
@@ -113,8 +111,17 @@ Directory Directory::openChecked(int parentFd, const Nimbo::String& name, const 
     throwSystemError("cannot open directory", path, error);
   }
   Directory dir(fd, path);
-  checkSafe(fd, path);
+  struct ::stat st {};
+  if (env.stat(fd, &st) != 0) throwSystemError("cannot stat", path, errno);
+  checkSafe(st, path);
   return dir;
+}
+
+bool Directory::stillThere() const {
+  struct ::stat st {};
+  if (fd_ < 0 || Env::current().stat(fd_, &st) != 0 || st.st_nlink == 0) return false;
+  checkSafe(st, path_);
+  return true;
 }
 
 std::vector<Nimbo::String> Directory::components(std::string_view relativePath) {

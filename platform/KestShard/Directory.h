@@ -35,6 +35,11 @@ class VESK_EXPORT Directory {
   std::vector<Nimbo::String> subdirectories() const;
   std::vector<Nimbo::String> files() const;
 
+  // Whether the directory is still where it was opened and still safe to use: false once
+  // it has been removed (a descriptor kept across a removal would write into nothing);
+  // throws, as opening does, when it has become unsafe (another owner, group-writable).
+  bool stillThere() const;
+
   int fd() const noexcept { return fd_; }
   const Nimbo::String& path() const noexcept { return path_; }
 

@@ -55,7 +55,7 @@ bool EntityManager::existedBefore(const Nimbo::String& path,
                                   const Nimbo::String& collection) const {
   KestShard::Directory dir;
   try {
-    dir = directory_.sub(fmt::format("{}/{}", kNamespaceDir, path), false);
+    dir = subdirectory(fmt::format("{}/{}", kNamespaceDir, path), false);
   } catch (const Nimbo::SystemException& e) {
     if (e.error() == ENOENT) return false;
     throw;
@@ -68,7 +68,7 @@ bool EntityManager::existedBefore(const Nimbo::String& path,
 }
 
 void EntityManager::existsNow(const Nimbo::String& path, const Nimbo::String& collection) const {
-  KestShard::Directory dir = directory_.sub(fmt::format("{}/{}", kNamespaceDir, path), true);
+  const KestShard::Directory dir = subdirectory(fmt::format("{}/{}", kNamespaceDir, path), true);
   KestShard::Env& env = KestShard::Env::current();
   int fd =
       env.openAt(dir.fd(), collection.c_str(), O_RDONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
@@ -94,7 +94,7 @@ Nimbo::Ptr<Kest::Entity> EntityManager::mount(const Nimbo::String& path,
   }
   KestShard::ShardTypeRegistry::Factory factory = KestShard::ShardTypeRegistry::factory(typeName);
   const bool writer = info.type() == KestShard::KestShardType::writer;
-  KestShard::Directory dir = directory_.sub(path, writer);
+  const KestShard::Directory dir = subdirectory(path, writer);
   KestShard::MountContext context{
       path,
       typeName,
@@ -107,15 +107,32 @@ Nimbo::Ptr<Kest::Entity> EntityManager::mount(const Nimbo::String& path,
   return shard;
 }
 
-void EntityManager::collectEntities(const KestShard::Directory& dir, const Nimbo::String& path,
-                                    uint32_t depth, std::vector<Nimbo::String>& out) const {
+KestShard::Directory EntityManager::subdirectory(const Nimbo::String& path, bool create) const {
+  const size_t slash = path.rfind('/');
+  if (slash == Nimbo::String::npos) return directory_.sub(path, create);
+  return keptDirectory(path.substr(0, slash), create).sub(path.substr(slash + 1), create);
+}
+
+const KestShard::Directory& EntityManager::keptDirectory(const Nimbo::String& path,
+                                                         bool create) const {
+  auto it = kept_.find(path);
+  if (it != kept_.end()) {
+    if (it->second.stillThere()) return it->second;
+    kept_.erase(it);
+  }
+  return kept_.emplace(path, subdirectory(path, create)).first->second;
+}
+
+void EntityManager::collectEntities(const Nimbo::String& path, uint32_t depth,
+                                    std::vector<Nimbo::String>& out) const {
   if (depth == 0) return;
-  for (const Nimbo::String& child : dir.subdirectories()) {
+  const auto children =
+      path.empty() ? directory_.subdirectories() : subdirectory(path, false).subdirectories();
+  for (const Nimbo::String& child : children) {
     Nimbo::String childPath = path.empty() ? child : path + "/" + child;
     if (childPath == kNamespaceDir) continue;
-    KestShard::Directory sub = dir.sub(child, false);
-    if (!sub.files().empty()) out.push_back(childPath);
-    collectEntities(sub, childPath, depth - 1, out);
+    if (!subdirectory(childPath, false).files().empty()) out.push_back(childPath);
+    collectEntities(childPath, depth - 1, out);
   }
 }
 
@@ -123,10 +140,7 @@ std::vector<Nimbo::String> EntityManager::findEntities(const Nimbo::String& path
                                                        uint32_t depth) const {
   std::vector<Nimbo::String> found;
   try {
-    collectEntities(path.empty() ? KestShard::Directory::root().sub(
-                                       (local_ ? "local/" : "shared/") + name_, false)
-                                 : directory_.sub(path, false),
-                    path, depth, found);
+    collectEntities(path, depth, found);
   } catch (const Nimbo::SystemException& e) {
     if (e.error() != ENOENT) throw;
   }

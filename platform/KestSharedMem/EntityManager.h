@@ -44,13 +44,22 @@ class VESK_EXPORT EntityManager : public Nimbo::Node {
   EntityManager(Nimbo::String name, bool local, KestShard::Directory directory);
   bool existedBefore(const Nimbo::String& path, const Nimbo::String& collection) const;
   void existsNow(const Nimbo::String& path, const Nimbo::String& collection) const;
-  void collectEntities(const KestShard::Directory& dir, const Nimbo::String& path, uint32_t depth,
+  void collectEntities(const Nimbo::String& path, uint32_t depth,
                        std::vector<Nimbo::String>& out) const;
+  // The directory at `path` below the namespace's, opened and checked relative to its
+  // parent. The parents are kept once checked (keptDirectory), so that the many mounts
+  // and namespace records below one directory walk its path once; the leaves, one per
+  // unit and table, are not, so that the descriptors kept do not grow with the units.
+  KestShard::Directory subdirectory(const Nimbo::String& path, bool create) const;
+  // A parent directory, kept; one removed since (or no longer safe) is opened again, so
+  // nothing is ever written into a directory that has been removed.
+  const KestShard::Directory& keptDirectory(const Nimbo::String& path, bool create) const;
 
   Nimbo::String name_;
   bool local_;
   KestShard::Directory directory_;
   std::map<Nimbo::String, Nimbo::Ptr<Kest::Entity>> entities_;
+  mutable std::map<Nimbo::String, KestShard::Directory> kept_;
 };
 
 }  // namespace KestSharedMem

@@ -238,6 +238,12 @@ class KillAtChangeLogGrowth : public KestShard::EnvWrapper {
     if (armed && std::find(logFds_.begin(), logFds_.end(), fd) != logFds_.end()) raise(SIGKILL);
     return EnvWrapper::reserve(fd, offset, len);
   }
+  // A closed descriptor (the namespace's record of the log, say) is no longer the log's
+  // when its number comes back.
+  int close(int fd) override {
+    logFds_.erase(std::remove(logFds_.begin(), logFds_.end(), fd), logFds_.end());
+    return EnvWrapper::close(fd);
+  }
   bool armed = false;
 
  private:

@@ -74,6 +74,32 @@ TEST_F(SegmentTest, SymlinkedDirectoryBelowTheRootIsRefused) {
   std::filesystem::remove_all(elsewhere);
 }
 
+// A namespace keeps the directories it has checked and opens files relative to them; one
+// removed or loosened since is checked again: a removed one is made anew (never written
+// into while unlinked), a loosened one refused.
+TEST_F(SegmentTest, ADirectoryChangedAfterAMountIsCheckedAgain) {
+  mountTestShard("kept/a")->records.insertOrReplace(Record::of(1, 1));
+  unmount("kept/a");
+  std::filesystem::remove_all(root.path() + "/local/agent/kept");
+  auto shard = mountTestShard("kept/a");
+  EXPECT_TRUE(shard->records.control()->wiped()) << "the lost segment is told";
+  shard->records.insertOrReplace(Record::of(2, 1));
+  EXPECT_TRUE(std::filesystem::is_regular_file(segmentFile(root, "kept/a", "records")));
+  shard.reset();
+  unmount("kept/a");
+
+  std::filesystem::permissions(root.path() + "/local/agent/kept",
+                               std::filesystem::perms::group_write,
+                               std::filesystem::perm_options::add);
+  try {
+    mountTestShard("kept/a");
+    FAIL() << "a group-writable directory was used";
+  } catch (const Nimbo::SystemException& e) {
+    EXPECT_NE(std::string(e.what()).find("writable by group or others"), std::string::npos)
+        << e.what();
+  }
+}
+
 TEST_F(SegmentTest, SegmentOfAnotherLayoutIsRefusedAndKept) {
   auto shard = mountTestShard("layout");
   shard->records.insertOrReplace(Record::of(1, 1));
