@@ -14,6 +14,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -100,16 +101,34 @@ class Vesktap {
   int code_ = -1;
 };
 
-// The CPU time a running process has used so far, in seconds.
+// The CPU time a running process has used so far, in seconds, summed over its threads. The
+// scheduler's own count (schedstat, in nanoseconds) is exact; the clock-tick counts of
+// /proc/PID/stat are samples that a loaded machine skews by whole ticks.
 inline double cpuSeconds(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  std::istringstream fields(stat.substr(stat.rfind(')') + 2));  // after "pid (name) "
-  std::string field;
-  unsigned long long utime = 0, stime = 0;
-  for (int i = 3; i <= 13; ++i) fields >> field;  // state ... cmajflt
-  fields >> utime >> stime;
-  return double(utime + stime) / double(sysconf(_SC_CLK_TCK));
+  unsigned long long nanoseconds = 0;
+  std::error_code error;
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+    std::ifstream in(task.path() / "schedstat");
+    unsigned long long onCpu = 0;
+    if (in >> onCpu) nanoseconds += onCpu;
+  }
+  return double(nanoseconds) / 1e9;
+}
+
+// How often a running process has gone to sleep so far (its voluntary context switches,
+// summed over its threads): a process that polls wakes at every poll.
+inline uint64_t sleepsSoFar(pid_t pid) {
+  uint64_t sleeps = 0;
+  std::error_code error;
+  const std::string tasks = "/proc/" + std::to_string(pid) + "/task";
+  for (const auto& task : std::filesystem::directory_iterator(tasks, error)) {
+    std::ifstream in(task.path() / "status");
+    for (std::string line; std::getline(in, line);) {
+      if (line.rfind("voluntary_ctxt_switches:", 0) == 0) sleeps += std::stoull(line.substr(24));
+    }
+  }
+  return sleeps;
 }
 
 // The memory a running process holds now (VmRSS), in bytes.
