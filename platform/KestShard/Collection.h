@@ -4,7 +4,6 @@
 #include <cstring>
 #include <iterator>
 #include <optional>
-#include <tuple>
 #include <type_traits>
 #include <utility>
 
@@ -112,18 +111,22 @@ class KeyedCollection {
     Iterator() = default;
     Iterator& operator++() {
       Record next{};
-      uint32_t hash = 0;
+      KeyedStore::Place place;
       try {
-        valid_ = store_->after(hash_, Traits::bytes(KeyOf{}(record_)), Traits::bytes(next), hash);
+        valid_ = store_->after(place_, Traits::bytes(KeyOf{}(record_)), Traits::bytes(next), place);
       } catch (const Nimbo::CorruptionDetectedException&) {
         // Standing on the damaged record lets the next step go past it; damage that gave
         // no record to stand on (a broken chain) ends the walk.
-        valid_ = store_->precedes(hash_, Traits::bytes(KeyOf{}(record_)), hash,
+        valid_ = store_->precedes(place_.hash, Traits::bytes(KeyOf{}(record_)), place.hash,
                                   Traits::bytes(KeyOf{}(next)));
-        std::tie(record_, hash_) = std::pair(next, hash);
+        record_ = next;
+        place_ = {place.hash, 0, 1};  // a damaged record: the next step seeks past its key
         throw;
       }
-      if (valid_) std::tie(record_, hash_) = std::pair(next, hash);
+      if (valid_) {
+        record_ = next;
+        place_ = place;
+      }
       return *this;
     }
 
@@ -133,14 +136,15 @@ class KeyedCollection {
     template <class Step>
     void position(Step&& step) {
       try {
-        valid_ = step(Traits::bytes(record_), hash_);
+        valid_ = step(Traits::bytes(record_), place_);
       } catch (const Nimbo::CorruptionDetectedException&) {
         valid_ = true;
+        place_ = {place_.hash, 0, 1};
         throw;
       }
     }
     const KeyedStore* store_ = nullptr;
-    uint32_t hash_ = 0;
+    KeyedStore::Place place_;
   };
 
   explicit KeyedCollection(Nimbo::Ptr<KeyedStore> store) : store_(std::move(store)) {}
@@ -167,8 +171,8 @@ class KeyedCollection {
   // Positioned at `key`, or at the record that follows where it would be.
   Iterator at(const Key& key) const {
     Iterator it(store_.ptr());
-    it.position([&](unsigned char* out, uint32_t& h) {
-      return store_->atOrAfter(Traits::bytes(key), out, h);
+    it.position([&](unsigned char* out, KeyedStore::Place& place) {
+      return store_->atOrAfter(Traits::bytes(key), out, place);
     });
     return it;
   }
@@ -202,7 +206,8 @@ class KeyedCollection {
 
  private:
   auto firstStep() const {
-    return [this](unsigned char* out, uint32_t& h) { return store_->first(out, h); };
+    return
+        [this](unsigned char* out, KeyedStore::Place& place) { return store_->first(out, place); };
   }
 
   Nimbo::Ptr<KeyedStore> store_;

@@ -91,17 +91,14 @@ bool KeyedStore::isMarked(const unsigned char* record) const noexcept {
   return offset != kNoMark && record[offset] != 0;
 }
 
-// One pass over a chain. Every visited slot is read between two loads of its sequence
-// word; anything that moved or makes no sense is reported as inconsistent, and the caller
-// decides whether that was a concurrent change or damage.
-KeyedStore::Outcome KeyedStore::seekInBucket(uint32_t bucket, uint32_t hash,
-                                             const unsigned char* key, Seek seek,
-                                             unsigned char* out, uint32_t& outHash,
-                                             Nimbo::String& why) const {
-  if (!bucketReserved(bucket)) return Outcome::absent;
+// One pass over a chain, from `link` on. Every visited slot is read between two loads of
+// its sequence word; anything that moved or makes no sense is reported as inconsistent,
+// and the caller decides whether that was a concurrent change or damage.
+KeyedStore::Outcome KeyedStore::seekInChain(uint32_t bucket, uint32_t link, uint32_t hash,
+                                            const unsigned char* key, Seek seek, unsigned char* out,
+                                            Place& hit, Nimbo::String& why) const {
   const RecordLayout& layout = geometry().layout;
   const uint32_t used = std::min(loadAcquire(header().highWater), geometry().slotCount);
-  uint32_t link = loadAcquire(*bucketWord(bucket));
   for (uint32_t steps = 0; link != 0; ++steps) {
     const uint32_t index = link - 1;
     if (index >= used || steps > used) {
@@ -127,7 +124,8 @@ KeyedStore::Outcome KeyedStore::seekInBucket(uint32_t bucket, uint32_t hash,
       return Outcome::inconsistent;
     }
     if (take || suspect) {
-      outHash = slotHash;
+      hit.hash = slotHash;
+      hit.slot = index;
       if (checksum(out, slotHash) != check) {
         why = fmt::format("record in slot {} fails its checksum", index);
         return Outcome::damagedRecord;
@@ -140,73 +138,166 @@ KeyedStore::Outcome KeyedStore::seekInBucket(uint32_t bucket, uint32_t hash,
   return Outcome::absent;
 }
 
-// A walk in collection order reads the head record of the next non-empty bucket next: its
-// slot is anywhere in the arena, so its cache lines are asked for now, to arrive while the
-// caller works on the record just found. Looks a few buckets ahead at most.
-void KeyedStore::prefetchAfter(uint32_t bucket) const noexcept {
-  const uint32_t last = std::min(bucket + 4, geometry().bucketCount - 1);
-  for (uint32_t b = bucket + 1; b <= last && bucketReserved(b); ++b) {
-    const uint32_t link = loadRelaxed(*bucketWord(b));
-    if (link == 0 || link - 1 >= geometry().slotCount) continue;
-    const auto* line = reinterpret_cast<const char*>(&slot(link - 1));
-    for (uint32_t at = 0; at < geometry().slotSize; at += 64) __builtin_prefetch(line + at);
-    return;
-  }
+KeyedStore::Outcome KeyedStore::seekInBucket(uint32_t bucket, uint32_t hash,
+                                             const unsigned char* key, Seek seek,
+                                             unsigned char* out, Place& hit,
+                                             Nimbo::String& why) const {
+  if (!bucketReserved(bucket)) return Outcome::absent;
+  return seekInChain(bucket, loadAcquire(*bucketWord(bucket)), hash, key, seek, out, hit, why);
 }
 
-KeyedStore::Outcome KeyedStore::seekFrom(uint32_t hash, const unsigned char* key, Seek seek,
-                                         unsigned char* out, uint32_t& outHash,
-                                         Nimbo::String& why) const {
-  const uint32_t bucket = seek == Seek::first ? 0 : bucketOf(hash);
-  Outcome outcome = seekInBucket(bucket, hash, key, seek, out, outHash, why);
-  if (seek == Seek::exact) return outcome;
-  if (outcome != Outcome::absent) {
-    if (outcome == Outcome::found) prefetchAfter(bucket);
-    return outcome;
+namespace {
+// Whether eight bucket words are all zero, with one wide read: only a hint, since a word
+// is read without ordering; the walk trusts only the acquire load of a word found set.
+bool eightEmpty(const uint32_t* words) noexcept {
+  uint64_t four[4];
+  std::memcpy(four, words, sizeof four);
+  return (four[0] | four[1] | four[2] | four[3]) == 0;
+}
+}  // namespace
+
+// A walk in collection order reads next the record that follows the one just found: the
+// next of its chain, or the head of the next bucket that has one. Its slot is anywhere in
+// the arena, so its cache lines are asked for now, to arrive while the caller works on the
+// record just found. (Asking also for the heads of the buckets up to 4, 8, 16 or 32 on
+// changed a full unit's walk by less than this machine's noise between runs.) Looks a
+// few dozen buckets ahead at most; words without backing store are never read.
+void KeyedStore::prefetchFollowing(const Place& found) const noexcept {
+  const Geometry& g = geometry();
+  uint32_t link = loadRelaxed(slot(found.slot).next);
+  const uint32_t bucket = bucketOf(found.hash);
+  const uint32_t last = std::min(bucket + 64, g.bucketCount - 1);
+  const uint32_t* words = bucketWord(0);
+  for (uint32_t b = bucket + 1; link == 0 && b <= last;) {
+    const uint32_t chunkEnd = std::min(firstBucketOfNextChunk(b), last + 1);
+    if (!bucketReserved(b)) return;
+    for (; link == 0 && b < chunkEnd; ++b) {
+      while (b % 8 == 0 && b + 8 <= chunkEnd && eightEmpty(words + b)) b += 8;
+      if (b >= chunkEnd) break;
+      link = loadRelaxed(words[b]);
+    }
   }
-  for (uint32_t b = bucket + 1; b < geometry().bucketCount;) {
+  if (link == 0 || link - 1 >= g.slotCount) return;
+  const auto* line = reinterpret_cast<const char*>(&slot(link - 1));
+  for (uint32_t at = 0; at < g.slotSize; at += 64) __builtin_prefetch(line + at);
+}
+
+// The first record of the buckets after `bucket`. Whether a chunk of the index has backing
+// store is asked once per chunk: a sparse collection has long runs of empty buckets.
+KeyedStore::Outcome KeyedStore::firstAfterBucket(uint32_t bucket, unsigned char* out, Place& hit,
+                                                 Nimbo::String& why) const {
+  const uint32_t count = geometry().bucketCount;
+  for (uint32_t b = bucket + 1; b < count;) {
+    const uint32_t chunkEnd = std::min(firstBucketOfNextChunk(b), count);
     if (!bucketReserved(b)) {
-      b = firstBucketOfNextChunk(b);  // a whole chunk of empty buckets
+      b = chunkEnd;  // a whole chunk of empty buckets
       continue;
     }
-    if (loadAcquire(*bucketWord(b)) != 0) {
-      outcome = seekInBucket(b, 0, nullptr, Seek::first, out, outHash, why);
-      if (outcome == Outcome::found) prefetchAfter(b);
+    const uint32_t* words = bucketWord(0);
+    for (; b < chunkEnd; ++b) {
+      // Runs of eight empty buckets are passed over at once; a word found set is read
+      // again below, as it must be, with acquire.
+      while (b % 8 == 0 && b + 8 <= chunkEnd && eightEmpty(words + b)) b += 8;
+      if (b >= chunkEnd) break;
+      const uint32_t head = loadAcquire(words[b]);
+      if (head == 0) continue;
+      const Outcome outcome = seekInChain(b, head, 0, nullptr, Seek::first, out, hit, why);
       if (outcome != Outcome::absent) return outcome;
     }
-    ++b;
   }
   return Outcome::absent;
 }
 
+KeyedStore::Outcome KeyedStore::seekFrom(uint32_t hash, const unsigned char* key, Seek seek,
+                                         unsigned char* out, Place& hit, Nimbo::String& why) const {
+  const uint32_t bucket = seek == Seek::first ? 0 : bucketOf(hash);
+  Outcome outcome = seekInBucket(bucket, hash, key, seek, out, hit, why);
+  if (seek == Seek::exact) return outcome;
+  if (outcome != Outcome::absent) return outcome;
+  return firstAfterBucket(bucket, out, hit, why);
+}
+
 bool KeyedStore::seek(uint32_t hash, const unsigned char* key, Seek seek, unsigned char* out,
-                      uint32_t& outHash) const {
+                      Place& place) const {
   segment()->checkHeader();
+  place.generation = loadAcquire(header().generation);
   bool found = false;
   stable([&](Nimbo::String& why) {
-    Outcome o = seekFrom(hash, key, seek, out, outHash, why);
+    Outcome o = seekFrom(hash, key, seek, out, place, why);
     found = o == Outcome::found;
     return o;
   });
+  // A reader that retried past a change read a newer record than the generation says: its
+  // place is then never trusted (the generation has moved on), never wrongly trusted.
+  if (found && seek != Seek::exact) {
+    prefetchFollowing(place);
+    lastStep_ = place;
+  }
   return found;
 }
 
+const KeyedStore::Place* KeyedStore::lastStepAt(const unsigned char* key,
+                                                unsigned char* out) const {
+  const Place& last = lastStep_;
+  if ((last.generation & 1) || loadAcquire(header().generation) != last.generation) return nullptr;
+  segment()->checkHeader();
+  // The slot is read as a seek reads it: a record damaged since it was last read is
+  // sought, and reported, rather than taken.
+  Place hit;
+  Nimbo::String why;
+  const RecordLayout& layout = geometry().layout;
+  if (seekInChain(bucketOf(last.hash), last.slot + 1, 0, nullptr, Seek::first, out, hit, why) !=
+          Outcome::found ||
+      std::memcmp(out + layout.keyOffset, key, layout.keySize) != 0) {
+    return nullptr;
+  }
+  fenceAcquire();
+  return loadRelaxed(header().generation) == last.generation ? &last : nullptr;
+}
+
 bool KeyedStore::find(const unsigned char* key, unsigned char* out) const {
-  uint32_t hash = 0;
-  return seek(hashOf(key), key, Seek::exact, out, hash);
+  Place place;
+  return seek(hashOf(key), key, Seek::exact, out, place);
 }
 
-bool KeyedStore::first(unsigned char* out, uint32_t& hash) const {
-  return seek(0, nullptr, Seek::first, out, hash);
+bool KeyedStore::first(unsigned char* out, Place& place) const {
+  return seek(0, nullptr, Seek::first, out, place);
 }
 
-bool KeyedStore::after(uint32_t atHash, const unsigned char* key, unsigned char* out,
-                       uint32_t& hash) const {
-  return seek(atHash, key, Seek::after, out, hash);
+// Past a record read while nothing has changed since, the next one is its chain's next
+// slot or the head of a following bucket: no seek. The answer counts only if the
+// generation still says nothing changed; otherwise, or on anything unexpected (damage
+// included, which the seek then reports), the key is sought.
+bool KeyedStore::after(const Place& at, const unsigned char* key, unsigned char* out,
+                       Place& place) const {
+  const uint64_t generation = at.generation;
+  if (!(generation & 1) && loadAcquire(header().generation) == generation) {
+    const uint32_t bucket = bucketOf(at.hash);
+    const uint32_t next = loadAcquire(slot(at.slot).next);
+    Nimbo::String why;
+    Outcome outcome = next != 0
+                          ? seekInChain(bucket, next, 0, nullptr, Seek::first, out, place, why)
+                          : firstAfterBucket(bucket, out, place, why);
+    fenceAcquire();
+    if (loadRelaxed(header().generation) == generation) {
+      if (outcome == Outcome::found) {
+        place.generation = generation;
+        prefetchFollowing(place);
+        lastStep_ = place;
+        return true;
+      }
+      if (outcome == Outcome::absent) return false;
+    }
+  }
+  return seek(at.hash, key, Seek::after, out, place);
 }
 
-bool KeyedStore::atOrAfter(const unsigned char* key, unsigned char* out, uint32_t& hash) const {
-  return seek(hashOf(key), key, Seek::atOrAfter, out, hash);
+bool KeyedStore::atOrAfter(const unsigned char* key, unsigned char* out, Place& place) const {
+  if (const Place* last = lastStepAt(key, out)) {
+    place = *last;
+    return true;
+  }
+  return seek(hashOf(key), key, Seek::atOrAfter, out, place);
 }
 
 bool KeyedStore::precedes(uint32_t hashA, const unsigned char* keyA, uint32_t hashB,

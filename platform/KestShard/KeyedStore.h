@@ -13,7 +13,8 @@ namespace KestShard {
 // slot and swings one link to it, a delete unlinks with one store, so a writer stopped at
 // any instruction leaves every key with its old or its new record. Slots leaked by such a
 // stop are found again by the next writer mount.
-// Owned by its typed collection; the writer's process only, or a read-only mount.
+// Owned by its typed collection; the writer's process only, or a read-only mount. One
+// thread at a time: even reads update lastStep_.
 class VESK_EXPORT KeyedStore : public Store {
  public:
   KeyedStore(Nimbo::Ptr<Segment> segment, Nimbo::String name);
@@ -29,14 +30,27 @@ class VESK_EXPORT KeyedStore : public Store {
   // Records whose mark byte is set; 0 for a layout without a mark.
   uint32_t markedCount() const noexcept;
 
-  // Iteration in collection order, positioned by (hash, key): the first record, the first
-  // after a position (whose key need not be present), or the record at `key` or after it.
-  // Each yields the record and its position's hash. When the record reached fails its
-  // checksum, `out` and `hash` still hold it before the exception is thrown, so that an
+  // Where a record an iteration reached lies: its key's hash (its position in collection
+  // order, with the key), its slot, and the generation it was read under. The next step
+  // starts from that slot while the generation says nothing changed; otherwise it seeks
+  // the key. Only an iterator holds one, for the step after; it is no place to keep.
+  struct Place {
+    uint32_t hash = 0;
+    uint32_t slot = 0;
+    uint64_t generation = 1;  // odd: read inside a change, the slot not to be trusted
+  };
+
+  // Iteration in collection order: the first record, the first after a record reached
+  // before (whose key need not be present any more), or the record at `key` or after it.
+  // Each yields the record and its place. When the record reached fails its checksum,
+  // `out` and `place.hash` still hold it before the exception is thrown, so that an
   // iteration can report it and step past it.
-  bool first(unsigned char* out, uint32_t& hash) const;
-  bool after(uint32_t atHash, const unsigned char* key, unsigned char* out, uint32_t& hash) const;
-  bool atOrAfter(const unsigned char* key, unsigned char* out, uint32_t& hash) const;
+  //
+  // A walk that positions again at the key it reached last reads that record's slot
+  // again instead of seeking the key, while nothing has changed (see lastStep_).
+  bool first(unsigned char* out, Place& place) const;
+  bool after(const Place& at, const unsigned char* key, unsigned char* out, Place& place) const;
+  bool atOrAfter(const unsigned char* key, unsigned char* out, Place& place) const;
   // Whether position (hashA, keyA) comes before (hashB, keyB) in collection order.
   bool precedes(uint32_t hashA, const unsigned char* keyA, uint32_t hashB,
                 const unsigned char* keyB) const noexcept;
@@ -57,7 +71,6 @@ class VESK_EXPORT KeyedStore : public Store {
     uint32_t current;
     bool found;
   };
-
   uint32_t hashOf(const unsigned char* key) const noexcept;
   bool isMarked(const unsigned char* record) const noexcept;
   uint32_t bucketOf(uint32_t hash) const noexcept { return hash & (geometry().bucketCount - 1); }
@@ -68,13 +81,21 @@ class VESK_EXPORT KeyedStore : public Store {
   int order(uint32_t hashA, const unsigned char* keyA, uint32_t hashB,
             const unsigned char* keyB) const noexcept;
 
+  Outcome seekInChain(uint32_t bucket, uint32_t link, uint32_t hash, const unsigned char* key,
+                      Seek seek, unsigned char* out, Place& hit, Nimbo::String& why) const;
   Outcome seekInBucket(uint32_t bucket, uint32_t hash, const unsigned char* key, Seek seek,
-                       unsigned char* out, uint32_t& outHash, Nimbo::String& why) const;
+                       unsigned char* out, Place& hit, Nimbo::String& why) const;
+  Outcome firstAfterBucket(uint32_t bucket, unsigned char* out, Place& hit,
+                           Nimbo::String& why) const;
   Outcome seekFrom(uint32_t hash, const unsigned char* key, Seek seek, unsigned char* out,
-                   uint32_t& outHash, Nimbo::String& why) const;
+                   Place& hit, Nimbo::String& why) const;
+  // Throws as the public seeks do; `place` is filled for a record found (or damaged).
   bool seek(uint32_t hash, const unsigned char* key, Seek seek, unsigned char* out,
-            uint32_t& outHash) const;
-  void prefetchAfter(uint32_t bucket) const noexcept;
+            Place& place) const;
+  void prefetchFollowing(const Place& found) const noexcept;
+  // The place the last step reached, its record read into `out`, when nothing has
+  // changed since and its key is `key`.
+  const Place* lastStepAt(const unsigned char* key, unsigned char* out) const;
 
   Position position(uint32_t bucket, uint32_t hash, const unsigned char* key);
   bool positionIn(uint32_t bucket, uint32_t hash, const unsigned char* key, Position& pos,
@@ -85,6 +106,10 @@ class VESK_EXPORT KeyedStore : public Store {
   void recover();
 
   uint32_t salt_;
+  // The place the last iteration step of this process reached: a cache, not a place a
+  // walk holds. Current while the header's generation is still the even value read
+  // before its record was, since every change moves the generation on.
+  mutable Place lastStep_;
 };
 
 }  // namespace KestShard

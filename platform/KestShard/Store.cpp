@@ -46,9 +46,11 @@ bool Store::recoveryNeeded() const noexcept {
   return (header().generation & 1) != 0 || header().repairAtMount != 0;
 }
 
+// A rebuild is a change: the generation moves on (to the next even value), so that no
+// reader trusts what it read before it.
 void Store::recovered() {
   SegmentHeader& h = header();
-  if (h.generation & 1) ++h.generation;
+  storeRelease(h.generation, (h.generation | 1) + 1);
   h.repairAtMount = 0;
 }
 
