@@ -39,6 +39,8 @@ class TableSwTable<Traits>::SwTableEntries_py : public Nimbo::Node {
     return removed;
   }
   void tableEntriesDelAll() { tableEntries_.clear(); }
+  // Asks for the place of `key` early: an insert of it soon after does not wait on memory.
+  void tableEntriesPrefetch(const EntryKey& key) const noexcept { tableEntries_.prefetch(key); }
   // Room for `count` entries, so that a snapshot of known size grows its map once.
   void tableEntriesReserve(size_t count) { tableEntries_.reserve(count); }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+
 // The bodies of a table's iteration operations and of its iterator state, included by the
 // one file that instantiates them for every table type (SwTable.cpp).
 
@@ -49,7 +51,20 @@ TableSwTable<Traits>::getTableEntries_py() const {
     most += entryLog_->entrys(unitId());
   }
   snapshot->tableEntriesReserve(most);
-  for (const Entry& entry : entryIteratorConst()) snapshot->tableEntriesIs(entry);
+  // Each entry lands at a random place of a map larger than the caches: its place is asked
+  // for as the walk yields it, and the entry inserted kAhead entries later, so that the
+  // misses overlap. The same entries go in, in the walk's order.
+  constexpr size_t kAhead = 16;
+  std::array<Entry, kAhead> inFlight;
+  size_t walked = 0;
+  for (const Entry& entry : entryIteratorConst()) {
+    snapshot->tableEntriesPrefetch(entry.key());
+    Entry& slot = inFlight[walked++ % kAhead];
+    if (walked > kAhead) snapshot->tableEntriesIs(slot);
+    slot = entry;
+  }
+  for (size_t n = walked > kAhead ? walked - kAhead : 0; n < walked; ++n)
+    snapshot->tableEntriesIs(inFlight[n % kAhead]);
   return snapshot;
 }
 

@@ -132,6 +132,26 @@ TYPED_TEST(SwTableIterationTest, PendingWritesComeFirstThenTheConfigurationInIts
       << "a rewritten key shows its pending value";
 }
 
+// The snapshot inserts each entry some entries after the walk yields it: every one must
+// still arrive, the first and the last included, with its walk-time value.
+TYPED_TEST(SwTableIterationTest, TheSnapshotHoldsExactlyWhatTheWalkVisits) {
+  using T = TestFixture;
+  typename T::Rig rig;
+  for (uint32_t pending : {0u, 5u}) {
+    T::commit(rig, 1, 40);
+    for (uint32_t n = 1; n <= pending; ++n) rig.write(40 + n);
+    if (pending) rig.remove(9);
+    const auto walked = T::entriesOf(rig.table->entryIteratorConst());
+    const auto snapshot = rig.table->getTableEntries_py();
+    EXPECT_EQ(snapshot->tableEntriesSize(), walked.size()) << pending << " pending";
+    for (const auto& entry : walked) {
+      EXPECT_TRUE(snapshot->tableEntriesHas(entry.key()));
+      EXPECT_EQ(snapshot->tableEntries(entry.key()), entry);
+    }
+    rig.settle();
+  }
+}
+
 TYPED_TEST(SwTableIterationTest, AWalkFromAKeyResumesInTheCollectionThatHoldsIt) {
   using T = TestFixture;
   typename T::Rig rig;
