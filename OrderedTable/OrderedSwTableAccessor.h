@@ -55,10 +55,7 @@ class OrderedSwTableAccessor {
 
  private:
   static EntryVersion nextVersion(T& table, const EntryKey& key);
-  static Nimbo::Ptr<EntryHandle> makeHandle(T& table, const EntryVersion& version,
-                                            const EntryKey& key, const ResponseHandler& handler);
-  static void enqueue(T& table, Asic::EntryFlags flags, const Dependency& dependency,
-                      const Nimbo::Ptr<EntryWrapper>& wrapper);
+  static void enqueue(T& table, Nimbo::Ptr<ResolverEntry> resolverEntry);
   static void settle(T& table);
   static void answer(const Nimbo::Ptr<EntryHandle>& handle, EntryState state);
   static void clearTransient(T& table, const EntryKey& key, const EntryVersion& committed,
@@ -96,20 +93,8 @@ EntryVersion OrderedSwTableAccessor<T>::nextVersion(T& table, const EntryKey& ke
 }
 
 template <class T>
-Nimbo::Ptr<typename T::EntryHandle> OrderedSwTableAccessor<T>::makeHandle(
-    T& table, const EntryVersion& version, const EntryKey& key, const ResponseHandler& handler) {
-  Nimbo::Ptr<EntryHandle> handle = T::entryHandleFactory(version, key, &table);
-  if (handler) handle->responseHandlerIs(handler);
-  handle->entryStateIs(EntryState::created);
-  return handle;
-}
-
-template <class T>
-void OrderedSwTableAccessor<T>::enqueue(T& table, Asic::EntryFlags flags,
-                                        const Dependency& dependency,
-                                        const Nimbo::Ptr<EntryWrapper>& wrapper) {
-  table.groupResolver()->resolverQueueEnq(
-      Nimbo::make<ResolverEntry>(dependency, flags, &table, wrapper));
+void OrderedSwTableAccessor<T>::enqueue(T& table, Nimbo::Ptr<ResolverEntry> resolverEntry) {
+  table.groupResolver()->resolverQueueEnq(std::move(resolverEntry));
   table.groupResolver()->updateGenId();
 }
 
@@ -127,16 +112,16 @@ typename T::EntryHandle::PtrConst OrderedSwTableAccessor<T>::entryWriteGeneric(
   VESK_ACCESSOR_TRACE(8, "key: {}", key);
   const EntryVersion version = nextVersion(table, key);
   table.transientVersionForKeyIs(key, version);
-  Nimbo::Ptr<EntryHandle> handle = makeHandle(table, version, key, handler);
-  auto wrapper = Nimbo::make<EntryWrapper>(entry, handle);
-  wrapper->keyIs(key);
+  auto change =
+      T::PendingChange::made(table, version, key, handler, entry, dependency, EntryFlags::write);
+  change.wrapper->keyIs(key);
   table.transientRemoveEntryDel(key);
-  table.transientAddEntryIs(wrapper);
-  enqueue(table, EntryFlags::write, dependency, wrapper);
+  table.transientAddEntryIs(change.wrapper);
+  enqueue(table, std::move(change.resolverEntry));
   VESK_ACCESSOR_TRACE(2, "Done processing write for key: {} ", key);
   table.stats().entryWriteCntInc(1);
   settle(table);
-  return handle;
+  return std::move(change.handle);
 }
 
 template <class T>
@@ -145,29 +130,25 @@ typename T::EntryHandle::PtrConst OrderedSwTableAccessor<T>::entryRemoveGeneric(
   VESK_ACCESSOR_TRACE(8, " Key: {} ", key);
   const EntryVersion version = nextVersion(table, key);
   table.transientVersionForKeyIs(key, version);
-  Nimbo::Ptr<EntryHandle> handle = makeHandle(table, version, key, handler);
   Entry removed{};
   removed.entryKey = key;
-  auto wrapper = Nimbo::make<EntryWrapper>(removed, handle);
-  auto resolverEntry = Nimbo::make<ResolverEntry>(dependency, EntryFlags::remove, &table, wrapper);
+  auto change =
+      T::PendingChange::made(table, version, key, handler, removed, dependency, EntryFlags::remove);
   table.transientAddEntryDel(key);
-  table.transientRemoveEntryIs(wrapper);
-  table.groupResolver()->resolverQueueEnq(resolverEntry);
-  table.groupResolver()->updateGenId();
+  table.transientRemoveEntryIs(change.wrapper);
+  enqueue(table, std::move(change.resolverEntry));
   VESK_ACCESSOR_TRACE(2, " Done processing remove for key: {} ", key);
   table.stats().entryRemoveCntInc(1);
   settle(table);
-  return handle;
+  return std::move(change.handle);
 }
 
 template <class T>
 void OrderedSwTableAccessor<T>::entryRemoveAllGeneric(T& table, const Dependency& dependency,
                                                       const ResponseHandler& handler) {
   VESK_ACCESSOR_TRACE(8, "");
-  Nimbo::Ptr<EntryHandle> handle = makeHandle(table, EntryVersion::first(), EntryKey{}, handler);
-  auto wrapper = Nimbo::make<EntryWrapper>(Entry{}, handle);
-  auto resolverEntry =
-      Nimbo::make<ResolverEntry>(dependency, EntryFlags::removeAll, &table, wrapper);
+  auto change = T::PendingChange::made(table, EntryVersion::first(), EntryKey{}, handler, Entry{},
+                                       dependency, EntryFlags::removeAll);
   table.transientAddEntryDelAll();
   table.transientRemoveEntryDelAll();
   const MajorVersion pending = table.transientRemoveAllVersion();
@@ -177,8 +158,7 @@ void OrderedSwTableAccessor<T>::entryRemoveAllGeneric(T& table, const Dependency
     VESK_ACCESSOR_TRACE(8, "No remove all operation currently enqueued");
   }
   table.transientRemoveAllVersionIs(pending.next());
-  table.groupResolver()->resolverQueueEnq(resolverEntry);
-  table.groupResolver()->updateGenId();
+  enqueue(table, std::move(change.resolverEntry));
   VESK_ACCESSOR_TRACE(2, "Done processing remove all ");
   settle(table);
 }

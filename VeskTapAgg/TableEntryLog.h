@@ -106,6 +106,13 @@ class TableEntryLog : public Asic::EntryLogBase {
   Asic::LogVersion entryLogVersion(const EntryKey& key, Asic::UnitId unitId) const;
   uint32_t entrysInDeletion(Asic::UnitId unitId) const;
   uint32_t entrys(Asic::UnitId unitId) const;
+  // Asks the caches for where the unit's configuration keeps `key`, for a change about
+  // to be written: its index word, or (`record`) the record that word points at.
+  void prefetch(const EntryKey& key, Asic::UnitId unitId, bool record) const noexcept {
+    const auto shard = tableConfigShard_.find(unitId);
+    if (shard != tableConfigShard_.end())
+      shard->second->swTableEntriesColl().prefetch(key, record);
+  }
   // entryHas and then entry of the same key with one lookup, traced as the two: the entry
   // when the unit's configuration holds it live, else nothing. `between()` runs between
   // them, for a caller that stands for an operation there.

@@ -4,6 +4,7 @@
 // instantiates them for every table type (SwTable.cpp).
 
 #include "OrderedTable/OrderedSwTableAccessor.h"
+#include "VeskTapAgg/TablePendingChange.h"
 #include "VeskTapAgg/TableSwTable.h"
 
 namespace VeskTapAgg {

@@ -67,6 +67,9 @@ class TableSwTable : public Asic::OrderedSwTable {
     const Kest::TypeData* typeData() const override {
       return &TypeRecord<Traits, EntryHandleKind>::get();
     }
+    // A handle may head the one allocation of its pending change (TablePendingChange.h);
+    // either way its memory came from ::operator new and goes back whole.
+    static void operator delete(void* memory) { ::operator delete(memory); }
 
    private:
     EntryKey key_;
@@ -93,6 +96,8 @@ class TableSwTable : public Asic::OrderedSwTable {
   VESK_TAPAGG_TABLES(VESK_TAPAGG_SW_TABLE_IS)
 #undef VESK_TAPAGG_SW_TABLE_IS
 
+  // The handle, wrapper and resolver entry of one client change, made in one allocation.
+  using PendingChange = TablePendingChange<Traits>;
   static Nimbo::Ptr<EntryHandle> entryHandleFactory(const Asic::EntryVersion& version,
                                                     const EntryKey& key, TableSwTable* swTable) {
     return EntryHandle::EntryHandleIs(version, key, swTable);
@@ -132,6 +137,16 @@ class TableSwTable : public Asic::OrderedSwTable {
   // Resolution and commit, asked by the group resolver through the resolver entry.
   bool isResolverEntryResolved(const Nimbo::Ptr<ResolverEntry>& resolverEntry);
   void commitEntry(const Nimbo::Ptr<Asic::ResolverEntry>& resolverEntry);
+  // Asks the caches for what committing a change of `key` reads: well ahead, its pending
+  // entries and its index word in the unit's configuration; soon, its record there.
+  void commitPrefetch(const EntryKey& key, bool soon) const noexcept {
+    if (!soon) {
+      transientAddEntry_.prefetch(key);
+      transientRemoveEntry_.prefetch(key);
+      transientVersionForKey_.prefetch(key);
+    }
+    entryLog_->prefetch(key, unitId(), soon);
+  }
   // Writes the committed entry of `key` again when its resources changed it; null when the
   // log has no such entry.
   Nimbo::Ptr<const Asic::OrderedSwTable::EntryHandle> updateEntry(const EntryKey& key);

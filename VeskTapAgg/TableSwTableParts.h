@@ -16,9 +16,12 @@ namespace VeskTapAgg {
 template <TableTraits Traits>
 class TableSwTable;
 
+template <TableTraits Traits>
+class TablePendingChange;
+
 // The entry of one change, with the handle its client holds. Made by the write and remove
-// pipeline and by restore; owned by the table's pending maps and the resolver entry by
-// reference count; single-threaded.
+// pipeline (inside its TablePendingChange) and by restore; owned by the table's pending
+// maps and the resolver entry by reference count; single-threaded.
 template <TableTraits Traits>
 class TableEntryWrapper : public Nimbo::Node {
  public:
@@ -59,10 +62,24 @@ class TableEntryWrapper : public Nimbo::Node {
   void retrieveClientData() {}
   void setResolvedFields() {}
 
+ protected:
+  // Inside a pending change the memory is the handle's: the wrapper ends in place and
+  // lets go of the handle last.
+  void lastUserGone() override {
+    if (!inPendingChange_) {
+      delete this;
+      return;
+    }
+    const auto last = std::move(entryHandle_);
+    this->~TableEntryWrapper();
+  }
+
  private:
+  friend class TablePendingChange<Traits>;
   using Names = GeneratedNames<Traits, EntryWrapperKind>;  // its trace handle
   using Unit = GeneratedNames<Traits, InfraTypesKind>;     // the unit it is generated in
 
+  bool inPendingChange_ = false;  // first, so that it fills the counter's padding
   Entry entry_;
   Nimbo::Ptr<Asic::OrderedSwTable::EntryHandle> entryHandle_;
 };
@@ -104,7 +121,7 @@ class TableSwTableHelperBase : public Nimbo::Node {
 
 // One change of a table in its group resolver's queue: asks the table whether it is
 // resolved and has the table commit it. The table pointer is plain: the table outlives
-// its queued changes. Single-threaded.
+// its queued changes. Made by the pipeline inside its TablePendingChange; single-threaded.
 template <TableTraits Traits>
 class TableResolverEntry : public Asic::ResolverEntry {
  public:
@@ -139,8 +156,25 @@ class TableResolverEntry : public Asic::ResolverEntry {
   void commitEntry(const Nimbo::Ptr<Asic::ResolverEntry>& self) override {
     swTable_->commitEntry(self);
   }
+  void prefetch(bool soon) const noexcept override {
+    if (!isTableDeleted()) swTable_->commitPrefetch(entryWrapper_->key(), soon);
+  }
+
+ protected:
+  // Inside a pending change the memory is the handle's: the entry ends in place and lets
+  // go of the wrapper last.
+  void lastUserGone() override {
+    if (!inPendingChange_) {
+      delete this;
+      return;
+    }
+    const auto last = std::move(entryWrapper_);
+    this->~TableResolverEntry();
+  }
 
  private:
+  friend class TablePendingChange<Traits>;
+  bool inPendingChange_ = false;  // first, so that it fills the base's padding
   SwTable* swTable_;
   Nimbo::Ptr<EntryWrapper> entryWrapper_;
 };

@@ -22,6 +22,10 @@ class ResolverEntry : public Nimbo::Node {
   virtual bool isResolved() = 0;
   // `self` is this entry, so that the table may keep it or pass it on.
   virtual void commitEntry(const Nimbo::Ptr<ResolverEntry>& self) = 0;
+  // Asks the caches for what commitEntry() will read. The resolver asks twice per entry:
+  // well ahead of its commit (`soon` false) and a few entries ahead (true), for what the
+  // first answer points at. Changes nothing and may do nothing.
+  virtual void prefetch(bool /*soon*/) const noexcept {}
 
  private:
   Nimbo::Ptr<const DependencyEntryHandle> dependency_;

@@ -157,6 +157,9 @@ class KeyedCollection {
     return r;
   }
   bool contains(const Key& key) const { return find(key).has_value(); }
+  void prefetch(const Key& key, bool record) const noexcept {
+    store_->prefetch(Traits::bytes(key), record);
+  }
   void insertOrReplace(const Record& record) { store_->insertOrReplace(Traits::bytes(record)); }
   bool erase(const Key& key) { return store_->erase(Traits::bytes(key)); }
   uint32_t count() const noexcept { return store_->count(); }

@@ -255,6 +255,19 @@ const KeyedStore::Place* KeyedStore::lastStepAt(const unsigned char* key,
   return loadRelaxed(header().generation) == last.generation ? &last : nullptr;
 }
 
+void KeyedStore::prefetch(const unsigned char* key, bool record) const noexcept {
+  const uint32_t bucket = bucketOf(hashOf(key));
+  if (!bucketReserved(bucket)) return;
+  if (!record) {
+    __builtin_prefetch(bucketWord(bucket));
+    return;
+  }
+  const uint32_t head = *bucketWord(bucket);
+  if (head == 0 || head > header().highWater) return;
+  const unsigned char* line = slotAt(head - 1);
+  for (uint32_t at = 0; at < geometry().slotSize; at += 64) __builtin_prefetch(line + at);
+}
+
 bool KeyedStore::find(const unsigned char* key, unsigned char* out) const {
   Place place;
   return seek(hashOf(key), key, Seek::exact, out, place);

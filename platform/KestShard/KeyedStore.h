@@ -21,6 +21,10 @@ class VESK_EXPORT KeyedStore : public Store {
 
   // Copies the record of `key` into `out`; false when absent.
   bool find(const unsigned char* key, unsigned char* out) const;
+  // Asks the caches for where a lookup of `key` goes, so that a batch can ask for the next
+  // changes' places while it writes this one: the index word it starts from, or, once
+  // that word has been asked for, the record the word points at.
+  void prefetch(const unsigned char* key, bool record) const noexcept;
   // Inserts or replaces the record under its key. Throws Nimbo::CapacityExceededException
   // for a new key when full, Nimbo::SystemException when the file cannot grow; in both
   // cases nothing changed.
