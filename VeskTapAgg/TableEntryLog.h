@@ -110,8 +110,7 @@ class TableEntryLog : public Asic::EntryLogBase {
   // to be written: its index word, or (`record`) the record that word points at.
   void prefetch(const EntryKey& key, Asic::UnitId unitId, bool record) const noexcept {
     const auto shard = tableConfigShard_.find(unitId);
-    if (shard != tableConfigShard_.end())
-      shard->second->swTableEntriesColl().prefetch(key, record);
+    if (shard != tableConfigShard_.end()) shard->second->swTableEntriesColl().prefetch(key, record);
   }
   // entryHas and then entry of the same key with one lookup, traced as the two: the entry
   // when the unit's configuration holds it live, else nothing. `between()` runs between

@@ -41,12 +41,12 @@ class TablePendingChange {
     change.handle = Nimbo::Ptr<EntryHandle>(new (memory) EntryHandle(version, key, &table));
     if (handler) change.handle->responseHandlerIs(handler);
     change.handle->entryStateIs(Asic::EntryState::created);
-    change.wrapper = Nimbo::Ptr<EntryWrapper>(
-        new (static_cast<char*>(memory) + kWrapperAt) EntryWrapper(entry, change.handle));
+    change.wrapper = Nimbo::Ptr<EntryWrapper>(new (static_cast<char*>(memory) + kWrapperAt)
+                                                  EntryWrapper(entry, change.handle));
     change.wrapper->inPendingChange_ = true;
-    change.resolverEntry = Nimbo::Ptr<ResolverEntry>(new (static_cast<char*>(memory) + kResolverAt)
-                                                         ResolverEntry(dependency, flags, &table,
-                                                                       change.wrapper));
+    change.resolverEntry =
+        Nimbo::Ptr<ResolverEntry>(new (static_cast<char*>(memory) + kResolverAt)
+                                      ResolverEntry(dependency, flags, &table, change.wrapper));
     change.resolverEntry->inPendingChange_ = true;
     return change;
   }
