@@ -1,6 +1,6 @@
 #pragma once
 
-#include <array>
+#include <vector>
 
 // The bodies of a table's iteration operations and of its iterator state, included by the
 // one file that instantiates them for every table type (SwTable.cpp).
@@ -51,20 +51,19 @@ TableSwTable<Traits>::getTableEntries_py() const {
     most += entryLog_->entrys(unitId());
   }
   snapshot->tableEntriesReserve(most);
-  // Each entry lands at a random place of a map larger than the caches: its place is asked
-  // for as the walk yields it, and the entry inserted kAhead entries later, so that the
-  // misses overlap. The same entries go in, in the walk's order.
+  // The walk first, into a list, then the map: each entry lands at a random place of a map
+  // larger than the caches, and interleaved with the walk's own misses into the shared
+  // records the two evict each other. Filling the map from the list asks for each place
+  // kAhead entries before the insert, so that the misses overlap. The same entries go in,
+  // in the walk's order.
+  std::vector<Entry> walked;
+  walked.reserve(most);
+  for (const Entry& entry : entryIteratorConst()) walked.push_back(entry);
   constexpr size_t kAhead = 16;
-  std::array<Entry, kAhead> inFlight;
-  size_t walked = 0;
-  for (const Entry& entry : entryIteratorConst()) {
-    snapshot->tableEntriesPrefetch(entry.key());
-    Entry& slot = inFlight[walked++ % kAhead];
-    if (walked > kAhead) snapshot->tableEntriesIs(slot);
-    slot = entry;
+  for (size_t i = 0; i < walked.size(); ++i) {
+    if (i + kAhead < walked.size()) snapshot->tableEntriesPrefetch(walked[i + kAhead].key());
+    snapshot->tableEntriesIs(walked[i]);
   }
-  for (size_t n = walked > kAhead ? walked - kAhead : 0; n < walked; ++n)
-    snapshot->tableEntriesIs(inFlight[n % kAhead]);
   return snapshot;
 }
 
