@@ -19,6 +19,19 @@ class TableSwTable;
 template <TableTraits Traits>
 class TablePendingChange;
 
+// How the wrapper and the resolver entry end when their count drops: on their own,
+// deleted; inside a pending change (TablePendingChange.h), in place, letting go last of
+// the part they hold, which may free the memory they stand in.
+template <class Part, class Held>
+void pendingChangePartGone(Part* part, bool inPendingChange, Held& held) {
+  if (!inPendingChange) {
+    delete part;
+    return;
+  }
+  const auto last = std::move(held);
+  part->~Part();
+}
+
 // The entry of one change, with the handle its client holds. Made by the write and remove
 // pipeline (inside its TablePendingChange) and by restore; owned by the table's pending
 // maps and the resolver entry by reference count; single-threaded.
@@ -63,16 +76,7 @@ class TableEntryWrapper : public Nimbo::Node {
   void setResolvedFields() {}
 
  protected:
-  // Inside a pending change the memory is the handle's: the wrapper ends in place and
-  // lets go of the handle last.
-  void lastUserGone() override {
-    if (!inPendingChange_) {
-      delete this;
-      return;
-    }
-    const auto last = std::move(entryHandle_);
-    this->~TableEntryWrapper();
-  }
+  void lastUserGone() override { pendingChangePartGone(this, inPendingChange_, entryHandle_); }
 
  private:
   friend class TablePendingChange<Traits>;
@@ -161,16 +165,7 @@ class TableResolverEntry : public Asic::ResolverEntry {
   }
 
  protected:
-  // Inside a pending change the memory is the handle's: the entry ends in place and lets
-  // go of the wrapper last.
-  void lastUserGone() override {
-    if (!inPendingChange_) {
-      delete this;
-      return;
-    }
-    const auto last = std::move(entryWrapper_);
-    this->~TableResolverEntry();
-  }
+  void lastUserGone() override { pendingChangePartGone(this, inPendingChange_, entryWrapper_); }
 
  private:
   friend class TablePendingChange<Traits>;

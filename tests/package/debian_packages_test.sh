@@ -50,7 +50,7 @@ expectFiles vesktap ./usr/bin/vesktap ./usr/share/bash-completion/completions/ve
 if [ "$manPages" = 1 ]; then
   expectFiles vesktap ./usr/share/man/man1/vesktap.1 ./usr/share/man/man1/vesktap-agent.1
 fi
-files python3-vesktap | grep -qx './usr/lib/python3/dist-packages/vesktap\.cpython-.*\.so' ||
+grep -qx './usr/lib/python3/dist-packages/vesktap\.cpython-.*\.so' <<<"$(files python3-vesktap)" ||
   fail "python3-vesktap lacks the module in /usr/lib/python3/dist-packages"
 if [ -e "$build/python/vesktap.pyi" ]; then  # the type stub, when the build made one
   expectFiles python3-vesktap ./usr/lib/python3/dist-packages/vesktap.pyi

@@ -13,7 +13,11 @@ offered() {  # what completing the last of the words offers, one per line
 expect() {  # expect WORD WORDS...: completing WORDS offers WORD
   local word=$1
   shift
-  offered "$@" | grep -qx -- "$word" || { echo "completing '$*' does not offer '$word'"; exit 1; }
+  # Whole list first: grep -q stops reading at its match, and under pipefail the writer's
+  # SIGPIPE would fail the check whenever the word is not the last one offered.
+  local list
+  list=$(offered "$@")
+  grep -qx -- "$word" <<<"$list" || { echo "completing '$*' does not offer '$word'"; exit 1; }
 }
 expect agent ag
 expect metrics me
