@@ -1,18 +1,27 @@
 #!/usr/bin/env python3
 """vesktap-gnmi as a collector meets it: a real target process and a real gRPC client
-(python3-grpcio, stubs generated from the project's gnmi.proto). Capabilities names the
-schema and the encodings; Set is not served; plaintext only when asked for; TLS and
-mutual TLS refuse what they must; SIGTERM stops it with 143.
-Usage: gnmi_test.py <vesktap-gnmi> <directory of the generated Python stubs>"""
+(python3-grpcio, stubs generated from the project's gnmi.proto) over a real root written
+by a real agent and hardware side. Capabilities names the schema and the encodings; Set is
+not served; plaintext only when asked for; TLS and mutual TLS refuse what they must;
+SIGTERM stops it with 143. Get, ONCE, POLL and STREAM read what `vesktap show` reads; a
+stream sees every change in version order through an agent's kill and restart; a
+collector resumes from a version across a restart of the target; a stalled collector is
+cut off without slowing another.
+Usage: gnmi_test.py <vesktap-gnmi> <directory of the generated Python stubs> <vesktap>"""
 
+import json
 import os
+import queue
 import re
+import shutil
 import signal
 import subprocess
 import sys
 import tempfile
+import threading
+import time
 
-TARGET, STUBS = sys.argv[1], sys.argv[2]
+TARGET, STUBS, VESKTAP = sys.argv[1], sys.argv[2], sys.argv[3]
 sys.path.insert(0, STUBS)
 
 import grpc  # noqa: E402
@@ -23,9 +32,9 @@ import gnmi_pb2_grpc  # noqa: E402
 class Target:
     """A running vesktap-gnmi on a free port of localhost; stopped with SIGTERM on exit."""
 
-    def __init__(self, *args):
+    def __init__(self, *args, env=None):
         self.process = subprocess.Popen([TARGET, "--listen", "localhost:0", *args],
-                                        stderr=subprocess.PIPE, text=True)
+                                        stderr=subprocess.PIPE, text=True, env=env)
         line = self.process.stderr.readline()
         found = re.search(r"\(port (\d+), ([a-z ]+|TLS|mutual TLS)\)", line)
         assert found, f"no listening line from the target: {line!r}"
@@ -53,7 +62,8 @@ def test_capabilities_and_set_in_plaintext():
             answer = call(channel, "Capabilities", gnmi_pb2.CapabilityRequest())
             assert answer.gNMI_version == "0.10.0"
             assert [(m.name, m.version) for m in answer.supported_models] == [("vesktap-tables", "1")]
-            assert set(answer.supported_encodings) == {gnmi_pb2.JSON_IETF, gnmi_pb2.PROTO}
+            assert set(answer.supported_encodings) == {gnmi_pb2.JSON, gnmi_pb2.JSON_IETF,
+                                                       gnmi_pb2.PROTO}
             # Set is not in the target's service: gRPC itself answers UNIMPLEMENTED.
             set_call = channel.unary_unary("/gnmi.gNMI/Set", request_serializer=lambda b: b,
                                            response_deserializer=lambda b: b)
@@ -141,6 +151,350 @@ def test_tls_and_mutual_tls():
                 "a client whose certificate the target does not trust was served"
             signed = grpc.ssl_channel_credentials(pem("ca.pem"), pem("client.key"), pem("client.pem"))
             assert capabilities_over(target.port, signed).gNMI_version == "0.10.0"
+
+
+class Root:
+    """A shared-memory root of its own, with the agent and hardware side run in it."""
+
+    TABLE = "DefaultFwdTcamEntry"
+
+    def __init__(self):
+        self.path = tempfile.mkdtemp(prefix="vesk-gnmi-", dir="/dev/shm")
+        self.env = dict(os.environ, VESK_SHM_ROOT=self.path, VESK_LOG_STDERR="0")
+        self.hw = None
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop_hw()
+        shutil.rmtree(self.path, ignore_errors=True)
+
+    def vesktap(self, *args):
+        done = subprocess.run([VESKTAP, *args], env=self.env, capture_output=True, text=True,
+                              timeout=120)
+        assert done.returncode == 0, f"vesktap {args}: {done.returncode} {done.stderr}"
+        return done.stdout
+
+    def agent(self, *args, changes=2000, background=False):
+        argv = [VESKTAP, "agent", "--units", "0", "1", "--keys", "300", "--changes", str(changes),
+                "--tables", self.TABLE, "--progress-ms", "0", *args]
+        if background:
+            return subprocess.Popen(argv, env=self.env, stdout=subprocess.DEVNULL,
+                                    stderr=subprocess.DEVNULL)
+        return self.vesktap(*argv[1:])
+
+    def start_hw(self):
+        self.hw = subprocess.Popen([VESKTAP, "hw", "--progress-ms", "0"], env=self.env,
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+
+    def stop_hw(self):
+        if self.hw and self.hw.poll() is None:
+            self.hw.kill()
+            self.hw.wait()
+
+    def shown_entries(self):
+        """{(unit, priority): version} as `vesktap show --json --entries` reads them."""
+        shown = json.loads(self.vesktap("show", "--json", "--entries", "--table", self.TABLE))
+        return {(u["unit"], e["key"]["priority"]): e["version"]
+                for t in shown["tables"] for u in t["units"] for e in u.get("entries", [])}
+
+
+def path_of(text):
+    """A gNMI path from "/a/b[k=v][k2=v2]/c"."""
+    p = gnmi_pb2.Path()
+    for part in filter(None, re.findall(r"[^/\[]+(?:\[[^\]]*\])*", text)):
+        e = p.elem.add()
+        e.name = part.split("[", 1)[0]
+        for key, value in re.findall(r"\[([^=\]]+)=([^\]]*)\]", part):
+            e.key[key] = value
+    return p
+
+
+def leaves(notification):
+    """{leaf name: value} of a PROTO notification."""
+    return {u.path.elem[-1].name: getattr(u.val, u.val.WhichOneof("value"))
+            for u in notification.update}
+
+
+def entry_id(path):
+    """(unit, priority) of an entry's path."""
+    unit = next(e.key["id"] for e in path.elem if e.name == "unit")
+    entry = next(e for e in path.elem if e.name == "entry")
+    return int(unit), int(entry.key["priority"])
+
+
+def get(stub, text, encoding=gnmi_pb2.PROTO):
+    return stub.Get(gnmi_pb2.GetRequest(path=[path_of(text)], encoding=encoding), timeout=10)
+
+
+def refusal(function):
+    try:
+        function()
+    except grpc.RpcError as error:
+        return error.code(), error.details()
+    raise AssertionError("served what it should refuse")
+
+
+def committed(stub):
+    state = get(stub, f"/tables/table[name={Root.TABLE}]/state").notification[0]
+    return leaves(state)["committedVersion"]
+
+
+def test_get_once_and_poll_read_what_show_reads():
+    with Root() as root, Target("--insecure", env=root.env) as target, \
+            grpc.insecure_channel(f"localhost:{target.port}") as channel:
+        stub = gnmi_pb2_grpc.gNMIStub(channel)
+        agent = leaves(get(stub, "/agent/state").notification[0])
+        assert agent["status"] == "absent", agent
+        root.start_hw()
+        root.agent()
+        shown = root.shown_entries()
+        entries = get(stub, f"/tables/table[name={Root.TABLE}]/units/unit[id=*]/entries/entry[*]")
+        assert {entry_id(n.prefix): leaves(n)["version"] for n in entries.notification} == shown
+        assert all(leaves(n)["inHardware"] for n in entries.notification)
+        # One entry by its whole key, as its path names it; and one leaf of it in JSON_IETF.
+        one = entries.notification[0].prefix
+        keyed = "/".join(f"{e.name}" + "".join(f"[{k}={v}]" for k, v in e.key.items())
+                         for e in one.elem)
+        got = get(stub, "/" + keyed)
+        assert len(got.notification) == 1 and got.notification[0].prefix == one
+        version = get(stub, "/" + keyed + "/version", gnmi_pb2.JSON_IETF).notification[0]
+        assert json.loads(version.update[0].val.json_ietf_val) == shown[entry_id(one)]
+        # Wildcards on the table and on key fields.
+        at_priority = get(stub, "/tables/table[name=*]/units/unit[id=1]/entries/entry[priority=7]")
+        assert [entry_id(n.prefix) for n in at_priority.notification] == \
+            ([(1, 7)] if (1, 7) in shown else [])
+        unit_state = leaves(get(stub, f"/tables/table[name={Root.TABLE}]/units/unit[id=0]/state")
+                            .notification[0])
+        assert unit_state["entries"] == sum(1 for u, _ in shown if u == 0)
+        assert (unit_state["warningPercent"], unit_state["criticalPercent"]) == (70, 85)
+        # Refusals name the valid choices.
+        code, why = refusal(lambda: get(stub, "/tables/table[name=Nope]"))
+        assert code == grpc.StatusCode.INVALID_ARGUMENT and Root.TABLE in why, why
+        code, why = refusal(lambda: get(
+            stub, f"/tables/table[name={Root.TABLE}]/units/unit[id=0]/entries/entry[colour=red]"))
+        assert code == grpc.StatusCode.INVALID_ARGUMENT and "priority" in why, why
+        code, why = refusal(lambda: get(stub, "/tables/table[name=*]/units/unit[id=70000]"))
+        assert code == grpc.StatusCode.INVALID_ARGUMENT and "65535" in why, why
+        code, why = refusal(lambda: get(stub, f"/tables/table[name={Root.TABLE}]/units/unit[id=9]"))
+        assert code == grpc.StatusCode.NOT_FOUND, why
+        code, why = refusal(lambda: get(stub, "/agent", gnmi_pb2.ASCII))
+        assert code == grpc.StatusCode.UNIMPLEMENTED and "JSON_IETF" in why, why
+        # ONCE: every value, sync_response, end. POLL: the same at each poll.
+        subscription = gnmi_pb2.SubscriptionList(
+            mode=gnmi_pb2.SubscriptionList.ONCE, encoding=gnmi_pb2.PROTO,
+            subscription=[gnmi_pb2.Subscription(path=path_of(
+                f"/tables/table[name={Root.TABLE}]/units/unit[id=0]/entries"))])
+        once = list(stub.Subscribe(iter([gnmi_pb2.SubscribeRequest(subscribe=subscription)]),
+                                   timeout=10))
+        assert once[-1].sync_response and len(once) - 1 == sum(1 for u, _ in shown if u == 0)
+        subscription.mode = gnmi_pb2.SubscriptionList.POLL
+        polls = queue.Queue()
+        polls.put(gnmi_pb2.SubscribeRequest(subscribe=subscription))
+        answers = stub.Subscribe(iter(polls.get, None), timeout=10)
+        for _ in range(2):
+            got = []
+            for response in answers:
+                if response.sync_response:
+                    break
+                got.append(entry_id(response.update.prefix))
+            assert sorted(got) == sorted(k for k in shown if k[0] == 0)
+            polls.put(gnmi_pb2.SubscribeRequest(poll=gnmi_pb2.Poll()))
+        polls.put(None)
+        answers.cancel()
+
+
+class Collector:
+    """A STREAM subscription read on its own thread: responses in arrival order."""
+
+    def __init__(self, stub, text, updates_only=False):
+        request = gnmi_pb2.SubscribeRequest(subscribe=gnmi_pb2.SubscriptionList(
+            mode=gnmi_pb2.SubscriptionList.STREAM, encoding=gnmi_pb2.PROTO,
+            updates_only=updates_only,
+            subscription=[gnmi_pb2.Subscription(path=path_of(text),
+                                                mode=gnmi_pb2.ON_CHANGE)]))
+        self.requests = queue.Queue()
+        self.requests.put(request)
+        self.call = stub.Subscribe(iter(self.requests.get, None))
+        self.responses = queue.Queue()
+        self.error = None
+        self.thread = threading.Thread(target=self._read, daemon=True)
+        self.thread.start()
+
+    def _read(self):
+        try:
+            for response in self.call:
+                self.responses.put(response)
+        except grpc.RpcError as error:
+            self.error = error
+        self.responses.put(None)
+
+    def close(self):
+        self.call.cancel()
+        self.requests.put(None)
+        self.thread.join(10)
+
+
+class Mirror:
+    """What a collector builds from a stream: {(unit, priority): version}, the newest
+    version seen, and every change's version in arrival order."""
+
+    def __init__(self):
+        self.entries, self.versions, self.newest, self.resyncs, self.synced = {}, [], 0, [], False
+        self.resyncing = False
+
+    def apply(self, response):
+        if response.sync_response:
+            self.synced = True
+            return
+        n = response.update
+        named = leaves(n)
+        # A resync: a notice, the table anew (not changes: in key order), an empty notice.
+        if "resync" in named:
+            self.resyncing = bool(named["resync"])
+            if self.resyncing:
+                self.resyncs.append(named["resync"])
+        for deleted in n.delete:
+            if deleted.elem[-1].name == "units":
+                self.entries.clear()
+            elif deleted.elem[-1].name == "entries":
+                unit = entry_id_unit(deleted)
+                self.entries = {k: v for k, v in self.entries.items() if k[0] != unit}
+            else:
+                self.entries.pop(entry_id(deleted), None)
+        version = named.get("version", named.get("committedVersion"))
+        if n.prefix.elem and n.prefix.elem[-1].name == "entry":
+            self.entries[entry_id(n.prefix)] = version
+        if version is not None and self.synced and not self.resyncing:
+            self.versions.append(version)
+        if version is not None:
+            self.newest = max(self.newest, version)
+
+    def follow(self, collector, until, timeout=30):
+        deadline = time.monotonic() + timeout
+        while not until(self):
+            left = deadline - time.monotonic()
+            assert left > 0, f"stream stalled at version {self.newest}"
+            try:
+                response = collector.responses.get(timeout=left)
+            except queue.Empty:
+                continue
+            assert response is not None, f"stream ended: {collector.error}"
+            self.apply(response)
+
+
+def entry_id_unit(path):
+    return int(next(e.key["id"] for e in path.elem if e.name == "unit"))
+
+
+def assert_in_order(versions):
+    assert versions == sorted(versions) and len(set(versions)) == len(versions), \
+        "changes out of order or repeated"
+
+
+def test_a_stream_sees_every_change_through_an_agent_restart():
+    with Root() as root, Target("--insecure", env=root.env) as target, \
+            grpc.insecure_channel(f"localhost:{target.port}") as channel:
+        stub = gnmi_pb2_grpc.gNMIStub(channel)
+        root.start_hw()
+        root.agent(changes=500)
+        collector = Collector(stub, f"/tables/table[name={Root.TABLE}]/units/unit[id=*]/entries")
+        mirror = Mirror()
+        mirror.follow(collector, lambda m: m.synced)
+        start = committed(stub)
+        # The agent killed mid-workload, then started again on the same root.
+        agent = root.agent("--seed", "2", changes=20000, background=True)
+        time.sleep(0.3)
+        agent.kill()
+        agent.wait()
+        root.agent("--seed", "3", changes=2000)
+        end = committed(stub)
+        mirror.follow(collector, lambda m: m.newest >= end and not m.resyncing)
+        collector.close()
+        # Changes the hardware side took and the agent cleaned up before the target read
+        # them come as a resync, said in the stream; everything else comes change by change.
+        assert_in_order(mirror.versions)
+        assert all("dropped from the change log" in why for why in mirror.resyncs), mirror.resyncs
+        shown = root.shown_entries()
+        assert mirror.entries == shown, (
+            {k: (v, shown.get(k)) for k, v in mirror.entries.items() if shown.get(k) != v},
+            {k: v for k, v in shown.items() if k not in mirror.entries})
+        assert mirror.versions[0] > start and mirror.newest == end
+
+
+def test_a_collector_resumes_from_a_version_across_a_target_restart():
+    with Root() as root:
+        root.start_hw()
+        root.agent(changes=300)
+        with Target("--insecure", env=root.env) as target, \
+                grpc.insecure_channel(f"localhost:{target.port}") as channel:
+            stub = gnmi_pb2_grpc.gNMIStub(channel)
+            seen = committed(stub)
+        # While the target is down the hardware side is stopped, so the change log keeps
+        # what the agent commits; the new target serves it from there.
+        os.kill(root.hw.pid, signal.SIGSTOP)
+        root.agent("--seed", "4", "--no-wait", changes=400)
+        with Target("--insecure", env=root.env) as target, \
+                grpc.insecure_channel(f"localhost:{target.port}") as channel:
+            stub = gnmi_pb2_grpc.gNMIStub(channel)
+            end = committed(stub)
+            assert end > seen
+            collector = Collector(stub, f"/tables/table[name={Root.TABLE}][since={seen}]")
+            mirror = Mirror()
+            mirror.synced = True
+            mirror.follow(collector, lambda m: m.newest >= end)
+            os.kill(root.hw.pid, signal.SIGCONT)
+            # Resumed from the same target, after the hardware side took everything: what
+            # it kept.
+            collector.close()
+            assert not mirror.resyncs, mirror.resyncs
+            assert_in_order(mirror.versions)
+            assert mirror.versions[0] == seen + 1 or mirror.versions[0] > seen
+            again = Collector(stub, f"/tables/table[name={Root.TABLE}][since={seen}]")
+            second = Mirror()
+            second.synced = True
+            second.follow(again, lambda m: m.newest >= end)
+            again.close()
+            assert second.versions == mirror.versions
+            # A version before anything the target or the log holds: said, then resent.
+            root.agent("--seed", "5", changes=100)
+            old = Collector(stub, f"/tables/table[name={Root.TABLE}][since=1]")
+            third = Mirror()
+            third.synced = True
+            third.follow(old, lambda m: m.resyncs and not m.resyncing)
+            old.close()
+            assert "no longer holds version 2" in third.resyncs[0], third.resyncs
+            assert third.entries == root.shown_entries()
+
+
+def test_a_stalled_collector_does_not_slow_another():
+    with Root() as root, Target("--insecure", "--queue-limit", "1000", env=root.env) as target, \
+            grpc.insecure_channel(f"localhost:{target.port}") as channel:
+        stub = gnmi_pb2_grpc.gNMIStub(channel)
+        root.start_hw()
+        root.agent(changes=100)
+        # The stalled one asks for every entry every 100 ms and never reads: gRPC's windows
+        # fill, then its queue. The other follows one key of both units.
+        stalled = stub.Subscribe(iter([gnmi_pb2.SubscribeRequest(
+            subscribe=gnmi_pb2.SubscriptionList(
+                mode=gnmi_pb2.SubscriptionList.STREAM, encoding=gnmi_pb2.JSON_IETF,
+                subscription=[gnmi_pb2.Subscription(
+                    path=path_of(f"/tables/table[name={Root.TABLE}]/units/unit[id=*]/entries"),
+                    mode=gnmi_pb2.SAMPLE, sample_interval=100_000_000)]))]),
+            timeout=60)
+        collector = Collector(stub, f"/tables/table[name={Root.TABLE}]/units/unit[id=*]"
+                              "/entries/entry[priority=7]")
+        mirror = Mirror()
+        mirror.follow(collector, lambda m: m.synced)
+        root.agent("--seed", "6", changes=30000)
+        shown = {k: v for k, v in root.shown_entries().items() if k[1] == 7}
+        mirror.follow(collector, lambda m: m.entries == shown and not m.resyncing)
+        collector.close()
+        assert_in_order(mirror.versions)
+        # The stalled one is ended by the target (RESOURCE_EXHAUSTED once its queue overflows,
+        # or cancelled when its RPC is stuck in a write), or is still buffered by the client.
+        stalled.cancel()
 
 
 if __name__ == "__main__":

@@ -49,6 +49,35 @@ std::optional<ChangeLogSummary> AgentMemory::changeLog() const {
                           first.valid() ? first->logVersion.value() : 0, changes.newestVersion()};
 }
 
+template <class Traits>
+std::optional<LoggedChanges<Traits>> AgentMemory::changesAfter(uint64_t version,
+                                                               size_t limit) const {
+  auto log = mountAgentShard<typename Traits::EntryLogShard>(
+      em_, Traits::Constants::tableEntryLogShardPath(), "entryLogConfig",
+      ChangeLogSummary::capacity);
+  if (!log) return std::nullopt;
+  const auto& changes = log->entryLogConfigColl();
+  LoggedChanges<Traits> read;
+  read.tableVersion = changes.control()->scratchpad();
+  const auto first = changes.begin();
+  read.oldestVersion = first.valid() ? first->logVersion.value() : 0;
+  for (auto it = changes.at(Asic::LogVersion(version + 1));
+       it != changes.end() && read.changes.size() < limit; ++it) {
+    read.changes.push_back(*it);
+  }
+  return read;
+}
+
+template <class Traits>
+std::optional<typename Traits::ConfigShardEntry> AgentMemory::configRecord(
+    Asic::UnitId unit, const typename Traits::EntryKey& key) const {
+  auto config = mountConfig<Traits>(em_, unit);
+  if (!config) return std::nullopt;
+  const auto record = config->swTableEntriesColl().find(key);
+  if (!record) return std::nullopt;
+  return typename Traits::ConfigShardEntry(*record);
+}
+
 std::optional<Asic::LogVersion> AgentMemory::hardwareTaken(Asic::SwTableId tableId) const {
   const auto group =
       VeskTapAgg::TableConstants<VeskTapAgg::DefaultFwdTcamEntryTraits>::canonicalGroupName();
@@ -125,6 +154,11 @@ std::optional<std::vector<TcamLine<Traits>>> AgentMemory::tcamLines(Asic::UnitId
   template std::optional<ChangeLogSummary> AgentMemory::changeLog<VeskTapAgg::Name##Traits>() \
       const;                                                                                  \
   template std::vector<Asic::UnitId> AgentMemory::units<VeskTapAgg::Name##Traits>() const;    \
+  template std::optional<LoggedChanges<VeskTapAgg::Name##Traits>>                             \
+      AgentMemory::changesAfter<VeskTapAgg::Name##Traits>(uint64_t, size_t) const;            \
+  template std::optional<VeskTapAgg::Name##Traits::ConfigShardEntry>                          \
+  AgentMemory::configRecord<VeskTapAgg::Name##Traits>(                                        \
+      Asic::UnitId, const VeskTapAgg::Name##Traits::EntryKey&) const;                         \
   template std::optional<UnitContents<VeskTapAgg::Name##Traits>>                              \
   AgentMemory::unit<VeskTapAgg::Name##Traits>(Asic::UnitId, bool) const;                      \
   template std::optional<std::vector<TcamLine<VeskTapAgg::Name##Traits>>>                     \

@@ -29,6 +29,14 @@ struct ChangeLogSummary {
   uint64_t newestVersion = 0;
 };
 
+// The changes a table type's change log holds after a version, oldest first.
+template <class Traits>
+struct LoggedChanges {
+  std::vector<typename Traits::LogShardEntry> changes;
+  uint64_t oldestVersion = 0;  // of the whole log; 0 when it holds no record
+  uint64_t tableVersion = 0;   // the newest version committed
+};
+
 // One live entry of a unit's configuration, with the version of the change that wrote it
 // and whether the simulated TCAM holds exactly that entry.
 template <class Traits>
@@ -70,6 +78,14 @@ class AgentMemory {
   // Null when the table type has no change log.
   template <class Traits>
   std::optional<ChangeLogSummary> changeLog() const;
+  // Up to `limit` changes logged after `version`; null when the table type has no change
+  // log. Throws Nimbo::Exception for a damaged log.
+  template <class Traits>
+  std::optional<LoggedChanges<Traits>> changesAfter(uint64_t version, size_t limit) const;
+  // The unit's configuration record of `key` (a tombstone too); null when it has none.
+  template <class Traits>
+  std::optional<typename Traits::ConfigShardEntry> configRecord(
+      Asic::UnitId unit, const typename Traits::EntryKey& key) const;
   // The version the hardware side has recorded as taken for the table type, if any.
   std::optional<Asic::LogVersion> hardwareTaken(Asic::SwTableId tableId) const;
   // The units that have a configuration of the table type, in the namespace's order.

@@ -35,6 +35,8 @@ struct Options {
   std::string certificate;
   std::string key;
   std::string clientCa;
+  size_t maxStreams = 128;
+  VeskTool::GnmiFeed::Options feed;
 };
 
 std::string fileText(const std::string& path, const char* what) {
@@ -97,7 +99,8 @@ int serve(const Options& options) {
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-  VeskTool::GnmiTarget target;
+  VeskTool::GnmiFeed feed(options.feed);
+  VeskTool::GnmiTarget target(feed, options.maxStreams);
   grpc::ServerBuilder builder;
   int port = 0;
   builder.AddListeningPort(address, creds, &port);
@@ -135,14 +138,30 @@ int main(int argc, char** argv) {
   app.add_option("--tls-key", options.key, "the target's private key (PEM)");
   app.add_option("--tls-client-ca", options.clientCa,
                  "CA certificates (PEM) that clients' certificates must chain to: mutual TLS");
+  app.add_option("--max-streams", options.maxStreams,
+                 "Subscribe RPCs served at once; more are refused with RESOURCE_EXHAUSTED")
+      ->capture_default_str()
+      ->check(CLI::Range(size_t(1), size_t(100000)));
+  app.add_option("--queue-limit", options.feed.queueLimit,
+                 "responses that may wait for a slow collector; then its stream is closed with "
+                 "RESOURCE_EXHAUSTED, naming the versions to resume from")
+      ->capture_default_str()
+      ->check(CLI::Range(size_t(16), size_t(100000000)));
+  app.add_option("--history", options.feed.history,
+                 "changes kept per table for collectors that resume with table[since=V]")
+      ->capture_default_str()
+      ->check(CLI::Range(size_t(0), size_t(100000000)));
   app.footer(
-      "Serves Capabilities; Set is not served (UNIMPLEMENTED): the target only reads.\n\n"
+      "Serves Capabilities, Get and Subscribe (ONCE, POLL, STREAM) over the tree in "
+      "docs/gnmi.md;\nSet is not served (UNIMPLEMENTED): the target only reads.\n\n"
       "Environment:\n"
       "  VESK_SHM_ROOT    the shared-memory root (default /dev/shm/vesk)\n"
       "  NOTIFY_SOCKET    set by systemd for a Type=notify unit: READY=1 is sent once listening\n"
       "Exit status: 0 done, 1 failed, 2 usage error, 130 and 143 stopped by SIGINT and SIGTERM.\n"
       "Example:\n"
-      "  vesktap-gnmi --tls-cert target.pem --tls-key target.key --tls-client-ca collectors.pem");
+      "  vesktap-gnmi --tls-cert target.pem --tls-key target.key --tls-client-ca collectors.pem\n"
+      "  gnmic -a switch:9339 --tls-ca ca.pem subscribe --path "
+      "'/tables/table[name=DefaultFwdTcamEntry]'");
   try {
     app.parse(argc, argv);
     return serve(options);

@@ -11,6 +11,7 @@
 #include "Kest/RecordType.h"
 #include "tools/core/AgentMemory.h"
 #include "tools/core/MemoryJson.h"
+#include "tools/core/RecordColumns.h"
 #include "tools/core/TableDispatch.h"
 
 namespace VeskTool {
@@ -117,31 +118,6 @@ void printUnits(const Json& doc, std::ostream& out) {
              rows);
 }
 
-// A record's fields as columns: a nested record of named fields (an entry's key, an
-// action) gives one column per field; a value/mask pair is one column.
-struct Column {
-  std::string name;
-  const Kest::RecordType* type;  // of the record the field is in
-  const Kest::RecordField* field;
-  size_t offset;  // of that record in the outer one
-};
-
-std::vector<Column> columnsOf(const Kest::RecordType& type) {
-  std::vector<Column> columns;
-  for (const Kest::RecordField& f : type.fields()) {
-    if (f.text == Kest::FieldText::hidden) continue;
-    if (f.record && f.record->form() == Kest::RecordType::Form::fields) {
-      for (const Kest::RecordField& inner : f.record->fields()) {
-        if (inner.text != Kest::FieldText::hidden)
-          columns.push_back({std::string(inner.name), f.record, &inner, f.offset});
-      }
-    } else {
-      columns.push_back({std::string(f.name), &type, &f, 0});
-    }
-  }
-  return columns;
-}
-
 template <class Traits>
 void printEntries(const AgentMemory& memory, const ShowOptions& options, std::ostream& out) {
   using Entry = typename Traits::Entry;
@@ -164,11 +140,7 @@ void printEntries(const AgentMemory& memory, const ShowOptions& options, std::os
     for (const auto& e : contents->entries) {
       const Entry entry = VeskTapAgg::entryOf(e.logEntry);
       Row row{std::to_string(e.version.value()), e.inHardware ? "yes" : "no"};
-      for (const Column& c : columns) {
-        fmt::memory_buffer text;
-        c.type->formatField(text, reinterpret_cast<const char*>(&entry) + c.offset, *c.field);
-        row.push_back(fmt::to_string(text));
-      }
+      for (const Column& c : columns) row.push_back(c.text(&entry));
       rows.push_back(std::move(row));
     }
     printTable(out, headers, rows);

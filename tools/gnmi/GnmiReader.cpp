@@ -1,0 +1,446 @@
+#include "tools/gnmi/GnmiReader.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <map>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "Nimbo/Exception.h"
+#include "tools/core/AgentCounters.h"
+#include "tools/core/Json.h"
+#include "tools/core/RecordColumns.h"
+#include "tools/core/TableDispatch.h"
+
+namespace VeskTool {
+namespace {
+
+// Changes read from a change log at one poll, at most: a long log is read over several.
+constexpr size_t kReadAtOnce = 8192;
+
+LeafValue leafValueOf(const Column& c, const void* record) {
+  const char* fields = static_cast<const char*>(record) + c.offset;
+  switch (c.field->text) {
+    case Kest::FieldText::flag:
+      return Kest::fieldNumber(fields, *c.field) != 0;
+    case Kest::FieldText::decimal:
+    case Kest::FieldText::hex:
+    case Kest::FieldText::flagNames:
+      return Kest::fieldNumber(fields, *c.field);
+    default:
+      return c.text(record);
+  }
+}
+
+double percent(uint64_t used, uint64_t capacity) {
+  return capacity == 0 ? 0.0 : 100.0 * double(used) / double(capacity);
+}
+
+}  // namespace
+
+bool EntryChange::selectedBy(const PathSelector& selector) const {
+  if (!selector.has(PathSelector::entries) || !selector.selectsTable(table) ||
+      !selector.selectsUnit(unit)) {
+    return false;
+  }
+  for (const auto& wanted : selector.keyFields) {
+    const auto field = std::find_if(keyFields.begin(), keyFields.end(),
+                                    [&](const auto& f) { return f.first == wanted.first; });
+    // A unit cleared reaches every entry of it.
+    if (field != keyFields.end() ? field->second != wanted.second : kind != Kind::clearUnit)
+      return false;
+  }
+  return true;
+}
+
+// One table type: its tree and its follower of the change log.
+class GnmiReader::Table {
+ public:
+  virtual ~Table() = default;
+  // Empty when `selector` fits this table, else why not.
+  virtual std::string misfit(const PathSelector& selector) const = 0;
+  virtual void snapshot(AgentMemory& memory, const PathSelector& selector,
+                        std::vector<Node>& nodes) = 0;
+  // Reads the new changes into `out`; a reason when the table must be sent anew instead.
+  virtual std::optional<std::string> poll(AgentMemory& memory, std::vector<ChangePtr>& out) = 0;
+  virtual Replay replay(AgentMemory* memory, uint64_t since) = 0;
+  uint64_t position() const noexcept { return position_; }
+
+ protected:
+  void keep(const ChangePtr& change, size_t history) {
+    kept_.push_back(change);
+    while (kept_.size() > history) {
+      keptFrom_ = kept_.front()->version;
+      kept_.pop_front();
+    }
+  }
+  void restartAt(uint64_t version) {
+    position_ = keptFrom_ = version;
+    kept_.clear();
+  }
+
+  bool seen_ = false;      // the change log was found once
+  uint64_t position_ = 0;  // every change up to here is read
+  uint64_t keptFrom_ = 0;  // every change after this one is in kept_
+  std::deque<ChangePtr> kept_;
+};
+
+namespace {
+
+template <class Traits>
+class TableOf final : public GnmiReader::Table {
+  using EntryKey = typename Traits::EntryKey;
+  using LogEntry = typename Traits::LogEntry;
+  using LogShardEntry = typename Traits::LogShardEntry;
+  // Changes whose values were overwritten before they were read, by unit and key bytes.
+  using Superseded = std::map<std::pair<uint16_t, std::string>, uint32_t>;
+
+ public:
+  TableOf(size_t index, size_t history) : index_(index), history_(history) {}
+
+  std::string misfit(const PathSelector& s) const override {
+    for (const auto& [name, text] : s.keyFields) {
+      if (!hasColumn(keyColumns(), name)) {
+        return fmt::format("{} entries have no key field '{}': give {}", Traits::tableName, name,
+                           names(keyColumns(), {}));
+      }
+    }
+    if (s.parts == PathSelector::entries && !s.leaf.empty() && !hasColumn(entryColumns(), s.leaf) &&
+        std::find(std::begin(kEntryLeaves), std::end(kEntryLeaves), s.leaf) ==
+            std::end(kEntryLeaves)) {
+      return fmt::format("{} entries have no leaf '{}': give {}", Traits::tableName, s.leaf,
+                         names(entryColumns(), kEntryLeaves));
+    }
+    return {};
+  }
+
+  void snapshot(AgentMemory& memory, const PathSelector& s, std::vector<Node>& nodes) override {
+    const auto log = memory.changeLog<Traits>();
+    if (!log) return;  // the agent has not used this table type
+    if (s.has(PathSelector::tableState)) {
+      const auto taken = memory.hardwareTaken(Traits::tableId);
+      const uint64_t takenVersion = taken ? taken->value() : 0;
+      nodes.push_back(
+          {appendState(tablePath(Traits::tableName)),
+           {{"tableId", fmt::format("{}", Traits::tableId)},
+            {"committedVersion", log->tableVersion},
+            {"hardwareTakenVersion", takenVersion},
+            {"hardwareLag", log->tableVersion - std::min(log->tableVersion, takenVersion)},
+            {"changeLogRecords", log->records},
+            {"changeLogCapacity", uint64_t(log->capacity)},
+            {"changeLogUsedPercent", percent(log->records, log->capacity)},
+            {"oldestVersion", log->oldestVersion}}});
+    }
+    if (!s.has(PathSelector::unitState) && !s.has(PathSelector::entries)) return;
+    for (Asic::UnitId unit : memory.units<Traits>()) {
+      if (!s.selectsUnit(unit.value())) continue;
+      const bool withEntries = s.has(PathSelector::entries);
+      Node state{appendState(unitPath(Traits::tableName, unit.value())), {}};
+      try {
+        const auto contents = unitContents(memory, unit, withEntries);
+        if (!contents) continue;
+        if (s.has(PathSelector::unitState)) {
+          const uint64_t used = contents->liveEntries + contents->tombstones;
+          state.leaves = {
+              {"entries", contents->liveEntries},
+              {"tombstones", contents->tombstones},
+              {"capacity", uint64_t(contents->capacity)},
+              {"usedPercent", percent(used, contents->capacity)},
+              {"level", std::string(capacityLevel(double(used) / double(contents->capacity)))},
+              {"warningPercent", uint64_t(70)},
+              {"criticalPercent", uint64_t(85)}};
+          if (contents->tcamError) {
+            state.leaves.push_back({"error", "TCAM: " + *contents->tcamError});
+          } else {
+            if (contents->tcamLines) {
+              state.leaves.push_back({"tcamLines", *contents->tcamLines});
+              state.leaves.push_back({"tcamAppliedVersion", contents->tcamAppliedVersion->value()});
+            }
+            state.leaves.push_back({"notInHardware", contents->notInHardware});
+          }
+          nodes.push_back(std::move(state));
+        }
+        for (const auto& e : contents->entries) {
+          const auto keyFields = keyFieldsOf(e.logEntry.key());
+          if (!keyMatches(keyFields, s)) continue;
+          nodes.push_back(
+              entryNode(unit.value(), keyFields, e.logEntry, e.version.value(), e.inHardware));
+        }
+      } catch (const Nimbo::Exception& e) {
+        if (!s.has(PathSelector::unitState)) continue;
+        state.leaves = {{"error", e.what()}};
+        nodes.push_back(std::move(state));
+      }
+    }
+  }
+
+  std::optional<std::string> poll(AgentMemory& memory, std::vector<ChangePtr>& out) override {
+    const auto read = memory.changesAfter<Traits>(position_, kReadAtOnce);
+    if (!read) return std::nullopt;  // not used yet
+    if (!seen_) {
+      // Streams start from what is there now; earlier changes come from the log itself.
+      seen_ = true;
+      restartAt(read->tableVersion);
+      return std::nullopt;
+    }
+    if (read->tableVersion < position_) {
+      const std::string why = fmt::format(
+          "the table's version went back from {} to {}: its memory was cleared or made anew",
+          position_, read->tableVersion);
+      restartAt(read->tableVersion);
+      superseded_.clear();
+      return why;
+    }
+    for (const LogShardEntry& c : read->changes) {
+      if (c.logVersion.value() != position_ + 1) return dropped(read->tableVersion);
+      if (ChangePtr change = changeOf(memory, c, superseded_)) {
+        out.push_back(change);
+        keep(change, history_);
+      }
+      position_ = c.logVersion.value();
+    }
+    // Versions committed that the log no longer holds: cleaned up before they were read.
+    if (read->changes.empty() && read->tableVersion > position_) {
+      return dropped(read->tableVersion);
+    }
+    return std::nullopt;
+  }
+
+  Replay replay(AgentMemory* memory, uint64_t since) override {
+    Replay r;
+    if (since > position_) {
+      r.resync = fmt::format("version {} is beyond the newest of {}, {}", since, Traits::tableName,
+                             position_);
+      return r;
+    }
+    if (seen_ && since >= keptFrom_) {
+      for (const ChangePtr& c : kept_) {
+        if (c->version > since) r.changes.push_back(c);
+      }
+      return r;
+    }
+    // Before what this target kept: the agent's change log may still hold it (changes the
+    // hardware side has not taken yet).
+    std::optional<LoggedChanges<Traits>> read;
+    if (memory) read = memory->changesAfter<Traits>(since, position_ - since);
+    if (!read || read->changes.empty() || read->changes.front().logVersion.value() != since + 1) {
+      r.resync = fmt::format(
+          "the change log of {} no longer holds version {} (it starts at {}; this target keeps "
+          "changes from {}): the hardware side has taken them",
+          Traits::tableName, since + 1, read ? read->oldestVersion : 0, keptFrom_ + 1);
+      return r;
+    }
+    Superseded superseded;
+    uint64_t next = since + 1;
+    for (const LogShardEntry& c : read->changes) {
+      if (c.logVersion.value() > position_) break;
+      if (c.logVersion.value() != next++) {
+        r.changes.clear();
+        r.resync =
+            fmt::format("the change log of {} lacks version {}", Traits::tableName, next - 1);
+        return r;
+      }
+      if (ChangePtr change = changeOf(*memory, c, superseded)) r.changes.push_back(change);
+    }
+    // The rest up to the follower's position is what it kept.
+    for (const ChangePtr& c : kept_) {
+      if (c->version >= next) r.changes.push_back(c);
+    }
+    return r;
+  }
+
+ private:
+  static const std::vector<Column>& keyColumns() {
+    static const auto columns = columnsOf(VeskTapAgg::typeRecordOf<EntryKey>());
+    return columns;
+  }
+  static const std::vector<Column>& entryColumns() {
+    static const auto columns = columnsOf(VeskTapAgg::typeRecordOf<typename Traits::Entry>());
+    return columns;
+  }
+  // A record the agent is writing right now reads as damaged for that moment: read again
+  // before the unit is told as damaged.
+  static std::optional<UnitContents<Traits>> unitContents(AgentMemory& memory, Asic::UnitId unit,
+                                                          bool withEntries) {
+    for (int attempt = 1;; ++attempt) {
+      try {
+        return memory.unit<Traits>(unit, withEntries);
+      } catch (const Nimbo::Exception&) {
+        if (attempt == 5) throw;
+        std::this_thread::sleep_for(std::chrono::microseconds(100));
+      }
+    }
+  }
+  static bool hasColumn(const std::vector<Column>& columns, std::string_view name) {
+    return std::any_of(columns.begin(), columns.end(),
+                       [&](const Column& c) { return c.name == name; });
+  }
+  static std::string names(const std::vector<Column>& columns,
+                           std::span<const std::string_view> more) {
+    std::string list;
+    for (std::string_view n : more) list.append(list.empty() ? "" : ", ").append(n);
+    for (const Column& c : columns) list.append(list.empty() ? "" : ", ").append(c.name);
+    return list;
+  }
+  static gnmi::Path appendState(gnmi::Path path) {
+    path.add_elem()->set_name("state");
+    return path;
+  }
+
+  static std::vector<std::pair<std::string, std::string>> keyFieldsOf(const EntryKey& key) {
+    std::vector<std::pair<std::string, std::string>> fields;
+    for (const Column& c : keyColumns()) fields.emplace_back(c.name, c.text(&key));
+    return fields;
+  }
+  static bool keyMatches(const std::vector<std::pair<std::string, std::string>>& keyFields,
+                         const PathSelector& s) {
+    for (const auto& [name, text] : s.keyFields) {
+      for (const auto& [n, t] : keyFields) {
+        if (n == name && t != text) return false;
+      }
+    }
+    return true;
+  }
+
+  Node entryNode(uint16_t unit, const std::vector<std::pair<std::string, std::string>>& keyFields,
+                 const LogEntry& logEntry, uint64_t version, std::optional<bool> inHardware) {
+    Node node{entryPath(Traits::tableName, unit, keyFields), {}};
+    node.leaves.push_back({"version", version});
+    if (inHardware) node.leaves.push_back({"inHardware", *inHardware});
+    const auto entry = VeskTapAgg::entryOf(logEntry);
+    for (const Column& c : entryColumns()) node.leaves.push_back({c.name, leafValueOf(c, &entry)});
+    return node;
+  }
+
+  // The change of log record `c`; null when its value was overwritten since (it is then
+  // counted in the next change of its entry).
+  ChangePtr changeOf(AgentMemory& memory, const LogShardEntry& c, Superseded& superseded) {
+    auto change = std::make_shared<EntryChange>();
+    change->table = index_;
+    change->version = c.logVersion.value();
+    change->unit = c.unitId.value();
+    const auto kind = VeskTapAgg::DeleteKind(c.deleteKind);
+    if (kind == VeskTapAgg::DeleteKind::unitDelete) {
+      change->kind = EntryChange::Kind::clearUnit;
+      change->node.path = unitPath(Traits::tableName, change->unit);
+      change->node.path.add_elem()->set_name("entries");
+      std::erase_if(superseded, [&](const auto& s) { return s.first.first == change->unit; });
+      return change;
+    }
+    const std::pair<uint16_t, std::string> id{
+        change->unit, std::string(reinterpret_cast<const char*>(&c.key), sizeof c.key)};
+    change->keyFields = keyFieldsOf(c.key);
+    if (kind == VeskTapAgg::DeleteKind::write) {
+      const auto record = memory.configRecord<Traits>(c.unitId, c.key);
+      if (!record || record->isDeleted || record->logVersion != c.logVersion) {
+        ++superseded[id];
+        return nullptr;
+      }
+      change->node = entryNode(change->unit, change->keyFields, record->logEntry, change->version,
+                               std::nullopt);
+    } else {
+      change->kind = EntryChange::Kind::remove;
+      change->node.path = entryPath(Traits::tableName, change->unit, change->keyFields);
+    }
+    if (const auto it = superseded.find(id); it != superseded.end()) {
+      change->duplicates = it->second;
+      superseded.erase(it);
+    }
+    return change;
+  }
+
+  std::string dropped(uint64_t tableVersion) {
+    const std::string why = fmt::format(
+        "changes {} to {} of {} were taken by the hardware side and dropped from the change log "
+        "before this target read them",
+        position_ + 1, tableVersion, Traits::tableName);
+    restartAt(tableVersion);
+    superseded_.clear();
+    return why;
+  }
+
+  size_t index_;
+  size_t history_;
+  Superseded superseded_;
+};
+
+}  // namespace
+
+GnmiReader::GnmiReader(size_t history) : history_(history) {
+  forEachTable([&]<class Traits>(size_t t) {
+    tables_.push_back(std::make_unique<TableOf<Traits>>(t, history_));
+  });
+}
+
+GnmiReader::~GnmiReader() = default;
+
+AgentMemory* GnmiReader::memory() {
+  // A new agent may have made its memory anew: then it is opened anew too.
+  const auto counters = AgentCounters::read();
+  const int pid = counters ? int(counters->pid) : 0;
+  if (memory_ && pid != agentPid_) memory_.reset();
+  agentPid_ = pid;
+  if (!memory_) {
+    try {
+      memory_ = std::make_unique<AgentMemory>();
+    } catch (const NoAgentMemoryError&) {
+      return nullptr;
+    }
+  }
+  return memory_.get();
+}
+
+void GnmiReader::check(const PathSelector& s) const {
+  std::string why;
+  for (size_t t = 0; t < tables_.size(); ++t) {
+    if (!s.selectsTable(t)) continue;
+    why = tables_[t]->misfit(s);
+    if (why.empty()) return;
+  }
+  if (s.parts == PathSelector::agentState) return;
+  throw GnmiError(grpc::StatusCode::INVALID_ARGUMENT, why);
+}
+
+std::vector<Node> GnmiReader::snapshot(const PathSelector& s) {
+  std::vector<Node> nodes;
+  AgentMemory* m = memory();
+  if (s.has(PathSelector::agentState)) {
+    const auto counters = AgentCounters::read();
+    const bool running = counters && counters->running;
+    nodes.push_back({agentStatePath(),
+                     {{"status", std::string(!m        ? "absent"
+                                             : running ? "running"
+                                                       : "stopped")},
+                      {"running", running},
+                      {"pid", uint64_t(counters ? counters->pid : 0)}}});
+  }
+  if (!m) return nodes;
+  for (size_t t = 0; t < tables_.size(); ++t) {
+    if (s.selectsTable(t) && tables_[t]->misfit(s).empty()) tables_[t]->snapshot(*m, s, nodes);
+  }
+  return nodes;
+}
+
+GnmiReader::Poll GnmiReader::poll() {
+  Poll p;
+  AgentMemory* m = memory();
+  if (!m) return p;
+  for (size_t t = 0; t < tables_.size(); ++t) {
+    try {
+      if (auto why = tables_[t]->poll(*m, p.changes)) p.resyncs.emplace_back(t, std::move(*why));
+    } catch (const Nimbo::Exception&) {
+      // A record being written or damage: read again at the next poll.
+    }
+  }
+  return p;
+}
+
+Replay GnmiReader::replay(size_t table, uint64_t since) {
+  return tables_.at(table)->replay(memory(), since);
+}
+
+uint64_t GnmiReader::position(size_t table) const { return tables_.at(table)->position(); }
+
+}  // namespace VeskTool

@@ -1,0 +1,83 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "tools/core/AgentMemory.h"
+#include "tools/gnmi/GnmiPath.h"
+
+namespace VeskTool {
+
+// One change of an entry as the change log ordered it: a write (its entry as written), a
+// delete, or the delete of every entry of a unit (`node.path` is then the unit's
+// entries). Made once by the reader and shared by every stream that sends it.
+struct EntryChange {
+  enum class Kind : uint8_t { write, remove, clearUnit };
+  size_t table = 0;
+  uint64_t version = 0;
+  uint16_t unit = 0;
+  Kind kind = Kind::write;
+  std::vector<std::pair<std::string, std::string>> keyFields;  // empty for clearUnit
+  Node node;
+  // Earlier changes of the same entry that the log held but whose values were already
+  // overwritten when the reader came to them: told here instead of sent.
+  uint32_t duplicates = 0;
+
+  // Whether `selector` reaches this change.
+  bool selectedBy(const PathSelector& selector) const;
+};
+using ChangePtr = std::shared_ptr<const EntryChange>;
+
+// What a table type's changes since a version are, for a stream that resumes there.
+struct Replay {
+  std::vector<ChangePtr> changes;  // in version order
+  std::string resync;              // not empty: the changes are not all known; why, for the stream
+};
+
+// The target's view of the shared-memory root: snapshots of the tree and, per table type,
+// the changes in version order with the newest of them kept for streams that resume. Reads
+// only (mounts read-only as `vesktap show` does); follows the agent through restarts
+// (the change log and configurations stay where they are) and reopens the root when the
+// agent's memory is made anew. Owned by the target's reader thread; single-threaded.
+class GnmiReader {
+ public:
+  // `history`: changes kept per table type for streams that resume.
+  explicit GnmiReader(size_t history);
+  ~GnmiReader();
+
+  // Checks the table-dependent parts of `selector` (entry key fields and leaves); throws
+  // GnmiError INVALID_ARGUMENT naming the valid ones.
+  void check(const PathSelector& selector) const;
+  // The containers `selector` reaches now, in tree order.
+  std::vector<Node> snapshot(const PathSelector& selector);
+
+  // Reads what each table type's change log holds beyond what was read before: the new
+  // changes, in version order per table. A table whose changes were dropped before they
+  // were read (taken by the hardware side and cleaned up), or whose versions went back (its
+  // memory cleared or wiped), is in `resyncs` with why; its changes start again there.
+  struct Poll {
+    std::vector<ChangePtr> changes;
+    std::vector<std::pair<size_t, std::string>> resyncs;
+  };
+  Poll poll();
+  // The changes of table `table` after `since`, from what was kept or the change log.
+  Replay replay(size_t table, uint64_t since);
+  // The newest version read of table `table`.
+  uint64_t position(size_t table) const;
+
+  class Table;  // one table type's follower (GnmiReader.cpp)
+
+ private:
+  AgentMemory* memory();  // null while the root holds no agent's memory
+
+  size_t history_;
+  std::unique_ptr<AgentMemory> memory_;
+  int agentPid_ = 0;
+  std::vector<std::unique_ptr<Table>> tables_;  // by catalogue index
+};
+
+}  // namespace VeskTool
