@@ -45,10 +45,14 @@ class Target:
         return self
 
     def __exit__(self, *_):
-        if self.process.poll() is None:
+        died = self.process.poll()
+        if died is None:
             self.process.send_signal(signal.SIGTERM)
         self.status = self.process.wait(timeout=10)
+        said = self.process.stderr.read()
         self.process.stderr.close()
+        assert died is None and self.status == 128 + signal.SIGTERM, \
+            f"the target ended with {self.status}: {said}"
 
 
 def call(channel, method, request):
@@ -72,7 +76,6 @@ def test_capabilities_and_set_in_plaintext():
                 raise AssertionError("Set was served")
             except grpc.RpcError as error:
                 assert error.code() == grpc.StatusCode.UNIMPLEMENTED, error
-    assert target.status == 128 + signal.SIGTERM
 
 
 def refused(*args):
@@ -338,11 +341,15 @@ class Collector:
 
 class Mirror:
     """What a collector builds from a stream: {(unit, priority): version}, the newest
-    version seen, and every change's version in arrival order."""
+    version seen, and every change in arrival order as (version, entry, written)."""
 
     def __init__(self):
-        self.entries, self.versions, self.newest, self.resyncs, self.synced = {}, [], 0, [], False
+        self.entries, self.changes, self.newest, self.resyncs, self.synced = {}, [], 0, [], False
         self.resyncing = False
+
+    @property
+    def versions(self):
+        return [version for version, _, _ in self.changes]
 
     def apply(self, response):
         if response.sync_response:
@@ -355,19 +362,23 @@ class Mirror:
             self.resyncing = bool(named["resync"])
             if self.resyncing:
                 self.resyncs.append(named["resync"])
+        version = named.get("version", named.get("committedVersion"))
+        changed = None
         for deleted in n.delete:
             if deleted.elem[-1].name == "units":
                 self.entries.clear()
             elif deleted.elem[-1].name == "entries":
                 unit = entry_id_unit(deleted)
                 self.entries = {k: v for k, v in self.entries.items() if k[0] != unit}
+                changed = (("unit", unit), False)
             else:
+                changed = (entry_id(deleted), False)
                 self.entries.pop(entry_id(deleted), None)
-        version = named.get("version", named.get("committedVersion"))
         if n.prefix.elem and n.prefix.elem[-1].name == "entry":
             self.entries[entry_id(n.prefix)] = version
-        if version is not None and self.synced and not self.resyncing:
-            self.versions.append(version)
+            changed = (entry_id(n.prefix), True)
+        if changed and self.synced and not self.resyncing:
+            self.changes.append((version, *changed))
         if version is not None:
             self.newest = max(self.newest, version)
 
@@ -388,9 +399,14 @@ def entry_id_unit(path):
     return int(next(e.key["id"] for e in path.elem if e.name == "unit"))
 
 
-def assert_in_order(versions):
-    assert versions == sorted(versions) and len(set(versions)) == len(versions), \
-        "changes out of order or repeated"
+def assert_in_order(changes):
+    """Versions never go back and no change comes twice. A write carries its entry's
+    version, unique; a delete the table's committed version, which several may share."""
+    versions = [version for version, _, _ in changes]
+    assert versions == sorted(versions), "changes out of order"
+    assert len(set(changes)) == len(changes), "a change repeated"
+    writes = [version for version, _, written in changes if written]
+    assert len(set(writes)) == len(writes), "a version written twice"
 
 
 def test_a_stream_sees_every_change_through_an_agent_restart():
@@ -410,16 +426,18 @@ def test_a_stream_sees_every_change_through_an_agent_restart():
         agent.wait()
         root.agent("--seed", "3", changes=2000)
         end = committed(stub)
-        mirror.follow(collector, lambda m: m.newest >= end and not m.resyncing)
-        collector.close()
-        # Changes the hardware side took and the agent cleaned up before the target read
-        # them come as a resync, said in the stream; everything else comes change by change.
-        assert_in_order(mirror.versions)
-        assert all("dropped from the change log" in why for why in mirror.resyncs), mirror.resyncs
         shown = root.shown_entries()
-        assert mirror.entries == shown, (
-            {k: (v, shown.get(k)) for k, v in mirror.entries.items() if shown.get(k) != v},
-            {k: v for k, v in shown.items() if k not in mirror.entries})
+        try:
+            mirror.follow(collector, lambda m: m.newest >= end and m.entries == shown)
+        finally:
+            collector.close()
+            assert mirror.entries == shown, (
+                {k: (v, shown.get(k)) for k, v in mirror.entries.items() if shown.get(k) != v},
+                {k: v for k, v in shown.items() if k not in mirror.entries})
+        # Changes the hardware side took and the agent cleaned up before the target read
+        # them come from the configurations, still as changes: never a resync.
+        assert_in_order(mirror.changes)
+        assert not mirror.resyncs, mirror.resyncs
         assert mirror.versions[0] > start and mirror.newest == end
 
 
@@ -449,14 +467,14 @@ def test_a_collector_resumes_from_a_version_across_a_target_restart():
             # it kept.
             collector.close()
             assert not mirror.resyncs, mirror.resyncs
-            assert_in_order(mirror.versions)
+            assert_in_order(mirror.changes)
             assert mirror.versions[0] == seen + 1 or mirror.versions[0] > seen
             again = Collector(stub, f"/tables/table[name={Root.TABLE}][since={seen}]")
             second = Mirror()
             second.synced = True
             second.follow(again, lambda m: m.newest >= end)
             again.close()
-            assert second.versions == mirror.versions
+            assert second.changes == mirror.changes
             # A version before anything the target or the log holds: said, then resent.
             root.agent("--seed", "5", changes=100)
             old = Collector(stub, f"/tables/table[name={Root.TABLE}][since=1]")
@@ -491,7 +509,7 @@ def test_a_stalled_collector_does_not_slow_another():
         shown = {k: v for k, v in root.shown_entries().items() if k[1] == 7}
         mirror.follow(collector, lambda m: m.entries == shown and not m.resyncing)
         collector.close()
-        assert_in_order(mirror.versions)
+        assert_in_order(mirror.changes)
         # The stalled one is ended by the target (RESOURCE_EXHAUSTED once its queue overflows,
         # or cancelled when its RPC is stuck in a write), or is still buffered by the client.
         stalled.cancel()

@@ -10,8 +10,6 @@
 #include <bit>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -46,8 +44,15 @@ size_t fileBytes(size_t units) { return unitWord(units, kTableCount, 0) * sizeof
 // it names a process even after the pid is reused. Nothing when no such process runs (a
 // zombie has ended).
 std::optional<uint64_t> processStart(pid_t pid) {
-  std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-  const std::string stat((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  // Read with read(2): the file of a process that ends while it is read fails with ESRCH,
+  // which an ifstream would throw as an ios failure.
+  const int fd = ::open(("/proc/" + std::to_string(pid) + "/stat").c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::array<char, 1024> buffer;
+  const ssize_t got = ::read(fd, buffer.data(), buffer.size());
+  ::close(fd);
+  if (got <= 0) return std::nullopt;
+  const std::string stat(buffer.data(), size_t(got));
   const size_t name = stat.rfind(')');
   if (name == std::string::npos) return std::nullopt;
   std::istringstream fields(stat.substr(name + 1));

@@ -78,6 +78,16 @@ std::optional<typename Traits::ConfigShardEntry> AgentMemory::configRecord(
   return typename Traits::ConfigShardEntry(*record);
 }
 
+template <class Traits>
+bool AgentMemory::forEachConfigRecord(
+    Asic::UnitId unit,
+    const std::function<void(const typename Traits::ConfigShardEntry&)>& visit) const {
+  auto config = mountConfig<Traits>(em_, unit);
+  if (!config) return false;
+  config->swTableEntriesColl().forEach(visit);
+  return true;
+}
+
 std::optional<Asic::LogVersion> AgentMemory::hardwareTaken(Asic::SwTableId tableId) const {
   const auto group =
       VeskTapAgg::TableConstants<VeskTapAgg::DefaultFwdTcamEntryTraits>::canonicalGroupName();
@@ -150,18 +160,21 @@ std::optional<std::vector<TcamLine<Traits>>> AgentMemory::tcamLines(Asic::UnitId
   return lines;
 }
 
-#define VESK_TOOL_AGENT_MEMORY(Name, ...)                                                     \
-  template std::optional<ChangeLogSummary> AgentMemory::changeLog<VeskTapAgg::Name##Traits>() \
-      const;                                                                                  \
-  template std::vector<Asic::UnitId> AgentMemory::units<VeskTapAgg::Name##Traits>() const;    \
-  template std::optional<LoggedChanges<VeskTapAgg::Name##Traits>>                             \
-      AgentMemory::changesAfter<VeskTapAgg::Name##Traits>(uint64_t, size_t) const;            \
-  template std::optional<VeskTapAgg::Name##Traits::ConfigShardEntry>                          \
-  AgentMemory::configRecord<VeskTapAgg::Name##Traits>(                                        \
-      Asic::UnitId, const VeskTapAgg::Name##Traits::EntryKey&) const;                         \
-  template std::optional<UnitContents<VeskTapAgg::Name##Traits>>                              \
-  AgentMemory::unit<VeskTapAgg::Name##Traits>(Asic::UnitId, bool) const;                      \
-  template std::optional<std::vector<TcamLine<VeskTapAgg::Name##Traits>>>                     \
+#define VESK_TOOL_AGENT_MEMORY(Name, ...)                                                          \
+  template std::optional<ChangeLogSummary> AgentMemory::changeLog<VeskTapAgg::Name##Traits>()      \
+      const;                                                                                       \
+  template std::vector<Asic::UnitId> AgentMemory::units<VeskTapAgg::Name##Traits>() const;         \
+  template std::optional<LoggedChanges<VeskTapAgg::Name##Traits>>                                  \
+      AgentMemory::changesAfter<VeskTapAgg::Name##Traits>(uint64_t, size_t) const;                 \
+  template std::optional<VeskTapAgg::Name##Traits::ConfigShardEntry>                               \
+  AgentMemory::configRecord<VeskTapAgg::Name##Traits>(                                             \
+      Asic::UnitId, const VeskTapAgg::Name##Traits::EntryKey&) const;                              \
+  template bool AgentMemory::forEachConfigRecord<VeskTapAgg::Name##Traits>(                        \
+      Asic::UnitId, const std::function<void(const VeskTapAgg::Name##Traits::ConfigShardEntry&)>&) \
+      const;                                                                                       \
+  template std::optional<UnitContents<VeskTapAgg::Name##Traits>>                                   \
+  AgentMemory::unit<VeskTapAgg::Name##Traits>(Asic::UnitId, bool) const;                           \
+  template std::optional<std::vector<TcamLine<VeskTapAgg::Name##Traits>>>                          \
       AgentMemory::tcamLines<VeskTapAgg::Name##Traits>(Asic::UnitId) const;
 VESK_TAPAGG_TABLES(VESK_TOOL_AGENT_MEMORY)
 #undef VESK_TOOL_AGENT_MEMORY

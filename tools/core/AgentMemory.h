@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -86,6 +87,13 @@ class AgentMemory {
   template <class Traits>
   std::optional<typename Traits::ConfigShardEntry> configRecord(
       Asic::UnitId unit, const typename Traits::EntryKey& key) const;
+  // Calls `visit` with every record of the unit's configuration (tombstones too), in
+  // collection order; false when the unit has no configuration. Throws Nimbo::Exception for
+  // a damaged configuration.
+  template <class Traits>
+  bool forEachConfigRecord(
+      Asic::UnitId unit,
+      const std::function<void(const typename Traits::ConfigShardEntry&)>& visit) const;
   // The version the hardware side has recorded as taken for the table type, if any.
   std::optional<Asic::LogVersion> hardwareTaken(Asic::SwTableId tableId) const;
   // The units that have a configuration of the table type, in the namespace's order.

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <map>
 #include <thread>
+#include <unordered_set>
 
 #include <fmt/format.h>
 
@@ -181,29 +182,36 @@ class TableOf final : public GnmiReader::Table {
     if (!read) return std::nullopt;  // not used yet
     if (!seen_) {
       // Streams start from what is there now; earlier changes come from the log itself.
+      startAt(memory, read->tableVersion);
       seen_ = true;
-      restartAt(read->tableVersion);
       return std::nullopt;
     }
     if (read->tableVersion < position_) {
       const std::string why = fmt::format(
           "the table's version went back from {} to {}: its memory was cleared or made anew",
           position_, read->tableVersion);
-      restartAt(read->tableVersion);
-      superseded_.clear();
+      startAt(memory, read->tableVersion);
       return why;
     }
+    bool gap = false;
     for (const LogShardEntry& c : read->changes) {
-      if (c.logVersion.value() != position_ + 1) return dropped(read->tableVersion);
+      if (c.logVersion.value() > read->tableVersion) break;  // read at the next poll
+      gap = c.logVersion.value() != position_ + 1;
+      if (gap) break;
       if (ChangePtr change = changeOf(memory, c, superseded_)) {
-        out.push_back(change);
-        keep(change, history_);
+        std::string id = idOf(c.unitId.value(), c.key);
+        // The delete of an entry never told (its write was overwritten before it was read)
+        // is not told either.
+        if (change->kind != EntryChange::Kind::remove || live_.contains(id)) {
+          tell(change, std::move(id), out);
+        }
       }
       position_ = c.logVersion.value();
     }
-    // Versions committed that the log no longer holds: cleaned up before they were read.
-    if (read->changes.empty() && read->tableVersion > position_) {
-      return dropped(read->tableVersion);
+    // Versions committed that the log no longer holds were taken by the hardware side and
+    // cleaned up before they were read: what they did is read from the configurations.
+    if (gap || (position_ < read->tableVersion && read->changes.size() < kReadAtOnce)) {
+      catchUp(memory, read->tableVersion, out);
     }
     return std::nullopt;
   }
@@ -317,53 +325,170 @@ class TableOf final : public GnmiReader::Table {
   // The change of log record `c`; null when its value was overwritten since (it is then
   // counted in the next change of its entry).
   ChangePtr changeOf(AgentMemory& memory, const LogShardEntry& c, Superseded& superseded) {
-    auto change = std::make_shared<EntryChange>();
-    change->table = index_;
-    change->version = c.logVersion.value();
-    change->unit = c.unitId.value();
+    const uint16_t unit = c.unitId.value();
     const auto kind = VeskTapAgg::DeleteKind(c.deleteKind);
     if (kind == VeskTapAgg::DeleteKind::unitDelete) {
+      auto change = std::make_shared<EntryChange>();
+      change->table = index_;
+      change->version = c.logVersion.value();
+      change->unit = unit;
       change->kind = EntryChange::Kind::clearUnit;
-      change->node.path = unitPath(Traits::tableName, change->unit);
+      change->node.path = unitPath(Traits::tableName, unit);
       change->node.path.add_elem()->set_name("entries");
-      std::erase_if(superseded, [&](const auto& s) { return s.first.first == change->unit; });
+      std::erase_if(superseded, [&](const auto& s) { return s.first.first == unit; });
       return change;
     }
     const std::pair<uint16_t, std::string> id{
-        change->unit, std::string(reinterpret_cast<const char*>(&c.key), sizeof c.key)};
-    change->keyFields = keyFieldsOf(c.key);
+        unit, std::string(reinterpret_cast<const char*>(&c.key), sizeof c.key)};
+    std::optional<typename Traits::ConfigShardEntry> record;
     if (kind == VeskTapAgg::DeleteKind::write) {
-      const auto record = memory.configRecord<Traits>(c.unitId, c.key);
+      record = memory.configRecord<Traits>(c.unitId, c.key);
       if (!record || record->isDeleted || record->logVersion != c.logVersion) {
         ++superseded[id];
         return nullptr;
       }
-      change->node = entryNode(change->unit, change->keyFields, record->logEntry, change->version,
-                               std::nullopt);
+    }
+    uint32_t duplicates = 0;
+    if (const auto it = superseded.find(id); it != superseded.end()) {
+      duplicates = it->second;
+      superseded.erase(it);
+    }
+    return entryChange(unit, c.logVersion.value(), c.key, record ? &record->logEntry : nullptr,
+                       duplicates);
+  }
+
+  // A write of `logEntry` to its entry, or with none the delete of entry `key`.
+  ChangePtr entryChange(uint16_t unit, uint64_t version, const EntryKey& key,
+                        const LogEntry* logEntry, uint32_t duplicates = 0) {
+    auto change = std::make_shared<EntryChange>();
+    change->table = index_;
+    change->version = version;
+    change->unit = unit;
+    change->keyFields = keyFieldsOf(key);
+    change->duplicates = duplicates;
+    if (logEntry) {
+      change->node = entryNode(unit, change->keyFields, *logEntry, version, std::nullopt);
     } else {
       change->kind = EntryChange::Kind::remove;
-      change->node.path = entryPath(Traits::tableName, change->unit, change->keyFields);
-    }
-    if (const auto it = superseded.find(id); it != superseded.end()) {
-      change->duplicates = it->second;
-      superseded.erase(it);
+      change->node.path = entryPath(Traits::tableName, unit, change->keyFields);
     }
     return change;
   }
 
-  std::string dropped(uint64_t tableVersion) {
-    const std::string why = fmt::format(
-        "changes {} to {} of {} were taken by the hardware side and dropped from the change log "
-        "before this target read them",
-        position_ + 1, tableVersion, Traits::tableName);
-    restartAt(tableVersion);
+  // The entry's identity in live_: its unit's two bytes and its key's bytes.
+  static std::string idOf(uint16_t unit, const EntryKey& key) {
+    std::string id(sizeof unit + sizeof key, '\0');
+    std::memcpy(id.data(), &unit, sizeof unit);
+    std::memcpy(id.data() + sizeof unit, &key, sizeof key);
+    return id;
+  }
+
+  // Sends `change` (to the entry `id`; none for a unit cleared) and keeps live_ as the
+  // streams now hold the table.
+  void tell(const ChangePtr& change, std::string id, std::vector<ChangePtr>& out) {
+    switch (change->kind) {
+      case EntryChange::Kind::write:
+        live_.insert(std::move(id));
+        break;
+      case EntryChange::Kind::remove:
+        live_.erase(id);
+        break;
+      case EntryChange::Kind::clearUnit:
+        std::erase_if(live_, [&](const std::string& id) {
+          return std::memcmp(id.data(), &change->unit, sizeof change->unit) == 0;
+        });
+        break;
+    }
+    out.push_back(change);
+    keep(change, history_);
+  }
+
+  // Calls `visit(unit, record)` for every configuration record of every unit. A record the
+  // agent is writing right now reads as damaged for that moment: the walk is made again
+  // before the damage is thrown.
+  template <class Visit>
+  static void walkConfigurations(AgentMemory& memory, Visit visit) {
+    for (Asic::UnitId unit : memory.units<Traits>()) {
+      for (int attempt = 1;; ++attempt) {
+        try {
+          memory.forEachConfigRecord<Traits>(
+              unit, [&](const typename Traits::ConfigShardEntry& r) { visit(unit.value(), r); });
+          break;
+        } catch (const Nimbo::Exception&) {
+          if (attempt == 5) throw;
+          std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+      }
+    }
+  }
+
+  // Follows the table from `version` on, with live_ as the configurations hold it there.
+  void startAt(AgentMemory& memory, uint64_t version) {
+    std::unordered_set<std::string> live;
+    walkConfigurations(memory, [&](uint16_t unit, const auto& r) {
+      if (!r.isDeleted && r.logVersion.value() <= version)
+        live.insert(idOf(unit, r.logEntry.key()));
+    });
+    live_ = std::move(live);
+    restartAt(version);
     superseded_.clear();
-    return why;
+  }
+
+  // Tells the changes up to `tableVersion` that the change log dropped before they were
+  // read, as the configurations show them: every entry written since position_ as a write
+  // with its version, in version order, then every entry the streams hold that is gone now
+  // as a delete (with its version while its tombstone lasts, else `tableVersion`). Writes
+  // overwritten in between are not known. A walk that meets damage throws and changes
+  // nothing; the next poll tries again.
+  void catchUp(AgentMemory& memory, uint64_t tableVersion, std::vector<ChangePtr>& out) {
+    struct Found {
+      uint64_t version;
+      uint16_t unit;
+      bool deleted;
+      LogEntry logEntry;
+    };
+    std::vector<Found> found;
+    std::unordered_set<std::string> present;
+    walkConfigurations(memory, [&](uint16_t unit, const auto& r) {
+      const uint64_t v = r.logVersion.value();
+      if (v > tableVersion) {
+        // Written while this walk ran: its change is read at a later poll; the entry is
+        // not gone.
+        present.insert(idOf(unit, r.logEntry.key()));
+        return;
+      }
+      if (!r.isDeleted) present.insert(idOf(unit, r.logEntry.key()));
+      if (v > position_) found.push_back({v, unit, bool(r.isDeleted), r.logEntry});
+    });
+    std::sort(found.begin(), found.end(),
+              [](const Found& a, const Found& b) { return a.version < b.version; });
+    for (const Found& f : found) {
+      std::string id = idOf(f.unit, f.logEntry.key());
+      if (f.deleted && !live_.contains(id)) continue;
+      tell(entryChange(f.unit, f.version, f.logEntry.key(), f.deleted ? nullptr : &f.logEntry),
+           std::move(id), out);
+    }
+    std::vector<std::string> gone;
+    for (const std::string& id : live_) {
+      if (!present.contains(id)) gone.push_back(id);
+    }
+    for (std::string& id : gone) {
+      uint16_t unit;
+      EntryKey key;
+      std::memcpy(&unit, id.data(), sizeof unit);
+      std::memcpy(&key, id.data() + sizeof unit, sizeof key);
+      tell(entryChange(unit, tableVersion, key, nullptr), std::move(id), out);
+    }
+    position_ = tableVersion;
+    superseded_.clear();
   }
 
   size_t index_;
   size_t history_;
   Superseded superseded_;
+  // The entries the streams hold as live at position_ (idOf): the configurations alone do
+  // not show an entry whose delete was cleaned up with its tombstone.
+  std::unordered_set<std::string> live_;
 };
 
 }  // namespace

@@ -56,9 +56,11 @@ class GnmiReader {
   std::vector<Node> snapshot(const PathSelector& selector);
 
   // Reads what each table type's change log holds beyond what was read before: the new
-  // changes, in version order per table. A table whose changes were dropped before they
-  // were read (taken by the hardware side and cleaned up), or whose versions went back (its
-  // memory cleared or wiped), is in `resyncs` with why; its changes start again there.
+  // changes, in version order per table. Changes the hardware side took and the agent
+  // cleaned up before they were read are told from the configurations instead (their
+  // entries' newest values; writes overwritten in between are not known). A table whose
+  // versions went back (its memory cleared or made anew) is in `resyncs` with why; its
+  // changes start again there.
   struct Poll {
     std::vector<ChangePtr> changes;
     std::vector<std::pair<size_t, std::string>> resyncs;
