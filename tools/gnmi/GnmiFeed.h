@@ -19,8 +19,6 @@
 
 namespace VeskTool {
 
-using Clock = std::chrono::steady_clock;
-
 // One subscription of a stream, as the collector asked for it.
 struct StreamSubscription {
   PathSelector selector;

@@ -236,6 +236,12 @@ gnmi::Encoding checkedEncoding(gnmi::Encoding encoding) {
 gnmi::Notification notificationOf(const Node& node, gnmi::Encoding encoding, std::string_view leaf,
                                   int64_t timestamp, uint32_t duplicates) {
   gnmi::Notification n;
+  fillNotification(n, node, encoding, leaf, timestamp, duplicates);
+  return n;
+}
+
+void fillNotification(gnmi::Notification& n, const Node& node, gnmi::Encoding encoding,
+                      std::string_view leaf, int64_t timestamp, uint32_t duplicates) {
   n.set_timestamp(timestamp);
   *n.mutable_prefix() = node.path;
   if (encoding == gnmi::PROTO) {
@@ -248,7 +254,7 @@ gnmi::Notification notificationOf(const Node& node, gnmi::Encoding encoding, std
       if (leaf.empty()) j[std::string(l.name)] = jsonOf(l.value);
       if (l.name == leaf) j = jsonOf(l.value);
     }
-    if (!leaf.empty() && j.is_object()) return n;  // not one of the node's leaves
+    if (!leaf.empty() && j.is_object()) return;  // not one of the node's leaves
     gnmi::Update* u = n.add_update();
     if (!leaf.empty()) u->mutable_path()->add_elem()->set_name(std::string(leaf));
     const std::string text = j.dump();
@@ -261,7 +267,6 @@ gnmi::Notification notificationOf(const Node& node, gnmi::Encoding encoding, std
   if (duplicates > 0) {
     for (auto& u : *n.mutable_update()) u.set_duplicates(duplicates);
   }
-  return n;
 }
 
 int64_t nowNs() {

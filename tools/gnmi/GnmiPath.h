@@ -103,7 +103,10 @@ std::string pathText(const gnmi::Path& path);
 gnmi::Encoding checkedEncoding(gnmi::Encoding encoding);
 
 // The notification of a node: prefix the node's path, its leaves (or only `leaf`) as
-// updates in `encoding`. Empty (no update) when `leaf` is not one of the node's.
+// updates in `encoding`. Empty (no update) when `leaf` is not one of the node's. The first
+// form fills `n` (a message on an arena, say), which must be empty.
+void fillNotification(gnmi::Notification& n, const Node& node, gnmi::Encoding encoding,
+                      std::string_view leaf, int64_t timestamp, uint32_t duplicates = 0);
 gnmi::Notification notificationOf(const Node& node, gnmi::Encoding encoding, std::string_view leaf,
                                   int64_t timestamp, uint32_t duplicates = 0);
 

@@ -1,11 +1,12 @@
 #include "tools/gnmi/GnmiReader.h"
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstring>
 #include <map>
 #include <thread>
-#include <unordered_set>
+#include <unordered_map>
 
 #include <fmt/format.h>
 
@@ -41,16 +42,18 @@ double percent(uint64_t used, uint64_t capacity) {
 
 }  // namespace
 
-bool EntryChange::selectedBy(const PathSelector& selector) const {
+bool EntryChange::selectedBy(const PathSelector& selector, std::optional<Shown>& shown) const {
   if (!selector.has(PathSelector::entries) || !selector.selectsTable(table) ||
       !selector.selectsUnit(unit)) {
     return false;
   }
   for (const auto& wanted : selector.keyFields) {
-    const auto field = std::find_if(keyFields.begin(), keyFields.end(),
+    if (!shown) shown = show();
+    const auto& fields = shown->keyFields;
+    const auto field = std::find_if(fields.begin(), fields.end(),
                                     [&](const auto& f) { return f.first == wanted.first; });
     // A unit cleared reaches every entry of it.
-    if (field != keyFields.end() ? field->second != wanted.second : kind != Kind::clearUnit)
+    if (field != fields.end() ? field->second != wanted.second : kind != Kind::clearUnit)
       return false;
   }
   return true;
@@ -65,7 +68,9 @@ class GnmiReader::Table {
   virtual void snapshot(AgentMemory& memory, const PathSelector& selector,
                         std::vector<Node>& nodes) = 0;
   // Reads the new changes into `out`; a reason when the table must be sent anew instead.
-  virtual std::optional<std::string> poll(AgentMemory& memory, std::vector<ChangePtr>& out) = 0;
+  // `nextWalk`: when a walk of the configurations may start, shared by the tables.
+  virtual std::optional<std::string> poll(AgentMemory& memory, std::vector<ChangePtr>& out,
+                                          Clock::time_point& nextWalk) = 0;
   virtual Replay replay(AgentMemory* memory, uint64_t since) = 0;
   uint64_t position() const noexcept { return position_; }
 
@@ -95,8 +100,6 @@ class TableOf final : public GnmiReader::Table {
   using EntryKey = typename Traits::EntryKey;
   using LogEntry = typename Traits::LogEntry;
   using LogShardEntry = typename Traits::LogShardEntry;
-  // Changes whose values were overwritten before they were read, by unit and key bytes.
-  using Superseded = std::map<std::pair<uint16_t, std::string>, uint32_t>;
 
  public:
   TableOf(size_t index, size_t history) : index_(index), history_(history) {}
@@ -177,7 +180,8 @@ class TableOf final : public GnmiReader::Table {
     }
   }
 
-  std::optional<std::string> poll(AgentMemory& memory, std::vector<ChangePtr>& out) override {
+  std::optional<std::string> poll(AgentMemory& memory, std::vector<ChangePtr>& out,
+                                  Clock::time_point& nextWalk) override {
     const auto read = memory.changesAfter<Traits>(position_, kReadAtOnce);
     if (!read) return std::nullopt;  // not used yet
     if (!seen_) {
@@ -199,19 +203,24 @@ class TableOf final : public GnmiReader::Table {
       gap = c.logVersion.value() != position_ + 1;
       if (gap) break;
       if (ChangePtr change = changeOf(memory, c, superseded_)) {
-        std::string id = idOf(c.unitId.value(), c.key);
+        std::optional<Id> id;
+        if (change->kind != EntryChange::Kind::clearUnit) id.emplace(change->unit, c.key);
         // The delete of an entry never told (its write was overwritten before it was read)
         // is not told either.
-        if (change->kind != EntryChange::Kind::remove || live_.contains(id)) {
-          tell(change, std::move(id), out);
-        }
+        if (change->kind != EntryChange::Kind::remove || live_.contains(*id)) tell(change, id, out);
       }
       position_ = c.logVersion.value();
     }
     // Versions committed that the log no longer holds were taken by the hardware side and
     // cleaned up before they were read: what they did is read from the configurations.
-    if (gap || (position_ < read->tableVersion && read->changes.size() < kReadAtOnce)) {
+    // Walks take at most a quarter of the reader's time: until the next may start, the
+    // table waits at its gap.
+    const auto start = Clock::now();
+    if ((gap || (position_ < read->tableVersion && read->changes.size() < kReadAtOnce)) &&
+        start >= nextWalk) {
       catchUp(memory, read->tableVersion, out);
+      const auto end = Clock::now();
+      nextWalk = end + 3 * (end - start);
     }
     return std::nullopt;
   }
@@ -312,14 +321,63 @@ class TableOf final : public GnmiReader::Table {
     return true;
   }
 
-  Node entryNode(uint16_t unit, const std::vector<std::pair<std::string, std::string>>& keyFields,
-                 const LogEntry& logEntry, uint64_t version, std::optional<bool> inHardware) {
+  static Node entryNode(uint16_t unit,
+                        const std::vector<std::pair<std::string, std::string>>& keyFields,
+                        const LogEntry& logEntry, uint64_t version,
+                        std::optional<bool> inHardware) {
     Node node{entryPath(Traits::tableName, unit, keyFields), {}};
     node.leaves.push_back({"version", version});
     if (inHardware) node.leaves.push_back({"inHardware", *inHardware});
     const auto entry = VeskTapAgg::entryOf(logEntry);
     for (const Column& c : entryColumns()) node.leaves.push_back({c.name, leafValueOf(c, &entry)});
     return node;
+  }
+
+  // An entry: its unit and key, as bytes (hashed and compared as such).
+  struct Id {
+    std::array<char, sizeof(uint16_t) + sizeof(EntryKey)> bytes;
+    Id(uint16_t unit, const EntryKey& key) {
+      std::memcpy(bytes.data(), &unit, sizeof unit);
+      std::memcpy(bytes.data() + sizeof unit, &key, sizeof key);
+    }
+    uint16_t unit() const {
+      uint16_t u;
+      std::memcpy(&u, bytes.data(), sizeof u);
+      return u;
+    }
+    EntryKey key() const {
+      EntryKey k;
+      std::memcpy(&k, bytes.data() + sizeof(uint16_t), sizeof k);
+      return k;
+    }
+    bool operator==(const Id&) const = default;
+  };
+  struct IdHash {
+    size_t operator()(const Id& id) const noexcept {
+      return std::hash<std::string_view>()(std::string_view(id.bytes.data(), id.bytes.size()));
+    }
+  };
+  // Changes whose values were overwritten before they were read, by entry.
+  using Superseded = std::unordered_map<Id, uint32_t, IdHash>;
+
+  // Makes a change's key fields and node from its bytes.
+  static EntryChange::Shown render(const EntryChange& c) {
+    EntryChange::Shown shown;
+    if (c.kind == EntryChange::Kind::clearUnit) {
+      shown.node.path = unitPath(Traits::tableName, c.unit);
+      shown.node.path.add_elem()->set_name("entries");
+    } else if (c.kind == EntryChange::Kind::write) {
+      LogEntry logEntry;
+      std::memcpy(&logEntry, c.bytes.data(), sizeof logEntry);
+      shown.keyFields = keyFieldsOf(logEntry.key());
+      shown.node = entryNode(c.unit, shown.keyFields, logEntry, c.version, std::nullopt);
+    } else {
+      EntryKey key;
+      std::memcpy(&key, c.bytes.data(), sizeof key);
+      shown.keyFields = keyFieldsOf(key);
+      shown.node.path = entryPath(Traits::tableName, c.unit, shown.keyFields);
+    }
+    return shown;
   }
 
   // The change of log record `c`; null when its value was overwritten since (it is then
@@ -333,13 +391,11 @@ class TableOf final : public GnmiReader::Table {
       change->version = c.logVersion.value();
       change->unit = unit;
       change->kind = EntryChange::Kind::clearUnit;
-      change->node.path = unitPath(Traits::tableName, unit);
-      change->node.path.add_elem()->set_name("entries");
-      std::erase_if(superseded, [&](const auto& s) { return s.first.first == unit; });
+      change->render = &render;
+      std::erase_if(superseded, [&](const auto& s) { return s.first.unit() == unit; });
       return change;
     }
-    const std::pair<uint16_t, std::string> id{
-        unit, std::string(reinterpret_cast<const char*>(&c.key), sizeof c.key)};
+    const Id id(unit, c.key);
     std::optional<typename Traits::ConfigShardEntry> record;
     if (kind == VeskTapAgg::DeleteKind::write) {
       record = memory.configRecord<Traits>(c.unitId, c.key);
@@ -364,39 +420,29 @@ class TableOf final : public GnmiReader::Table {
     change->table = index_;
     change->version = version;
     change->unit = unit;
-    change->keyFields = keyFieldsOf(key);
     change->duplicates = duplicates;
+    change->render = &render;
     if (logEntry) {
-      change->node = entryNode(unit, change->keyFields, *logEntry, version, std::nullopt);
+      change->bytes.assign(reinterpret_cast<const char*>(logEntry), sizeof *logEntry);
     } else {
       change->kind = EntryChange::Kind::remove;
-      change->node.path = entryPath(Traits::tableName, unit, change->keyFields);
+      change->bytes.assign(reinterpret_cast<const char*>(&key), sizeof key);
     }
     return change;
   }
 
-  // The entry's identity in live_: its unit's two bytes and its key's bytes.
-  static std::string idOf(uint16_t unit, const EntryKey& key) {
-    std::string id(sizeof unit + sizeof key, '\0');
-    std::memcpy(id.data(), &unit, sizeof unit);
-    std::memcpy(id.data() + sizeof unit, &key, sizeof key);
-    return id;
-  }
-
-  // Sends `change` (to the entry `id`; none for a unit cleared) and keeps live_ as the
-  // streams now hold the table.
-  void tell(const ChangePtr& change, std::string id, std::vector<ChangePtr>& out) {
+  // Sends `change` (to entry `id`; none for a unit cleared) and keeps live_ as the streams
+  // now hold the table.
+  void tell(const ChangePtr& change, const std::optional<Id>& id, std::vector<ChangePtr>& out) {
     switch (change->kind) {
       case EntryChange::Kind::write:
-        live_.insert(std::move(id));
+        live_[*id] = epoch_;
         break;
       case EntryChange::Kind::remove:
-        live_.erase(id);
+        live_.erase(*id);
         break;
       case EntryChange::Kind::clearUnit:
-        std::erase_if(live_, [&](const std::string& id) {
-          return std::memcmp(id.data(), &change->unit, sizeof change->unit) == 0;
-        });
+        std::erase_if(live_, [&](const auto& l) { return l.first.unit() == change->unit; });
         break;
     }
     out.push_back(change);
@@ -424,10 +470,11 @@ class TableOf final : public GnmiReader::Table {
 
   // Follows the table from `version` on, with live_ as the configurations hold it there.
   void startAt(AgentMemory& memory, uint64_t version) {
-    std::unordered_set<std::string> live;
+    Live live;
     walkConfigurations(memory, [&](uint16_t unit, const auto& r) {
-      if (!r.isDeleted && r.logVersion.value() <= version)
-        live.insert(idOf(unit, r.logEntry.key()));
+      if (!r.isDeleted && r.logVersion.value() <= version) {
+        live.emplace(Id(unit, r.logEntry.key()), epoch_);
+      }
     });
     live_ = std::move(live);
     restartAt(version);
@@ -448,37 +495,37 @@ class TableOf final : public GnmiReader::Table {
       LogEntry logEntry;
     };
     std::vector<Found> found;
-    std::unordered_set<std::string> present;
+    // Entries of live_ still there are marked with this walk's epoch; the rest are gone.
+    const uint32_t epoch = epoch_ + 1;
+    std::vector<typename Live::iterator> marked;
     walkConfigurations(memory, [&](uint16_t unit, const auto& r) {
       const uint64_t v = r.logVersion.value();
-      if (v > tableVersion) {
-        // Written while this walk ran: its change is read at a later poll; the entry is
-        // not gone.
-        present.insert(idOf(unit, r.logEntry.key()));
-        return;
+      // Written while this walk ran (read at a later poll): the entry is not gone either.
+      if (!r.isDeleted || v > tableVersion) {
+        if (const auto it = live_.find(Id(unit, r.logEntry.key())); it != live_.end()) {
+          marked.push_back(it);
+        }
       }
-      if (!r.isDeleted) present.insert(idOf(unit, r.logEntry.key()));
-      if (v > position_) found.push_back({v, unit, bool(r.isDeleted), r.logEntry});
+      if (v > position_ && v <= tableVersion) {
+        found.push_back({v, unit, bool(r.isDeleted), r.logEntry});
+      }
     });
+    epoch_ = epoch;
+    for (const auto& it : marked) it->second = epoch_;
     std::sort(found.begin(), found.end(),
               [](const Found& a, const Found& b) { return a.version < b.version; });
     for (const Found& f : found) {
-      std::string id = idOf(f.unit, f.logEntry.key());
+      const Id id(f.unit, f.logEntry.key());
       if (f.deleted && !live_.contains(id)) continue;
-      tell(entryChange(f.unit, f.version, f.logEntry.key(), f.deleted ? nullptr : &f.logEntry),
-           std::move(id), out);
+      tell(entryChange(f.unit, f.version, f.logEntry.key(), f.deleted ? nullptr : &f.logEntry), id,
+           out);
     }
-    std::vector<std::string> gone;
-    for (const std::string& id : live_) {
-      if (!present.contains(id)) gone.push_back(id);
+    std::vector<Id> gone;
+    for (const auto& [id, mark] : live_) {
+      if (mark != epoch_) gone.push_back(id);
     }
-    for (std::string& id : gone) {
-      uint16_t unit;
-      EntryKey key;
-      std::memcpy(&unit, id.data(), sizeof unit);
-      std::memcpy(&key, id.data() + sizeof unit, sizeof key);
-      tell(entryChange(unit, tableVersion, key, nullptr), std::move(id), out);
-    }
+    for (const Id& id : gone)
+      tell(entryChange(id.unit(), tableVersion, id.key(), nullptr), id, out);
     position_ = tableVersion;
     superseded_.clear();
   }
@@ -486,9 +533,12 @@ class TableOf final : public GnmiReader::Table {
   size_t index_;
   size_t history_;
   Superseded superseded_;
-  // The entries the streams hold as live at position_ (idOf): the configurations alone do
-  // not show an entry whose delete was cleaned up with its tombstone.
-  std::unordered_set<std::string> live_;
+  // The entries the streams hold as live at position_, each with the epoch of the catch-up
+  // that last found it (or told it): the configurations alone do not show an entry whose
+  // delete was cleaned up with its tombstone.
+  using Live = std::unordered_map<Id, uint32_t, IdHash>;
+  Live live_;
+  uint32_t epoch_ = 0;
 };
 
 }  // namespace
@@ -502,11 +552,16 @@ GnmiReader::GnmiReader(size_t history) : history_(history) {
 GnmiReader::~GnmiReader() = default;
 
 AgentMemory* GnmiReader::memory() {
-  // A new agent may have made its memory anew: then it is opened anew too.
-  const auto counters = AgentCounters::read();
-  const int pid = counters ? int(counters->pid) : 0;
-  if (memory_ && pid != agentPid_) memory_.reset();
-  agentPid_ = pid;
+  // A new agent may have made its memory anew: then it is opened anew too. Looked at every
+  // 100 ms, not at every poll: the look reads files.
+  const auto now = Clock::now();
+  if (!memory_ || now >= nextAgentLook_) {
+    nextAgentLook_ = now + std::chrono::milliseconds(100);
+    const auto counters = AgentCounters::read();
+    const int pid = counters ? int(counters->pid) : 0;
+    if (memory_ && pid != agentPid_) memory_.reset();
+    agentPid_ = pid;
+  }
   if (!memory_) {
     try {
       memory_ = std::make_unique<AgentMemory>();
@@ -554,7 +609,8 @@ GnmiReader::Poll GnmiReader::poll() {
   if (!m) return p;
   for (size_t t = 0; t < tables_.size(); ++t) {
     try {
-      if (auto why = tables_[t]->poll(*m, p.changes)) p.resyncs.emplace_back(t, std::move(*why));
+      if (auto why = tables_[t]->poll(*m, p.changes, nextWalk_))
+        p.resyncs.emplace_back(t, std::move(*why));
     } catch (const Nimbo::Exception&) {
       // A record being written or damage: read again at the next poll.
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -12,23 +13,35 @@
 
 namespace VeskTool {
 
+using Clock = std::chrono::steady_clock;
+
 // One change of an entry as the change log ordered it: a write (its entry as written), a
-// delete, or the delete of every entry of a unit (`node.path` is then the unit's
-// entries). Made once by the reader and shared by every stream that sends it.
+// delete, or the delete of every entry of a unit. Made once by the reader and shared by
+// every stream that sends it. It keeps only its bytes: the key fields and node are made
+// when a stream sends it (show()), as the changes kept for resumes would otherwise hold
+// every one of them formatted.
 struct EntryChange {
   enum class Kind : uint8_t { write, remove, clearUnit };
   size_t table = 0;
   uint64_t version = 0;
   uint16_t unit = 0;
   Kind kind = Kind::write;
-  std::vector<std::pair<std::string, std::string>> keyFields;  // empty for clearUnit
-  Node node;
   // Earlier changes of the same entry that the log held but whose values were already
   // overwritten when the reader came to them: told here instead of sent.
   uint32_t duplicates = 0;
+  std::string bytes;  // the log entry written, or the key deleted; empty for clearUnit
 
-  // Whether `selector` reaches this change.
-  bool selectedBy(const PathSelector& selector) const;
+  // What a stream shows of the change: the entry's key fields (none for clearUnit) and its
+  // node (a delete's path alone; for clearUnit the unit's entries).
+  struct Shown {
+    std::vector<std::pair<std::string, std::string>> keyFields;
+    Node node;
+  };
+  Shown show() const { return render(*this); }
+  // Whether `selector` reaches this change; fills `shown` when it needs the key fields.
+  bool selectedBy(const PathSelector& selector, std::optional<Shown>& shown) const;
+
+  Shown (*render)(const EntryChange&) = nullptr;  // the table type's formatting
 };
 using ChangePtr = std::shared_ptr<const EntryChange>;
 
@@ -79,7 +92,9 @@ class GnmiReader {
   size_t history_;
   std::unique_ptr<AgentMemory> memory_;
   int agentPid_ = 0;
+  Clock::time_point nextAgentLook_{};
   std::vector<std::unique_ptr<Table>> tables_;  // by catalogue index
+  Clock::time_point nextWalk_{};                // see Table::poll
 };
 
 }  // namespace VeskTool
