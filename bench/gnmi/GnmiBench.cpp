@@ -203,7 +203,7 @@ int subscribe(int port, int subscribers, uint64_t versions) {
   return 0;
 }
 
-int get(int port, const std::string& path, int times) {
+int get(int port, const std::string& path, int times, gnmi::Encoding encoding) {
   auto channelArgs = grpc::ChannelArguments();
   channelArgs.SetMaxReceiveMessageSize(-1);
   auto stub = gnmi::gNMI::NewStub(grpc::CreateCustomChannel(
@@ -213,7 +213,7 @@ int get(int port, const std::string& path, int times) {
   for (int i = 0; i < times; ++i) {
     gnmi::GetRequest request;
     *request.add_path() = pathOf(path);
-    request.set_encoding(gnmi::PROTO);
+    request.set_encoding(encoding);
     gnmi::GetResponse response;
     grpc::ClientContext context;
     const auto start = Clock::now();
@@ -227,8 +227,10 @@ int get(int port, const std::string& path, int times) {
     bytes = response.ByteSizeLong();
   }
   std::sort(ms.begin(), ms.end());
-  fmt::print("{{\"path\": \"{}\", \"notifications\": {}, \"bytes\": {}, \"median_ms\": {:.1f}}}\n",
-             path, notifications, bytes, ms[ms.size() / 2]);
+  fmt::print(
+      "{{\"path\": \"{}\", \"encoding\": \"{}\", \"notifications\": {}, \"bytes\": {}, "
+      "\"median_ms\": {:.1f}}}\n",
+      path, gnmi::Encoding_Name(encoding), notifications, bytes, ms[ms.size() / 2]);
   return 0;
 }
 
@@ -249,6 +251,12 @@ int main(int argc, char** argv) {
   getCmd->add_option("--path", path, "the path to get")->required();
   getCmd->add_option("--times", times, "Gets, of which the median is told")
       ->check(CLI::Range(1, 1000));
+  std::string encoding = "PROTO";
+  getCmd->add_option("--encoding", encoding, "PROTO, JSON or JSON_IETF")
+      ->check(CLI::IsMember({"PROTO", "JSON", "JSON_IETF"}));
   CLI11_PARSE(app, argc, argv);
-  return *sub ? subscribe(port, subscribers, versions) : get(port, path, times);
+  if (*sub) return subscribe(port, subscribers, versions);
+  gnmi::Encoding wire = gnmi::PROTO;
+  gnmi::Encoding_Parse(encoding, &wire);
+  return get(port, path, times, wire);
 }

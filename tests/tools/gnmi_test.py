@@ -253,6 +253,10 @@ def test_get_once_and_poll_read_what_show_reads():
         root.start_hw()
         root.agent()
         shown = root.shown_entries()
+        # A second start restores what the first left: the agent's state says how much.
+        root.agent(changes=0)
+        agent = leaves(get(stub, "/agent/state").notification[0])
+        assert agent["restoredEntries"] == len(shown) and agent["restoreMs"] > 0, agent
         entries = get(stub, f"/tables/table[name={Root.TABLE}]/units/unit[id=*]/entries/entry[*]")
         assert {entry_id(n.prefix): leaves(n)["version"] for n in entries.notification} == shown
         assert all(leaves(n)["inHardware"] for n in entries.notification)

@@ -90,6 +90,7 @@ class AgentLoop final : public TableDriver::Answers {
           drivers_[t]->makeTables(orderedTableIntf_, options_.units, options_.clear);
     }
     report_.restoreMs = std::chrono::duration<double, std::milli>(Clock::now() - begin).count();
+    counters_->restoreIs(report_.restoredEntries, report_.restoreMs);
     group_ = orderedTableIntf_->groupInterface(
         Asic::Constants::canonicalizeGroupName(VeskTapAgg::kAgentName, VeskTapAgg::kGroupName));
     taken_.assign(kTableCount, Asic::LogVersion());

@@ -25,8 +25,17 @@ namespace {
 // The file, in 64-bit words: a header, the unit numbers, then per table type its Table,
 // then per table type and unit its Unit. The magic carries the layout's version.
 constexpr const char* kFileName = "agent.counters";
-constexpr uint64_t kMagic = 0x56534b434e545201;  // "VSKCNTR", version 1
-enum Header : size_t { kMagicWord, kPidWord, kStartWord, kTablesWord, kUnitsWord, kHeaderWords };
+constexpr uint64_t kMagic = 0x56534b434e545202;  // "VSKCNTR", version 2
+enum Header : size_t {
+  kMagicWord,
+  kPidWord,
+  kStartWord,
+  kTablesWord,
+  kUnitsWord,
+  kRestoredWord,
+  kRestoreMicrosWord,
+  kHeaderWords
+};
 
 constexpr size_t kTableWords = sizeof(AgentCounters::Table) / sizeof(uint64_t);
 constexpr size_t kUnitWords = sizeof(AgentCounters::Unit) / sizeof(uint64_t);
@@ -118,6 +127,11 @@ AgentCounters::AgentCounters(std::vector<uint16_t> units) : units_(std::move(uni
 
 AgentCounters::~AgentCounters() { ::munmap(words_, bytes_); }
 
+void AgentCounters::restoreIs(uint64_t entries, double ms) {
+  store(kRestoredWord, entries);
+  store(kRestoreMicrosWord, uint64_t(ms * 1000));
+}
+
 void AgentCounters::tableIs(size_t table, const Table& counters) {
   const auto values = std::bit_cast<std::array<uint64_t, kTableWords>>(counters);
   const size_t first = tableWord(units_.size(), table);
@@ -161,6 +175,8 @@ std::optional<AgentCounters::Snapshot> AgentCounters::read() {
   Snapshot s;
   s.pid = pid_t(load(words, kPidWord));
   s.running = s.pid > 0 && processStart(s.pid) == load(words, kStartWord);
+  s.restoredEntries = load(words, kRestoredWord);
+  s.restoreMs = double(load(words, kRestoreMicrosWord)) / 1000;
   for (size_t i = 0; i < units; ++i) s.units.push_back(uint16_t(load(words, kHeaderWords + i)));
   for (size_t t = 0; t < kTableCount; ++t) {
     s.tables.push_back(loadCounters<Table>(words, tableWord(units, t)));

@@ -34,6 +34,8 @@ class AgentCounters {
   struct Snapshot {
     bool running = false;  // the agent that published them runs now
     pid_t pid = 0;
+    uint64_t restoredEntries = 0;  // what its start restored from shared memory, and in how long
+    double restoreMs = 0;
     std::vector<uint16_t> units;
     std::vector<Table> tables;  // by catalogue index
     std::vector<Unit> unitCounters;
@@ -49,6 +51,8 @@ class AgentCounters {
   AgentCounters(const AgentCounters&) = delete;
   AgentCounters& operator=(const AgentCounters&) = delete;
 
+  // What the agent's start restored: entries, and the time it took.
+  void restoreIs(uint64_t entries, double ms);
   void tableIs(size_t table, const Table& counters);
   // `unit` is one of the units given when made.
   void unitIs(size_t table, uint16_t unit, const Unit& counters);

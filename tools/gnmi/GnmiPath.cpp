@@ -233,17 +233,12 @@ gnmi::Encoding checkedEncoding(gnmi::Encoding encoding) {
                               gnmi::Encoding_Name(encoding)));
 }
 
-gnmi::Notification notificationOf(const Node& node, gnmi::Encoding encoding, std::string_view leaf,
-                                  int64_t timestamp, uint32_t duplicates) {
-  gnmi::Notification n;
-  fillNotification(n, node, encoding, leaf, timestamp, duplicates);
-  return n;
-}
+namespace {
 
-void fillNotification(gnmi::Notification& n, const Node& node, gnmi::Encoding encoding,
-                      std::string_view leaf, int64_t timestamp, uint32_t duplicates) {
+// The notification's updates of `node`'s leaves; its prefix is set already.
+void fillUpdates(gnmi::Notification& n, const Node& node, gnmi::Encoding encoding,
+                 std::string_view leaf, int64_t timestamp, uint32_t duplicates) {
   n.set_timestamp(timestamp);
-  *n.mutable_prefix() = node.path;
   if (encoding == gnmi::PROTO) {
     for (const Leaf& l : node.leaves) {
       if (leaf.empty() || l.name == leaf) leafOf(n, l, true);
@@ -267,6 +262,27 @@ void fillNotification(gnmi::Notification& n, const Node& node, gnmi::Encoding en
   if (duplicates > 0) {
     for (auto& u : *n.mutable_update()) u.set_duplicates(duplicates);
   }
+}
+
+}  // namespace
+
+gnmi::Notification notificationOf(const Node& node, gnmi::Encoding encoding, std::string_view leaf,
+                                  int64_t timestamp, uint32_t duplicates) {
+  gnmi::Notification n;
+  fillNotification(n, node, encoding, leaf, timestamp, duplicates);
+  return n;
+}
+
+void fillNotification(gnmi::Notification& n, const Node& node, gnmi::Encoding encoding,
+                      std::string_view leaf, int64_t timestamp, uint32_t duplicates) {
+  *n.mutable_prefix() = node.path;
+  fillUpdates(n, node, encoding, leaf, timestamp, duplicates);
+}
+
+void fillNotification(gnmi::Notification& n, Node&& node, gnmi::Encoding encoding,
+                      std::string_view leaf, int64_t timestamp, uint32_t duplicates) {
+  n.mutable_prefix()->Swap(&node.path);
+  fillUpdates(n, node, encoding, leaf, timestamp, duplicates);
 }
 
 int64_t nowNs() {

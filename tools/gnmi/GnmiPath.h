@@ -107,6 +107,9 @@ gnmi::Encoding checkedEncoding(gnmi::Encoding encoding);
 // form fills `n` (a message on an arena, say), which must be empty.
 void fillNotification(gnmi::Notification& n, const Node& node, gnmi::Encoding encoding,
                       std::string_view leaf, int64_t timestamp, uint32_t duplicates = 0);
+// The same, taking the node's path instead of copying it.
+void fillNotification(gnmi::Notification& n, Node&& node, gnmi::Encoding encoding,
+                      std::string_view leaf, int64_t timestamp, uint32_t duplicates = 0);
 gnmi::Notification notificationOf(const Node& node, gnmi::Encoding encoding, std::string_view leaf,
                                   int64_t timestamp, uint32_t duplicates = 0);
 

@@ -594,7 +594,9 @@ std::vector<Node> GnmiReader::snapshot(const PathSelector& s) {
                                              : running ? "running"
                                                        : "stopped")},
                       {"running", running},
-                      {"pid", uint64_t(counters ? counters->pid : 0)}}});
+                      {"pid", uint64_t(counters ? counters->pid : 0)},
+                      {"restoredEntries", counters ? counters->restoredEntries : 0},
+                      {"restoreMs", counters ? counters->restoreMs : 0.0}}});
   }
   if (!m) return nodes;
   for (size_t t = 0; t < tables_.size(); ++t) {

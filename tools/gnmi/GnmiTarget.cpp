@@ -163,15 +163,28 @@ grpc::Status GnmiTarget::Get(grpc::ServerContext*, const gnmi::GetRequest* reque
       }
     }
     if (selectors.empty()) selectors.push_back(selectorOf(request->prefix(), gnmi::Path()));
-    return feed_.run([&](GnmiReader& reader) {
+    // The reader takes the snapshots; the notifications are made here, on the RPC's thread,
+    // which frees them too (made on one thread and freed on another, each of their many
+    // small allocations would contend for the allocator's lock).
+    auto snapshots = feed_.run([&](GnmiReader& reader) {
+      std::vector<std::vector<Node>> all;
+      for (const PathSelector& s : selectors) {
+        reader.check(s);
+        all.push_back(reader.snapshot(s));
+      }
+      return all;
+    });
+    {
       const int64_t ts = nowNs();
       for (size_t i = 0; i < selectors.size(); ++i) {
-        reader.check(selectors[i]);
         size_t found = 0;
-        for (const Node& node : reader.snapshot(selectors[i])) {
-          gnmi::Notification n = notificationOf(node, encoding, selectors[i].leaf, ts);
-          if (n.update_size() == 0) continue;
-          *response->add_notification() = std::move(n);
+        for (Node& node : snapshots[i]) {
+          gnmi::Notification* n = response->add_notification();
+          fillNotification(*n, std::move(node), encoding, selectors[i].leaf, ts);
+          if (n->update_size() == 0) {
+            response->mutable_notification()->RemoveLast();
+            continue;
+          }
           ++found;
         }
         if (found == 0) {
@@ -184,7 +197,7 @@ grpc::Status GnmiTarget::Get(grpc::ServerContext*, const gnmi::GetRequest* reque
         }
       }
       return grpc::Status::OK;
-    });
+    }
   } catch (const GnmiError& e) {
     response->Clear();
     return e.status();
