@@ -80,7 +80,7 @@ class Root:
         return json.loads(done.stdout)
 
 
-def subscribers_run(build, subscribers, changes, keys, nice):
+def subscribers_run(build, subscribers, changes, keys, nice, agent_args):
     with Root(build) as root:
         root.hw()
         target, port = root.target(nice)
@@ -95,7 +95,7 @@ def subscribers_run(build, subscribers, changes, keys, nice):
             assert collectors.stdout.readline().strip() == "ready"
             time.sleep(1)  # the streams are made and synced
         cpu = ticks_of(target.pid)
-        report = root.agent("--keys", str(keys), "--changes", str(changes))
+        report = root.agent("--keys", str(keys), "--changes", str(changes), *agent_args)
         time.sleep(1)  # the last changes reach the collectors
         cpu = ticks_of(target.pid) - cpu
         result = {"subscribers": subscribers, "changesPerSecond": report["committed"] /
@@ -137,15 +137,19 @@ def main():
     parser.add_argument("--subscribers", type=int, nargs="+", default=[0, 1, 10, 100])
     parser.add_argument("--nice", type=int, default=10,
                         help="the target's niceness (its systemd unit's Nice=, 10)")
+    parser.add_argument("--agent-args", default="",
+                        help="more options for the agent, e.g. \"--window 8 --target-latency-us "
+                        "0\" for a gentler rate than full")
+    parser.add_argument("--no-get", action="store_true", help="leave out the Get")
     parser.add_argument("--json", action="store_true", help="print the raw figures as JSON")
     args = parser.parse_args()
     for program in ("tools/vesktap", "tools/gnmi/vesktap-gnmi", "bench/vesk_gnmi_bench"):
         if not os.access(os.path.join(args.build, program), os.X_OK):
             sys.exit(f"gnmi_bench: no {program} in {args.build}: build it first "
                      "(cmake --preset release && cmake --build build/release)")
-    runs = [subscribers_run(args.build, n, args.changes, args.keys, args.nice)
-            for n in args.subscribers]
-    got = get_run(args.build)
+    runs = [subscribers_run(args.build, n, args.changes, args.keys, args.nice,
+                            args.agent_args.split()) for n in args.subscribers]
+    got = [] if args.no_get else get_run(args.build)
     if args.json:
         print(json.dumps({"subscribers": runs, "get": got}, indent=2))
         return

@@ -4,7 +4,6 @@
 #include <array>
 #include <chrono>
 #include <cstring>
-#include <map>
 #include <thread>
 #include <unordered_map>
 
