@@ -491,8 +491,11 @@ def test_a_collector_resumes_from_a_version_across_a_target_restart():
 
 
 def test_a_stalled_collector_does_not_slow_another():
+    # Its channel keeps gRPC's first window (64 KiB): no probing of the bandwidth grows it,
+    # so that what the collector does not read soon stops the target's writes.
     with Root() as root, Target("--insecure", "--queue-limit", "1000", env=root.env) as target, \
-            grpc.insecure_channel(f"localhost:{target.port}") as channel:
+            grpc.insecure_channel(f"localhost:{target.port}",
+                                  options=[("grpc.http2.bdp_probe", 0)]) as channel:
         stub = gnmi_pb2_grpc.gNMIStub(channel)
         root.start_hw()
         root.agent(changes=100)
@@ -518,6 +521,76 @@ def test_a_stalled_collector_does_not_slow_another():
         # or cancelled when its RPC is stuck in a write), or is still buffered by the client.
         stalled.cancel()
 
+
+def test_a_stream_follows_remove_alls():
+    with Root() as root, Target("--insecure", env=root.env) as target, \
+            grpc.insecure_channel(f"localhost:{target.port}") as channel:
+        stub = gnmi_pb2_grpc.gNMIStub(channel)
+        root.start_hw()
+        root.agent(changes=500)
+        collector = Collector(stub, f"/tables/table[name={Root.TABLE}]/units/unit[id=*]/entries")
+        mirror = Mirror()
+        mirror.follow(collector, lambda m: m.synced)
+        root.agent("--seed", "8", "--remove-all-every", "300", changes=20000)
+        shown = root.shown_entries()
+        try:
+            mirror.follow(collector, lambda m: m.entries == shown)
+        finally:
+            collector.close()
+        assert_in_order(mirror.changes)
+        # A remove-all the log no longer holds, whose entries' tombstones went too, is the
+        # one thing sent as a resync.
+        assert all("remove-all" in why for why in mirror.resyncs), mirror.resyncs
+
+
+def test_a_slow_collector_is_closed_with_where_to_resume():
+    with Root() as root, Target("--insecure", "--queue-limit", "100", env=root.env) as target, \
+            grpc.insecure_channel(f"localhost:{target.port}") as channel:
+        stub = gnmi_pb2_grpc.gNMIStub(channel)
+        root.start_hw()
+        root.agent(changes=100)
+        request = gnmi_pb2.SubscribeRequest(subscribe=gnmi_pb2.SubscriptionList(
+            mode=gnmi_pb2.SubscriptionList.STREAM, encoding=gnmi_pb2.PROTO,
+            subscription=[gnmi_pb2.Subscription(
+                path=path_of(f"/tables/table[name={Root.TABLE}]/units/unit[id=*]/entries"),
+                mode=gnmi_pb2.ON_CHANGE)]))
+        call = stub.Subscribe(iter([request]), timeout=60)
+        mirror = Mirror()
+        responses = iter(call)
+        root.agent("--seed", "6", changes=50)
+        end = committed(stub)
+        while mirror.newest < end:
+            mirror.apply(next(responses))
+        # Thousands of entries written while the hardware side is stopped: the log keeps
+        # them all, and the target's next reads queue them faster than any collector takes
+        # them, far above the stream's 100 places.
+        os.kill(root.hw.pid, signal.SIGSTOP)
+        try:
+            root.vesktap("agent", "--units", "0", "1", "--keys", "3000", "--changes", "12000",
+                         "--tables", Root.TABLE, "--seed", "7", "--no-wait", "--progress-ms", "0")
+        finally:
+            os.kill(root.hw.pid, signal.SIGCONT)
+        try:
+            for response in responses:
+                mirror.apply(response)
+            raise AssertionError("the slow stream was not closed")
+        except grpc.RpcError as error:
+            assert error.code() == grpc.StatusCode.RESOURCE_EXHAUSTED, error
+            told = error.details()
+        assert "read too slowly: 100 changes" in told, told
+        found = re.search(rf"table\[name={Root.TABLE}\]\[since=(\d+)\]", told)
+        assert found, told
+        # Resumed where it was told: the rest, with nothing resent and no resync.
+        since = int(found.group(1))
+        assert since == mirror.newest, (since, mirror.changes[-3:])
+        resumed = Collector(stub, f"/tables/table[name={Root.TABLE}][since={since}]")
+        shown = root.shown_entries()
+        try:
+            mirror.follow(resumed, lambda m: m.entries == shown)
+        finally:
+            resumed.close()
+        assert_in_order(mirror.changes)
+        assert not mirror.resyncs, mirror.resyncs
 
 if __name__ == "__main__":
     for name, test in list(globals().items()):

@@ -12,6 +12,8 @@ namespace {
 constexpr auto kIdlePoll = std::chrono::microseconds(500);
 // State leaves (counts, versions, levels) are looked at this often for ON_CHANGE streams.
 constexpr auto kStateCheck = std::chrono::seconds(1);
+// How long the RPC of an overflowed stream may stay in its last write before it is cancelled.
+constexpr auto kStuckWrite = std::chrono::seconds(10);
 
 using Response = std::shared_ptr<const gnmi::SubscribeResponse>;
 
@@ -74,11 +76,15 @@ bool followsChanges(const StreamSubscription& sub) {
 bool GnmiStream::push(Item item) {
   std::lock_guard lock(mutex_);
   if (overflowed_) return false;
-  if (items_.size() >= limit_) {
-    overflowed_ = true;
-    items_.clear();
-    ready_.notify_one();
-    return false;
+  if (item.live) {
+    if (live_ >= limit_) {
+      overflowed_ = true;
+      items_.clear();
+      live_ = 0;
+      ready_.notify_one();
+      return false;
+    }
+    ++live_;
   }
   items_.push_back(std::move(item));
   // The RPC's thread waits only for an empty queue, and takes all it finds once woken.
@@ -92,12 +98,18 @@ std::optional<GnmiStream::Item> GnmiStream::pop(std::chrono::milliseconds wait) 
   if (overflowed_ || items_.empty()) return std::nullopt;
   Item item = std::move(items_.front());
   items_.pop_front();
+  if (item.live) --live_;
   return item;
 }
 
 bool GnmiStream::overflowed() const {
   std::lock_guard lock(mutex_);
   return overflowed_;
+}
+
+bool GnmiStream::snapshotWaiting() const {
+  std::lock_guard lock(mutex_);
+  return items_.size() > live_;
 }
 
 GnmiFeed::GnmiFeed(Options options)
@@ -206,7 +218,7 @@ void GnmiFeed::fanOut(const GnmiReader::Poll& poll) {
         } else {
           r = changeResponse(*c, shown, stream->encoding, sub.selector.leaf, ts);
         }
-        stream->push({r, c->table, c->version});
+        stream->push({r, c->table, c->version, true});
         break;  // once per stream
       }
     }
@@ -248,11 +260,12 @@ void GnmiFeed::resync(GnmiStream& stream, StreamSubscription& sub, size_t table,
 
 void GnmiFeed::timers(Clock::time_point now) {
   for (const auto& stream : streams_) {
-    // An overflowed stream whose RPC did not leave within a second is stuck in a write to a
-    // collector that reads nothing: cancelled, as its RESOURCE_EXHAUSTED cannot reach it.
+    // An overflowed stream whose RPC did not leave within 10 s is stuck in a write to a
+    // collector that reads nothing: cancelled, as its RESOURCE_EXHAUSTED cannot reach it. A
+    // collector that reads, however slowly, lets the write end well before and is told.
     if (stream->overflowed()) {
       if (!stream->overflowedAt) stream->overflowedAt = now;
-      if (now - *stream->overflowedAt > std::chrono::seconds(1) && stream->cancel) {
+      if (now - *stream->overflowedAt > kStuckWrite && stream->cancel) {
         stream->cancel();
         stream->cancel = nullptr;
       }
@@ -261,6 +274,8 @@ void GnmiFeed::timers(Clock::time_point now) {
     for (StreamSubscription& sub : stream->subscriptions) {
       if (sub.mode == gnmi::SAMPLE && now >= sub.nextSample) {
         sub.nextSample = now + sub.sampleInterval;
+        // A collector that has not taken the last sample yet gets no new one.
+        if (stream->snapshotWaiting()) continue;
         const bool heartbeat = sub.heartbeatInterval.count() > 0 && now >= sub.nextHeartbeat;
         if (heartbeat) sub.nextHeartbeat = now + sub.heartbeatInterval;
         sendNodes(*stream, sub, reader_.snapshot(sub.selector),
@@ -270,6 +285,7 @@ void GnmiFeed::timers(Clock::time_point now) {
       if (!followsChanges(sub)) continue;
       if (sub.heartbeatInterval.count() > 0 && now >= sub.nextHeartbeat) {
         sub.nextHeartbeat = now + sub.heartbeatInterval;
+        if (stream->snapshotWaiting()) continue;
         sendNodes(*stream, sub, reader_.snapshot(sub.selector), false);
         continue;
       }

@@ -32,14 +32,18 @@ struct StreamSubscription {
 
 // A STREAM subscription's responses on their way to the collector: filled by the feed's
 // reader thread, which never waits for it, and drained by the RPC's own thread. Bounded:
-// when the collector reads so slowly that `limit` responses wait, the stream is closed
-// with RESOURCE_EXHAUSTED (GnmiTarget), naming the versions to resume from.
+// when the collector reads so slowly that `limit` live changes wait, the stream is closed
+// with RESOURCE_EXHAUSTED (GnmiTarget), naming the versions to resume from. The values of a
+// whole snapshot (the initial ones, a resync's, a sample's) and the changes a resume
+// replays are not counted: they are bounded by the tables and by the history kept, and the
+// feed makes no new sample while such responses still wait (snapshotWaiting).
 class GnmiStream {
  public:
   struct Item {
     std::shared_ptr<const gnmi::SubscribeResponse> response;
     size_t table = SIZE_MAX;  // a change's table and version, else SIZE_MAX
     uint64_t version = 0;
+    bool live = false;  // a change as it happened (counted), not one replayed for a resume
   };
 
   GnmiStream(std::vector<StreamSubscription> subscriptions, gnmi::Encoding encoding,
@@ -49,11 +53,14 @@ class GnmiStream {
         updatesOnly(updatesOnly),
         limit_(limit) {}
 
-  // Reader thread: queues `item`; false (and the stream overflowed) when it is full.
+  // Reader thread: queues `item`; false (and the stream overflowed) when it is a live
+  // change and `limit` of them wait already.
   bool push(Item item);
   // RPC thread: the next item, waiting up to `wait`; empty on time-out or overflow.
   std::optional<Item> pop(std::chrono::milliseconds wait);
   bool overflowed() const;
+  // Whether responses other than live changes still wait.
+  bool snapshotWaiting() const;
   // Reader thread: ends an RPC whose thread is stuck writing to a collector that reads
   // nothing, once its queue overflowed (set by the RPC before the stream joins the feed).
   std::function<void()> cancel;
@@ -69,6 +76,7 @@ class GnmiStream {
   mutable std::mutex mutex_;
   std::condition_variable ready_;
   std::deque<Item> items_;
+  size_t live_ = 0;  // items_ that are live changes
   bool overflowed_ = false;
 };
 

@@ -143,7 +143,7 @@ int main(int argc, char** argv) {
       ->capture_default_str()
       ->check(CLI::Range(size_t(1), size_t(100000)));
   app.add_option("--queue-limit", options.feed.queueLimit,
-                 "responses that may wait for a slow collector; then its stream is closed with "
+                 "changes that may wait for a slow collector; then its stream is closed with "
                  "RESOURCE_EXHAUSTED, naming the versions to resume from")
       ->capture_default_str()
       ->check(CLI::Range(size_t(16), size_t(100000000)));

@@ -217,9 +217,13 @@ class TableOf final : public GnmiReader::Table {
     const auto start = Clock::now();
     if ((gap || (position_ < read->tableVersion && read->changes.size() < kReadAtOnce)) &&
         start >= nextWalk) {
-      catchUp(memory, read->tableVersion, out);
+      auto why = catchUp(memory, read->tableVersion, out);
       const auto end = Clock::now();
       nextWalk = end + 3 * (end - start);
+      if (why) {
+        startAt(memory, read->tableVersion);
+        return why;
+      }
     }
     return std::nullopt;
   }
@@ -481,12 +485,19 @@ class TableOf final : public GnmiReader::Table {
   }
 
   // Tells the changes up to `tableVersion` that the change log dropped before they were
-  // read, as the configurations show them: every entry written since position_ as a write
-  // with its version, in version order, then every entry the streams hold that is gone now
-  // as a delete (with its version while its tombstone lasts, else `tableVersion`). Writes
+  // read, as the configurations show them, in version order: every entry written since
+  // position_ as a write with its version; every entry the streams hold that is gone now
+  // as a delete, with its version while its tombstone lasts. A delete whose tombstone went
+  // too takes a version of the gap that no other change took (the newest first): its own
+  // is not known, and so each change keeps a version of its own (but the deletes of a
+  // remove-all, which share theirs) and a collector resumes exactly after any of them.
+  // Entries gone beyond the gap's free versions were deleted while the walk ran and wait
+  // for a later read; when nothing was committed meanwhile they are a unit's remove-all
+  // (many deletes, one version), and the reason for a resync is returned instead. Writes
   // overwritten in between are not known. A walk that meets damage throws and changes
   // nothing; the next poll tries again.
-  void catchUp(AgentMemory& memory, uint64_t tableVersion, std::vector<ChangePtr>& out) {
+  std::optional<std::string> catchUp(AgentMemory& memory, uint64_t tableVersion,
+                                     std::vector<ChangePtr>& out) {
     struct Found {
       uint64_t version;
       uint16_t unit;
@@ -509,24 +520,63 @@ class TableOf final : public GnmiReader::Table {
         found.push_back({v, unit, bool(r.isDeleted), r.logEntry});
       }
     });
-    epoch_ = epoch;
-    for (const auto& it : marked) it->second = epoch_;
     std::sort(found.begin(), found.end(),
               [](const Found& a, const Found& b) { return a.version < b.version; });
+    std::vector<uint64_t> versions;
+    for (const Found& f : found) versions.push_back(f.version);
+    struct Told {
+      uint64_t version;
+      Id id;
+      const LogEntry* written;  // null for a delete
+    };
+    std::vector<Told> told;
     for (const Found& f : found) {
       const Id id(f.unit, f.logEntry.key());
-      if (f.deleted && !live_.contains(id)) continue;
-      tell(entryChange(f.unit, f.version, f.logEntry.key(), f.deleted ? nullptr : &f.logEntry), id,
-           out);
+      if (!f.deleted) {
+        told.push_back({f.version, id, &f.logEntry});
+      } else if (const auto it = live_.find(id); it != live_.end()) {
+        marked.push_back(it);  // gone, with a version known
+        told.push_back({f.version, id, nullptr});
+      }
     }
+    for (const auto& it : marked) it->second = epoch;
     std::vector<Id> gone;
     for (const auto& [id, mark] : live_) {
-      if (mark != epoch_) gone.push_back(id);
+      if (mark != epoch) gone.push_back(id);
     }
-    for (const Id& id : gone)
-      tell(entryChange(id.unit(), tableVersion, id.key(), nullptr), id, out);
+    // Versions of the gap taken by records found (a remove-all's tombstones share one).
+    const size_t taken = size_t(std::unique(versions.begin(), versions.end()) - versions.begin());
+    const size_t free = tableVersion - position_ - taken;
+    if (gone.size() > free) {
+      // Entries deleted while the walk ran (after tableVersion), their tombstones cleaned
+      // already, are gone too: they wait for the read of those versions. Without such
+      // versions the gap deleted more entries than it had versions: a remove-all.
+      const auto log = memory.changeLog<Traits>();
+      if (!log || log->tableVersion == tableVersion) {
+        return fmt::format(
+            "{} entries of {} were deleted between versions {} and {} and the change log no "
+            "longer says when (a unit's remove-all)",
+            gone.size(), Traits::tableName, position_ + 1, tableVersion);
+      }
+      gone.erase(gone.begin() + std::ptrdiff_t(free), gone.end());
+    }
+    uint64_t next = tableVersion;  // the newest version not yet given
+    auto used = versions.rbegin() + std::ptrdiff_t(versions.size() - taken);
+    for (const Id& id : gone) {
+      for (; used != versions.rend() && *used >= next; ++used) {
+        if (*used == next) --next;
+      }
+      told.push_back({next--, id, nullptr});
+    }
+    epoch_ = epoch;
+    std::sort(told.begin(), told.end(),
+              [](const Told& a, const Told& b) { return a.version < b.version; });
+    for (const Told& t : told) {
+      tell(entryChange(t.id.unit(), t.version, t.id.key(), t.written), t.id, out);
+    }
     position_ = tableVersion;
     superseded_.clear();
+    return std::nullopt;
   }
 
   size_t index_;

@@ -103,7 +103,7 @@ grpc::Status streamUntilDone(grpc::ServerContext& context, Stream& rpc,
       }
       status = grpc::Status(
           grpc::StatusCode::RESOURCE_EXHAUSTED,
-          fmt::format("this collector read too slowly: {} responses waited for it; resume "
+          fmt::format("this collector read too slowly: {} changes waited for it; resume "
                       "with {}",
                       feed.options.queueLimit, resume.empty() ? "a new subscription" : resume));
       break;
