@@ -168,6 +168,9 @@ class TableOf final : public GnmiReader::Table {
         for (const auto& e : contents->entries) {
           const auto keyFields = keyFieldsOf(e.logEntry.key());
           if (!keyMatches(keyFields, s)) continue;
+          // A stream may hold it now, even when its change is not read yet: its delete is
+          // told then, whatever happens to that change.
+          if (seen_) live_.try_emplace(Id(unit.value(), e.logEntry.key()), epoch_);
           nodes.push_back(
               entryNode(unit.value(), keyFields, e.logEntry, e.version.value(), e.inHardware));
         }
@@ -215,7 +218,8 @@ class TableOf final : public GnmiReader::Table {
     // Walks take at most a quarter of the reader's time: until the next may start, the
     // table waits at its gap.
     const auto start = Clock::now();
-    if ((gap || (position_ < read->tableVersion && read->changes.size() < kReadAtOnce)) &&
+    if ((gap || recheck_ ||
+         (position_ < read->tableVersion && read->changes.size() < kReadAtOnce)) &&
         start >= nextWalk) {
       auto why = catchUp(memory, read->tableVersion, out);
       const auto end = Clock::now();
@@ -482,6 +486,7 @@ class TableOf final : public GnmiReader::Table {
     live_ = std::move(live);
     restartAt(version);
     superseded_.clear();
+    recheck_ = false;
   }
 
   // Tells the changes up to `tableVersion` that the change log dropped before they were
@@ -491,9 +496,10 @@ class TableOf final : public GnmiReader::Table {
   // too takes a version of the gap that no other change took (the newest first): its own
   // is not known, and so each change keeps a version of its own (but the deletes of a
   // remove-all, which share theirs) and a collector resumes exactly after any of them.
-  // Entries gone beyond the gap's free versions were deleted while the walk ran and wait
-  // for a later read; when nothing was committed meanwhile they are a unit's remove-all
-  // (many deletes, one version), and the reason for a resync is returned instead. Writes
+  // Entries gone beyond the gap's free versions were deleted while the walk ran: they wait
+  // for the next poll, which reads their deletes or walks again. When nothing was committed
+  // meanwhile they are a unit's remove-all (many deletes, one version), and the reason for
+  // a resync is returned instead. Writes
   // overwritten in between are not known. A walk that meets damage throws and changes
   // nothing; the next poll tries again.
   std::optional<std::string> catchUp(AgentMemory& memory, uint64_t tableVersion,
@@ -547,12 +553,14 @@ class TableOf final : public GnmiReader::Table {
     // Versions of the gap taken by records found (a remove-all's tombstones share one).
     const size_t taken = size_t(std::unique(versions.begin(), versions.end()) - versions.begin());
     const size_t free = tableVersion - position_ - taken;
+    const size_t goneBefore = gone.size();
     if (gone.size() > free) {
       // Entries deleted while the walk ran (after tableVersion), their tombstones cleaned
       // already, are gone too: they wait for the read of those versions. Without such
       // versions the gap deleted more entries than it had versions: a remove-all.
       const auto log = memory.changeLog<Traits>();
       if (!log || log->tableVersion == tableVersion) {
+        recheck_ = false;
         return fmt::format(
             "{} entries of {} were deleted between versions {} and {} and the change log no "
             "longer says when (a unit's remove-all)",
@@ -560,6 +568,8 @@ class TableOf final : public GnmiReader::Table {
       }
       gone.erase(gone.begin() + std::ptrdiff_t(free), gone.end());
     }
+    // The rest are looked at again at the next poll, gap or not.
+    recheck_ = gone.size() < goneBefore;
     uint64_t next = tableVersion;  // the newest version not yet given
     auto used = versions.rbegin() + std::ptrdiff_t(versions.size() - taken);
     for (const Id& id : gone) {
@@ -588,6 +598,7 @@ class TableOf final : public GnmiReader::Table {
   using Live = std::unordered_map<Id, uint32_t, IdHash>;
   Live live_;
   uint32_t epoch_ = 0;
+  bool recheck_ = false;  // entries gone were left for the next poll's walk
 };
 
 }  // namespace
