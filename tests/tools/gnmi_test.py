@@ -9,6 +9,7 @@ collector resumes from a version across a restart of the target; a stalled colle
 cut off without slowing another.
 Usage: gnmi_test.py <vesktap-gnmi> <directory of the generated Python stubs> <vesktap>"""
 
+import contextlib
 import json
 import os
 import queue
@@ -418,7 +419,10 @@ def assert_in_order(changes):
     assert len(set(writes)) == len(writes), "a version written twice"
 
 
-def test_a_stream_sees_every_change_through_an_agent_restart():
+@contextlib.contextmanager
+def followed_root():
+    """A root with a hardware side and 500 changes, a target, and a stream of every entry of
+    the table, synced: (root, stub, collector, mirror)."""
     with Root() as root, Target("--insecure", env=root.env) as target, \
             grpc.insecure_channel(f"localhost:{target.port}") as channel:
         stub = gnmi_pb2_grpc.gNMIStub(channel)
@@ -427,6 +431,22 @@ def test_a_stream_sees_every_change_through_an_agent_restart():
         collector = Collector(stub, f"/tables/table[name={Root.TABLE}]/units/unit[id=*]/entries")
         mirror = Mirror()
         mirror.follow(collector, lambda m: m.synced)
+        yield root, stub, collector, mirror
+
+
+def follow_to(mirror, collector, shown, until=lambda m: True):
+    """Follows the stream until the mirror holds what `show` showed, then closes it."""
+    try:
+        mirror.follow(collector, lambda m: until(m) and m.entries == shown)
+    finally:
+        collector.close()
+        assert mirror.entries == shown, (
+            {k: (v, shown.get(k)) for k, v in mirror.entries.items() if shown.get(k) != v},
+            {k: v for k, v in shown.items() if k not in mirror.entries}, mirror.resyncs)
+
+
+def test_a_stream_sees_every_change_through_an_agent_restart():
+    with followed_root() as (root, stub, collector, mirror):
         start = committed(stub)
         # The agent killed mid-workload, then started again on the same root.
         agent = root.agent("--seed", "2", changes=20000, background=True)
@@ -435,14 +455,7 @@ def test_a_stream_sees_every_change_through_an_agent_restart():
         agent.wait()
         root.agent("--seed", "3", changes=2000)
         end = committed(stub)
-        shown = root.shown_entries()
-        try:
-            mirror.follow(collector, lambda m: m.newest >= end and m.entries == shown)
-        finally:
-            collector.close()
-            assert mirror.entries == shown, (
-                {k: (v, shown.get(k)) for k, v in mirror.entries.items() if shown.get(k) != v},
-                {k: v for k, v in shown.items() if k not in mirror.entries})
+        follow_to(mirror, collector, root.shown_entries(), lambda m: m.newest >= end)
         # Changes the hardware side took and the agent cleaned up before the target read
         # them come from the configurations, still as changes: never a resync.
         assert_in_order(mirror.changes)
@@ -528,23 +541,9 @@ def test_a_stalled_collector_does_not_slow_another():
 
 
 def test_a_stream_follows_remove_alls():
-    with Root() as root, Target("--insecure", env=root.env) as target, \
-            grpc.insecure_channel(f"localhost:{target.port}") as channel:
-        stub = gnmi_pb2_grpc.gNMIStub(channel)
-        root.start_hw()
-        root.agent(changes=500)
-        collector = Collector(stub, f"/tables/table[name={Root.TABLE}]/units/unit[id=*]/entries")
-        mirror = Mirror()
-        mirror.follow(collector, lambda m: m.synced)
+    with followed_root() as (root, stub, collector, mirror):
         root.agent("--seed", "8", "--remove-all-every", "300", changes=20000)
-        shown = root.shown_entries()
-        try:
-            mirror.follow(collector, lambda m: m.entries == shown)
-        finally:
-            collector.close()
-            assert mirror.entries == shown, (
-                {k: (v, shown.get(k)) for k, v in mirror.entries.items() if shown.get(k) != v},
-                {k: v for k, v in shown.items() if k not in mirror.entries}, mirror.resyncs)
+        follow_to(mirror, collector, root.shown_entries())
         assert_in_order(mirror.changes)
         # A remove-all the log no longer holds, whose entries' tombstones went too, is the
         # one thing sent as a resync.
@@ -633,11 +632,7 @@ def test_a_slow_collector_is_closed_with_where_to_resume():
         since = int(found.group(1))
         assert since == mirror.newest, (since, mirror.changes[-3:])
         resumed = Collector(stub, f"/tables/table[name={Root.TABLE}][since={since}]")
-        shown = root.shown_entries()
-        try:
-            mirror.follow(resumed, lambda m: m.entries == shown)
-        finally:
-            resumed.close()
+        follow_to(mirror, resumed, root.shown_entries())
         assert_in_order(mirror.changes)
         assert not mirror.resyncs, mirror.resyncs
 
