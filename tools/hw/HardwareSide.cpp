@@ -9,6 +9,7 @@
 #include <fmt/ostream.h>
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
+#include <asio/steady_timer.hpp>
 
 #include "Asic/MountNamespace.h"
 #include "Asic/TableVersionShard.h"
@@ -287,6 +288,11 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& sta
   uint64_t totalShown = 0;
   auto idleSleep = options.pollEvery;
   bool toldNoAgent = false;
+  // Idle sleeps wait on a timer: io_context::run_for would wait in epoll_wait, whose timeout
+  // is whole milliseconds, so a 50 us look would take a millisecond (and every answer that
+  // came just after the hardware side fell asleep would wait that long).
+  asio::steady_timer idleTimer(io);
+  bool slept = false;
   notifyServiceReady(status);
   while (io.poll(), !stopRequested) {
     uint64_t budget = UINT64_MAX;
@@ -335,7 +341,10 @@ HardwareReport runHardwareSide(const HardwareOptions& options, std::ostream& sta
     if (applied) continue;
     tellWhatHoldsItUp(tables, start, now, toldNoAgent, status);
     if (now - lastWork >= options.spinFor) {
-      io.run_for(idleSleep);
+      slept = false;
+      idleTimer.expires_after(idleSleep);
+      idleTimer.async_wait([&](const asio::error_code& error) { slept = !error; });
+      while (!slept && !stopRequested) io.run_one();
       // Idle for a while: ever longer sleeps, so that waiting costs nothing; short enough
       // at first that a burst of changes after a pause is taken soon.
       if (now - lastWork > kBusyFor) {
