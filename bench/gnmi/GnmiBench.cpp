@@ -54,7 +54,9 @@ class FirstSeen {
     std::array<uint64_t, VeskTool::kTableCount> last{};
     while (!stop) {
       try {
-        if (!memory) memory = std::make_unique<VeskTool::AgentMemory>();
+        if (!memory) {
+          memory = std::make_unique<VeskTool::AgentMemory>(VeskTool::AgentMemory::Mounts::kept);
+        }
         const int64_t now = nowUs();
         VeskTool::forEachTable([&]<class Traits>(size_t t) {
           const auto log = memory->changeLog<Traits>();

@@ -14,19 +14,7 @@
 #include "types/TableShards.h"
 
 namespace VeskTool {
-namespace {
-
-template <class Traits>
-Nimbo::Ptr<typename Traits::ConfigShard> mountConfig(
-    const Nimbo::Ptr<KestSharedMem::EntityManager>& em, Asic::UnitId unit) {
-  return mountAgentShard<typename Traits::ConfigShard>(em, Traits::Constants::configShardPath(unit),
-                                                       "swTableEntries",
-                                                       UnitContents<Traits>::capacity);
-}
-
-}  // namespace
-
-AgentMemory::AgentMemory() : root_(KestShard::Directory::rootPath()) {
+AgentMemory::AgentMemory(Mounts mounts) : root_(KestShard::Directory::rootPath()), mounts_(mounts) {
   const std::filesystem::path agentDir =
       std::filesystem::path(root_) / "local" / VeskTapAgg::kAgentName;
   if (!std::filesystem::is_directory(agentDir)) {
@@ -37,11 +25,33 @@ AgentMemory::AgentMemory() : root_(KestShard::Directory::rootPath()) {
   em_ = Asic::mountEntityManager(*Nimbo::make<Cairn::EntityManager>(VeskTapAgg::kAgentName, true));
 }
 
+template <class S>
+Nimbo::Ptr<S> AgentMemory::agentShard(const Nimbo::String& path, const char* collection,
+                                      uint32_t capacity) const {
+  if (mounts_ == Mounts::perRead) return mountAgentShard<S>(em_, path, collection, capacity);
+  if (const auto it = kept_.find(path); it != kept_.end()) {
+    return Nimbo::dynamicPtrCast<S>(it->second);
+  }
+  auto shard = mountAgentShard<S>(em_, path, collection, capacity);
+  if (shard) kept_.emplace(path, shard);
+  return shard;
+}
+
+template <class Traits>
+Nimbo::Ptr<typename Traits::ConfigShard> AgentMemory::config(Asic::UnitId unit) const {
+  return agentShard<typename Traits::ConfigShard>(Traits::Constants::configShardPath(unit),
+                                                  "swTableEntries", UnitContents<Traits>::capacity);
+}
+
+template <class Traits>
+Nimbo::Ptr<typename Traits::EntryLogShard> AgentMemory::log() const {
+  return agentShard<typename Traits::EntryLogShard>(Traits::Constants::tableEntryLogShardPath(),
+                                                    "entryLogConfig", ChangeLogSummary::capacity);
+}
+
 template <class Traits>
 std::optional<ChangeLogSummary> AgentMemory::changeLog() const {
-  auto log = mountAgentShard<typename Traits::EntryLogShard>(
-      em_, Traits::Constants::tableEntryLogShardPath(), "entryLogConfig",
-      ChangeLogSummary::capacity);
+  auto log = this->log<Traits>();
   if (!log) return std::nullopt;
   const auto& changes = log->entryLogConfigColl();
   const auto first = changes.begin();
@@ -52,9 +62,7 @@ std::optional<ChangeLogSummary> AgentMemory::changeLog() const {
 template <class Traits>
 std::optional<LoggedChanges<Traits>> AgentMemory::changesAfter(uint64_t version,
                                                                size_t limit) const {
-  auto log = mountAgentShard<typename Traits::EntryLogShard>(
-      em_, Traits::Constants::tableEntryLogShardPath(), "entryLogConfig",
-      ChangeLogSummary::capacity);
+  auto log = this->log<Traits>();
   if (!log) return std::nullopt;
   const auto& changes = log->entryLogConfigColl();
   LoggedChanges<Traits> read;
@@ -71,7 +79,7 @@ std::optional<LoggedChanges<Traits>> AgentMemory::changesAfter(uint64_t version,
 template <class Traits>
 std::optional<typename Traits::ConfigShardEntry> AgentMemory::configRecord(
     Asic::UnitId unit, const typename Traits::EntryKey& key) const {
-  auto config = mountConfig<Traits>(em_, unit);
+  auto config = this->config<Traits>(unit);
   if (!config) return std::nullopt;
   const auto record = config->swTableEntriesColl().find(key);
   if (!record) return std::nullopt;
@@ -82,7 +90,7 @@ template <class Traits>
 bool AgentMemory::forEachConfigRecord(
     Asic::UnitId unit,
     const std::function<void(const typename Traits::ConfigShardEntry&)>& visit) const {
-  auto config = mountConfig<Traits>(em_, unit);
+  auto config = this->config<Traits>(unit);
   if (!config) return false;
   config->swTableEntriesColl().forEach(visit);
   return true;
@@ -102,7 +110,7 @@ std::vector<Asic::UnitId> AgentMemory::units() const {
 
 template <class Traits>
 std::optional<UnitContents<Traits>> AgentMemory::unit(Asic::UnitId unit, bool withEntries) const {
-  auto config = mountConfig<Traits>(em_, unit);
+  auto config = this->config<Traits>(unit);
   if (!config) return std::nullopt;
   UnitContents<Traits> contents;
   // A TCAM the hardware side left damaged is told, and the configuration read without it.

@@ -4,6 +4,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <unordered_map>
 #include <vector>
 
 #include "Asic/LogVersion.h"
@@ -64,15 +65,22 @@ struct UnitContents {
 // The shared memory of an agent (running or stopped) and of its hardware side, read
 // without changing anything: per table type the change log, what the hardware side has
 // taken and the configured units; per unit its live entries and the simulated TCAM. Every
-// read mounts what it needs read-only (a mount made once is kept by the namespace), so a
-// collection made after opening is found too. What `vesktap show` prints and what the
-// Python module returns both come from here. Opened at the shared-memory root of the
-// moment (KestShard::Directory::rootPath()); the templates are instantiated for every
-// table type. Single-threaded.
+// read mounts what it needs read-only and drops it after, so a collection made after
+// opening is found too, and one an agent made anew is read anew. What `vesktap show`
+// prints and what the Python module returns both come from here. Opened at the
+// shared-memory root of the moment (KestShard::Directory::rootPath()); the templates are
+// instantiated for every table type. Single-threaded.
 class AgentMemory {
  public:
+  enum class Mounts {
+    perRead,  // each read mounts what it reads (a few system calls) and drops it
+    // Change logs and configurations stay mounted once found: for a reader that reads them
+    // at every change, and opens the memory anew when the agent starts again (whose
+    // files may be new ones).
+    kept,
+  };
   // Throws NoAgentMemoryError naming the directory when the root holds no agent's namespace.
-  AgentMemory();
+  explicit AgentMemory(Mounts mounts = Mounts::perRead);
 
   const Nimbo::String& root() const noexcept { return root_; }
 
@@ -108,8 +116,19 @@ class AgentMemory {
   std::optional<std::vector<TcamLine<Traits>>> tcamLines(Asic::UnitId unit) const;
 
  private:
+  // The agent's shard S at `path`, read-only; null while the agent has not made it.
+  template <class S>
+  Nimbo::Ptr<S> agentShard(const Nimbo::String& path, const char* collection,
+                           uint32_t capacity) const;
+  template <class Traits>
+  Nimbo::Ptr<typename Traits::ConfigShard> config(Asic::UnitId unit) const;
+  template <class Traits>
+  Nimbo::Ptr<typename Traits::EntryLogShard> log() const;
+
   Nimbo::String root_;
   Nimbo::Ptr<KestSharedMem::EntityManager> em_;
+  Mounts mounts_;
+  mutable std::unordered_map<Nimbo::String, Nimbo::Ptr<KestShard::Shard>> kept_;
 };
 
 }  // namespace VeskTool

@@ -340,12 +340,16 @@ class TableOf final : public GnmiReader::Table {
     return node;
   }
 
-  // An entry: its unit and key, as bytes (hashed and compared as such).
+  // An entry: its unit and key, as bytes (hashed and compared as such). The hash is made
+  // once and kept: the standard map does not keep it for a hash it takes for a cheap one,
+  // and would hash the bytes of every entry it passes in a bucket's chain again.
   struct Id {
     std::array<char, sizeof(uint16_t) + sizeof(EntryKey)> bytes;
+    size_t hash;
     Id(uint16_t unit, const EntryKey& key) {
       std::memcpy(bytes.data(), &unit, sizeof unit);
       std::memcpy(bytes.data() + sizeof unit, &key, sizeof key);
+      hash = std::hash<std::string_view>()(std::string_view(bytes.data(), bytes.size()));
     }
     uint16_t unit() const {
       uint16_t u;
@@ -357,12 +361,10 @@ class TableOf final : public GnmiReader::Table {
       std::memcpy(&k, bytes.data() + sizeof(uint16_t), sizeof k);
       return k;
     }
-    bool operator==(const Id&) const = default;
+    bool operator==(const Id& o) const { return hash == o.hash && bytes == o.bytes; }
   };
   struct IdHash {
-    size_t operator()(const Id& id) const noexcept {
-      return std::hash<std::string_view>()(std::string_view(id.bytes.data(), id.bytes.size()));
-    }
+    size_t operator()(const Id& id) const noexcept { return id.hash; }
   };
   // Changes whose values were overwritten before they were read, by entry.
   using Superseded = std::unordered_map<Id, uint32_t, IdHash>;
@@ -612,8 +614,9 @@ GnmiReader::GnmiReader(size_t history) : history_(history) {
 GnmiReader::~GnmiReader() = default;
 
 AgentMemory* GnmiReader::memory() {
-  // A new agent may have made its memory anew: then it is opened anew too. Looked at every
-  // 100 ms, not at every poll: the look reads files.
+  // A new agent may have made its memory anew: then it is opened anew too (it keeps its
+  // mounts of the logs and configurations, read at every change). Looked at every 100 ms,
+  // not at every poll: the look reads files.
   const auto now = Clock::now();
   if (!memory_ || now >= nextAgentLook_) {
     nextAgentLook_ = now + std::chrono::milliseconds(100);
@@ -624,7 +627,7 @@ AgentMemory* GnmiReader::memory() {
   }
   if (!memory_) {
     try {
-      memory_ = std::make_unique<AgentMemory>();
+      memory_ = std::make_unique<AgentMemory>(AgentMemory::Mounts::kept);
     } catch (const NoAgentMemoryError&) {
       return nullptr;
     }
@@ -669,13 +672,17 @@ GnmiReader::Poll GnmiReader::poll() {
   Poll p;
   AgentMemory* m = memory();
   if (!m) return p;
-  for (size_t t = 0; t < tables_.size(); ++t) {
+  const size_t first = firstPolled_;
+  for (size_t i = 0; i < tables_.size(); ++i) {
+    const size_t t = (first + i) % tables_.size();
+    const Clock::time_point walkBefore = nextWalk_;
     try {
       if (auto why = tables_[t]->poll(*m, p.changes, nextWalk_))
         p.resyncs.emplace_back(t, std::move(*why));
     } catch (const Nimbo::Exception&) {
       // A record being written or damage: read again at the next poll.
     }
+    if (nextWalk_ != walkBefore) firstPolled_ = (t + 1) % tables_.size();
   }
   return p;
 }

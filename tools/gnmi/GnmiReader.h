@@ -95,6 +95,9 @@ class GnmiReader {
   Clock::time_point nextAgentLook_{};
   std::vector<std::unique_ptr<Table>> tables_;  // by catalogue index
   Clock::time_point nextWalk_{};                // see Table::poll
+  // The table a poll looks at first: the one after the last that walked, so that walks go
+  // round the tables instead of to whichever comes first.
+  size_t firstPolled_ = 0;
 };
 
 }  // namespace VeskTool
