@@ -318,6 +318,55 @@ def test_get_once_and_poll_read_what_show_reads():
         answers.cancel()
 
 
+def test_subscribe_refusals_and_the_streams_allowed():
+    def subscribe(stub, *requests):
+        return list(stub.Subscribe(iter(requests), timeout=10))
+
+    def listing(path, list_mode, **fields):
+        return gnmi_pb2.SubscribeRequest(subscribe=gnmi_pb2.SubscriptionList(
+            mode=list_mode, encoding=gnmi_pb2.PROTO,
+            subscription=[gnmi_pb2.Subscription(path=path_of(path), **fields)]))
+
+    with Root() as root, Target("--insecure", "--max-streams", "2", env=root.env) as target, \
+            grpc.insecure_channel(f"localhost:{target.port}") as channel:
+        stub = gnmi_pb2_grpc.gNMIStub(channel)
+        root.start_hw()
+        root.agent(changes=100)
+        table = f"/tables/table[name={Root.TABLE}]"
+        code, why = refusal(lambda: subscribe(stub, gnmi_pb2.SubscribeRequest(poll=gnmi_pb2.Poll())))
+        assert code == grpc.StatusCode.INVALID_ARGUMENT and "subscription list" in why, why
+        code, why = refusal(lambda: subscribe(stub, listing(
+            table, gnmi_pb2.SubscriptionList.STREAM, mode=gnmi_pb2.SAMPLE, sample_interval=1000)))
+        assert code == grpc.StatusCode.INVALID_ARGUMENT and "sample_interval" in why, why
+        code, why = refusal(lambda: subscribe(stub, listing(
+            "/tables/table[name=Nope]", gnmi_pb2.SubscriptionList.ONCE)))
+        assert code == grpc.StatusCode.INVALID_ARGUMENT and Root.TABLE in why, why
+        # A POLL takes polls after its list, nothing else; its answers come first.
+        code, why = refusal(lambda: subscribe(
+            stub, listing(table, gnmi_pb2.SubscriptionList.POLL),
+            listing(table, gnmi_pb2.SubscriptionList.POLL)))
+        assert code == grpc.StatusCode.INVALID_ARGUMENT and "only poll requests" in why, why
+        # Two streams are all it takes; a third is refused until one leaves.
+        first, second = (Collector(stub, table + "/state") for _ in range(2))
+        for c in (first, second):
+            while not (response := c.responses.get(timeout=10)).sync_response:
+                assert response is not None, c.error
+        code, why = refusal(lambda: subscribe(stub, listing(table, gnmi_pb2.SubscriptionList.ONCE)))
+        assert code == grpc.StatusCode.RESOURCE_EXHAUSTED and "--max-streams" in why, why
+        first.close()
+        deadline = time.monotonic() + 10
+        while True:
+            try:
+                once = subscribe(stub, listing(table + "/state", gnmi_pb2.SubscriptionList.ONCE))
+                break
+            except grpc.RpcError as error:
+                assert error.code() == grpc.StatusCode.RESOURCE_EXHAUSTED, error
+                assert time.monotonic() < deadline, "the stream that left still counts"
+                time.sleep(0.05)
+        assert once[-1].sync_response and len(once) == 2, once
+        second.close()
+
+
 class Collector:
     """A STREAM subscription read on its own thread: responses in arrival order."""
 

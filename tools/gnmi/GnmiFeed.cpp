@@ -1,6 +1,7 @@
 #include "tools/gnmi/GnmiFeed.h"
 
 #include <fmt/format.h>
+#include <grpcpp/impl/codegen/proto_utils.h>
 
 #include "tools/core/TableDispatch.h"
 
@@ -67,6 +68,13 @@ Response changeResponse(const EntryChange& c, std::optional<EntryChange::Shown>&
   return Response(std::move(arena), r);  // owns the arena, points at the response
 }
 
+std::shared_ptr<const grpc::ByteBuffer> serialised(const gnmi::SubscribeResponse& r) {
+  auto bytes = std::make_shared<grpc::ByteBuffer>();
+  bool own = false;
+  grpc::SerializationTraits<gnmi::SubscribeResponse>::Serialize(r, bytes.get(), &own);
+  return bytes;
+}
+
 bool followsChanges(const StreamSubscription& sub) {
   return sub.mode == gnmi::ON_CHANGE || sub.mode == gnmi::TARGET_DEFINED;
 }
@@ -74,27 +82,30 @@ bool followsChanges(const StreamSubscription& sub) {
 }  // namespace
 
 bool GnmiStream::push(Item item) {
-  std::lock_guard lock(mutex_);
-  if (overflowed_) return false;
-  if (item.live) {
-    if (live_ >= limit_) {
+  bool accepted = true;
+  bool wakeNow = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (overflowed_) return false;
+    if (item.live && live_ >= limit_) {
       overflowed_ = true;
       items_.clear();
       live_ = 0;
-      ready_.notify_one();
-      return false;
+      accepted = false;
+      wakeNow = true;
+    } else {
+      if (item.live) ++live_;
+      items_.push_back(std::move(item));
+      // The RPC drains the queue once woken: it is woken only when it may have run dry.
+      wakeNow = items_.size() == 1;
     }
-    ++live_;
   }
-  items_.push_back(std::move(item));
-  // The RPC's thread waits only for an empty queue, and takes all it finds once woken.
-  if (items_.size() == 1) ready_.notify_one();
-  return true;
+  if (wakeNow && wake) wake();
+  return accepted;
 }
 
-std::optional<GnmiStream::Item> GnmiStream::pop(std::chrono::milliseconds wait) {
-  std::unique_lock lock(mutex_);
-  ready_.wait_for(lock, wait, [&] { return overflowed_ || !items_.empty(); });
+std::optional<GnmiStream::Item> GnmiStream::pop() {
+  std::lock_guard lock(mutex_);
   if (overflowed_ || items_.empty()) return std::nullopt;
   Item item = std::move(items_.front());
   items_.pop_front();
@@ -204,21 +215,28 @@ void GnmiFeed::fanOut(const GnmiReader::Poll& poll) {
   if (poll.changes.empty() || streams_.empty()) return;
   const int64_t ts = nowNs();
   for (const ChangePtr& c : poll.changes) {
-    // Shown once, and rendered once per encoding for the streams that take whole entries.
+    // Shown once, and rendered and serialised once per encoding for the streams that take
+    // whole entries.
     std::optional<EntryChange::Shown> shown;
-    std::map<gnmi::Encoding, Response> rendered;
+    struct Rendered {
+      Response response;
+      std::shared_ptr<const grpc::ByteBuffer> bytes;
+    };
+    std::map<gnmi::Encoding, Rendered> rendered;
     for (const auto& stream : streams_) {
       for (const StreamSubscription& sub : stream->subscriptions) {
         if (!followsChanges(sub) || !c->selectedBy(sub.selector, shown)) continue;
-        Response r;
         if (sub.selector.leaf.empty()) {
-          Response& cached = rendered[stream->encoding];
-          if (!cached) cached = changeResponse(*c, shown, stream->encoding, {}, ts);
-          r = cached;
+          Rendered& cached = rendered[stream->encoding];
+          if (!cached.response) {
+            cached.response = changeResponse(*c, shown, stream->encoding, {}, ts);
+            if (streams_.size() > 1) cached.bytes = serialised(*cached.response);
+          }
+          stream->push({cached.response, c->table, c->version, true, cached.bytes});
         } else {
-          r = changeResponse(*c, shown, stream->encoding, sub.selector.leaf, ts);
+          stream->push({changeResponse(*c, shown, stream->encoding, sub.selector.leaf, ts),
+                        c->table, c->version, true});
         }
-        stream->push({r, c->table, c->version, true});
         break;  // once per stream
       }
     }

@@ -15,6 +15,8 @@
 #include <thread>
 #include <vector>
 
+#include <grpcpp/support/byte_buffer.h>
+
 #include "tools/gnmi/GnmiReader.h"
 
 namespace VeskTool {
@@ -30,13 +32,14 @@ struct StreamSubscription {
   std::map<std::string, std::string> lastSent;  // leaf path -> value, to tell what changed
 };
 
-// A STREAM subscription's responses on their way to the collector: filled by the feed's
-// reader thread, which never waits for it, and drained by the RPC's own thread. Bounded:
-// when the collector reads so slowly that `limit` live changes wait, the stream is closed
-// with RESOURCE_EXHAUSTED (GnmiTarget), naming the versions to resume from. The values of a
-// whole snapshot (the initial ones, a resync's, a sample's) and the changes a resume
-// replays are not counted: they are bounded by the tables and by the history kept, and the
-// feed makes no new sample while such responses still wait (snapshotWaiting).
+// A subscription's responses on their way to the collector: filled by the feed's reader
+// thread (a STREAM's) or by the RPC (ONCE and POLL answers), which never wait for it, and
+// drained by the RPC's reactor as gRPC takes each write. Bounded: when the collector reads
+// so slowly that `limit` live changes wait, the stream is closed with RESOURCE_EXHAUSTED
+// (GnmiTarget), naming the versions to resume from. The values of a whole snapshot (the
+// initial ones, a resync's, a sample's) and the changes a resume replays are not counted:
+// they are bounded by the tables and by the history kept, and the feed makes no new sample
+// while such responses still wait (snapshotWaiting).
 class GnmiStream {
  public:
   struct Item {
@@ -44,6 +47,8 @@ class GnmiStream {
     size_t table = SIZE_MAX;  // a change's table and version, else SIZE_MAX
     uint64_t version = 0;
     bool live = false;  // a change as it happened (counted), not one replayed for a resume
+    // The response serialised, when several streams share it: made once for all of them.
+    std::shared_ptr<const grpc::ByteBuffer> bytes = nullptr;
   };
 
   GnmiStream(std::vector<StreamSubscription> subscriptions, gnmi::Encoding encoding,
@@ -53,16 +58,19 @@ class GnmiStream {
         updatesOnly(updatesOnly),
         limit_(limit) {}
 
-  // Reader thread: queues `item`; false (and the stream overflowed) when it is a live
-  // change and `limit` of them wait already.
+  // Queues `item`; false (and the stream overflowed) when it is a live change and `limit`
+  // of them wait already. Calls `wake` (outside its lock) when the queue was empty, and
+  // when it overflows.
   bool push(Item item);
-  // RPC thread: the next item, waiting up to `wait`; empty on time-out or overflow.
-  std::optional<Item> pop(std::chrono::milliseconds wait);
+  // The next item; empty when none waits or the stream overflowed.
+  std::optional<Item> pop();
   bool overflowed() const;
   // Whether responses other than live changes still wait.
   bool snapshotWaiting() const;
-  // Reader thread: ends an RPC whose thread is stuck writing to a collector that reads
-  // nothing, once its queue overflowed (set by the RPC before the stream joins the feed).
+  // Set by the RPC before the stream joins the feed, then called by the reader thread: a
+  // response waits now (the RPC starts its write if none is under way), and the end of an
+  // RPC stuck writing to a collector that reads nothing, once its queue overflowed.
+  std::function<void()> wake;
   std::function<void()> cancel;
   std::optional<Clock::time_point> overflowedAt;
 
@@ -74,7 +82,6 @@ class GnmiStream {
  private:
   const size_t limit_;
   mutable std::mutex mutex_;
-  std::condition_variable ready_;
   std::deque<Item> items_;
   size_t live_ = 0;  // items_ that are live changes
   bool overflowed_ = false;

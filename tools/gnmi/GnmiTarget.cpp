@@ -7,8 +7,6 @@
 namespace VeskTool {
 namespace {
 
-using Stream = grpc::ServerReaderWriter<gnmi::SubscribeResponse, gnmi::SubscribeRequest>;
-
 // The fastest sample interval the target keeps: each sample reads the tree it covers.
 constexpr auto kFastestSample = std::chrono::milliseconds(100);
 
@@ -60,61 +58,6 @@ std::vector<StreamSubscription> subscriptionsOf(const gnmi::SubscriptionList& li
   return subs;
 }
 
-// Every value the subscriptions reach now, then sync_response: a ONCE answer, or a POLL's.
-bool sendAll(Stream& stream, const std::vector<StreamSubscription>& subs, gnmi::Encoding encoding,
-             GnmiFeed& feed) {
-  const auto notifications = feed.run([&](GnmiReader& reader) {
-    std::vector<gnmi::Notification> all;
-    const int64_t ts = nowNs();
-    for (const StreamSubscription& sub : subs) {
-      for (const Node& node : reader.snapshot(sub.selector)) {
-        gnmi::Notification n = notificationOf(node, encoding, sub.selector.leaf, ts);
-        if (n.update_size() > 0) all.push_back(std::move(n));
-      }
-    }
-    return all;
-  });
-  gnmi::SubscribeResponse r;
-  for (const gnmi::Notification& n : notifications) {
-    *r.mutable_update() = n;
-    if (!stream.Write(r)) return false;
-  }
-  r.Clear();
-  r.set_sync_response(true);
-  return stream.Write(r);
-}
-
-// A STREAM subscription until the collector goes, or reads too slowly.
-grpc::Status streamUntilDone(grpc::ServerContext& context, Stream& rpc,
-                             const std::shared_ptr<GnmiStream>& stream, GnmiFeed& feed) {
-  stream->cancel = [&context] { context.TryCancel(); };
-  feed.join(stream);
-  std::map<size_t, uint64_t> sent;  // the newest version sent per table
-  grpc::Status status = grpc::Status::OK;
-  while (!context.IsCancelled()) {
-    const auto item = stream->pop(std::chrono::milliseconds(100));
-    if (!item) {
-      if (!stream->overflowed()) continue;
-      std::string resume;
-      for (const auto& [table, version] : sent) {
-        resume.append(resume.empty() ? "" : ", ")
-            .append(fmt::format("table[name={}][since={}]", VeskTapAgg::kCatalogue[table].name,
-                                version));
-      }
-      status = grpc::Status(
-          grpc::StatusCode::RESOURCE_EXHAUSTED,
-          fmt::format("this collector read too slowly: {} changes waited for it; resume "
-                      "with {}",
-                      feed.options.queueLimit, resume.empty() ? "a new subscription" : resume));
-      break;
-    }
-    if (!rpc.Write(*item->response)) break;
-    if (item->table != SIZE_MAX) sent[item->table] = item->version;
-  }
-  feed.leave(stream);
-  return status;
-}
-
 // Counts the Subscribe RPCs running.
 class StreamSlot {
  public:
@@ -133,6 +76,218 @@ class StreamSlot {
 
  private:
   std::atomic<size_t>& count_;
+};
+
+// One Subscribe RPC. It reads the subscription list (and a POLL's polls) and writes what
+// its GnmiStream holds, one write at a time as gRPC takes them (a response that several
+// streams share comes serialised already). It has no thread of its own: gRPC calls it on its
+// threads, and the feed's reader thread wakes it when a response waits (GnmiStream::wake). A STREAM
+// goes on until the collector goes or reads too slowly (then RESOURCE_EXHAUSTED names where to
+// resume). Deletes itself when gRPC is done with it (OnDone), after leaving the feed, so that the
+// reader thread no longer calls it.
+class SubscribeReactor final : public grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer> {
+ public:
+  SubscribeReactor(grpc::CallbackServerContext* context, GnmiFeed& feed,
+                   std::atomic<size_t>& streams, size_t maxStreams)
+      : context_(context), feed_(feed) {
+    try {
+      slot_.emplace(streams, maxStreams);
+    } catch (const GnmiError& e) {
+      finishWhenDrained(e.status());
+      return;
+    }
+    StartRead(&request_);
+  }
+
+  void OnReadDone(bool ok) override {
+    if (!ok) {
+      // The collector closed its side: a POLL ends once its answers are written; a STREAM
+      // goes on (its collector may still read).
+      if (!stream_ || mode_ == gnmi::SubscriptionList::POLL) finishWhenDrained(grpc::Status::OK);
+      return;
+    }
+    try {
+      gnmi::SubscribeRequest request;
+      if (!grpc::SerializationTraits<gnmi::SubscribeRequest>::Deserialize(&request_, &request)
+               .ok()) {
+        throw GnmiError(grpc::StatusCode::INVALID_ARGUMENT,
+                        "the request is not a gnmi.SubscribeRequest");
+      }
+      if (!stream_) {
+        start(request);
+      } else {
+        // Only a POLL reads after its list.
+        if (!request.has_poll()) {
+          throw GnmiError(grpc::StatusCode::INVALID_ARGUMENT,
+                          "a POLL subscription takes only poll requests after its list");
+        }
+        sendAll();
+        StartRead(&request_);
+        pump();
+      }
+    } catch (const GnmiError& e) {
+      finishWhenDrained(e.status());
+    }
+  }
+
+  void OnWriteDone(bool ok) override {
+    {
+      std::lock_guard lock(mutex_);
+      writing_ = false;
+      if (!ok) gone_ = true;  // cancelled, or the collector went
+      if (ok && written_.table != SIZE_MAX) sent_[written_.table] = written_.version;
+    }
+    pump();
+  }
+
+  void OnCancel() override {
+    {
+      std::lock_guard lock(mutex_);
+      gone_ = true;
+    }
+    pump();
+  }
+
+  void OnDone() override {
+    if (joined_) feed_.leave(stream_);
+    delete this;
+  }
+
+ private:
+  void start(const gnmi::SubscribeRequest& request) {
+    if (!request.has_subscribe()) {
+      throw GnmiError(grpc::StatusCode::INVALID_ARGUMENT,
+                      "the first request must be a subscription list, not a poll");
+    }
+    const gnmi::SubscriptionList& list = request.subscribe();
+    const gnmi::Encoding encoding = checkedEncoding(list.encoding());
+    auto subs = subscriptionsOf(list, feed_);
+    mode_ = list.mode();
+    if (mode_ == gnmi::SubscriptionList::ONCE || mode_ == gnmi::SubscriptionList::POLL) {
+      {
+        std::lock_guard lock(mutex_);
+        stream_ = std::make_shared<GnmiStream>(std::move(subs), encoding, false, SIZE_MAX);
+      }
+      sendAll();
+      if (mode_ == gnmi::SubscriptionList::ONCE) {
+        finishWhenDrained(grpc::Status::OK);
+      } else {
+        StartRead(&request_);
+        pump();
+      }
+      return;
+    }
+    auto stream = std::make_shared<GnmiStream>(std::move(subs), encoding, list.updates_only(),
+                                               feed_.options.queueLimit);
+    stream->wake = [this] { pump(); };
+    stream->cancel = [this] { context_->TryCancel(); };
+    {
+      std::lock_guard lock(mutex_);
+      stream_ = stream;
+    }
+    feed_.join(stream);
+    joined_ = true;
+    pump();
+  }
+
+  // Every value the subscriptions reach now, then sync_response: a ONCE answer, or a POLL's.
+  void sendAll() {
+    const auto notifications = feed_.run([&](GnmiReader& reader) {
+      std::vector<gnmi::Notification> all;
+      const int64_t ts = nowNs();
+      for (const StreamSubscription& sub : stream_->subscriptions) {
+        for (const Node& node : reader.snapshot(sub.selector)) {
+          gnmi::Notification n = notificationOf(node, stream_->encoding, sub.selector.leaf, ts);
+          if (n.update_size() > 0) all.push_back(std::move(n));
+        }
+      }
+      return all;
+    });
+    for (const gnmi::Notification& n : notifications) {
+      auto r = std::make_shared<gnmi::SubscribeResponse>();
+      *r->mutable_update() = n;
+      stream_->push({std::move(r)});
+    }
+    auto sync = std::make_shared<gnmi::SubscribeResponse>();
+    sync->set_sync_response(true);
+    stream_->push({std::move(sync)});
+  }
+
+  void finishWhenDrained(grpc::Status status) {
+    {
+      std::lock_guard lock(mutex_);
+      if (!finishWith_) finishWith_ = std::move(status);
+    }
+    pump();
+  }
+
+  // Starts the next write when none is under way, or ends the RPC when nothing is left to
+  // write: the collector went, its stream overflowed, or it was answered in full.
+  void pump() {
+    std::unique_lock lock(mutex_);
+    if (writing_ || finished_) return;
+    if (!gone_ && stream_) {
+      if (auto item = stream_->pop()) {
+        written_ = {item->table, item->version};
+        if (item->bytes) {
+          buffer_ = *item->bytes;  // shares the slices
+        } else {
+          bool own = false;
+          buffer_.Clear();
+          grpc::SerializationTraits<gnmi::SubscribeResponse>::Serialize(*item->response, &buffer_,
+                                                                        &own);
+        }
+        writing_ = true;
+        lock.unlock();
+        StartWrite(&buffer_);
+        return;
+      }
+    }
+    std::optional<grpc::Status> status;
+    if (gone_) {
+      status = grpc::Status::CANCELLED;
+    } else if (stream_ && stream_->overflowed()) {
+      status = overflowStatus();
+    } else if (finishWith_) {
+      status = *finishWith_;
+    }
+    if (!status) return;
+    finished_ = true;
+    lock.unlock();
+    Finish(*status);
+  }
+
+  grpc::Status overflowStatus() const {
+    std::string resume;
+    for (const auto& [table, version] : sent_) {
+      resume.append(resume.empty() ? "" : ", ")
+          .append(
+              fmt::format("table[name={}][since={}]", VeskTapAgg::kCatalogue[table].name, version));
+    }
+    return grpc::Status(
+        grpc::StatusCode::RESOURCE_EXHAUSTED,
+        fmt::format("this collector read too slowly: {} changes waited for it; resume with {}",
+                    feed_.options.queueLimit, resume.empty() ? "a new subscription" : resume));
+  }
+
+  grpc::CallbackServerContext* const context_;
+  GnmiFeed& feed_;
+  std::optional<StreamSlot> slot_;
+  grpc::ByteBuffer request_;
+  gnmi::SubscriptionList::Mode mode_ = gnmi::SubscriptionList::STREAM;
+  bool joined_ = false;  // the feed keeps stream_ fed until OnDone leaves it
+  std::mutex mutex_;     // guards what follows; pump runs on gRPC's and the reader's threads
+  std::shared_ptr<GnmiStream> stream_;
+  grpc::ByteBuffer buffer_;  // the write under way
+  struct Written {
+    size_t table = SIZE_MAX;
+    uint64_t version = 0;
+  } written_;
+  std::map<size_t, uint64_t> sent_;  // the newest version written per table
+  std::optional<grpc::Status> finishWith_;
+  bool writing_ = false;
+  bool gone_ = false;
+  bool finished_ = false;
 };
 
 }  // namespace
@@ -204,42 +359,9 @@ grpc::Status GnmiTarget::Get(grpc::ServerContext*, const gnmi::GetRequest* reque
   }
 }
 
-grpc::Status GnmiTarget::Subscribe(grpc::ServerContext* context, Stream* rpc) {
-  try {
-    StreamSlot slot(streams_, maxStreams_);
-    gnmi::SubscribeRequest request;
-    if (!rpc->Read(&request)) return grpc::Status::OK;
-    if (!request.has_subscribe()) {
-      throw GnmiError(grpc::StatusCode::INVALID_ARGUMENT,
-                      "the first request must be a subscription list, not a poll");
-    }
-    const gnmi::SubscriptionList& list = request.subscribe();
-    const gnmi::Encoding encoding = checkedEncoding(list.encoding());
-    auto subs = subscriptionsOf(list, feed_);
-    switch (list.mode()) {
-      case gnmi::SubscriptionList::ONCE:
-        sendAll(*rpc, subs, encoding, feed_);
-        return grpc::Status::OK;
-      case gnmi::SubscriptionList::POLL:
-        if (!sendAll(*rpc, subs, encoding, feed_)) return grpc::Status::OK;
-        while (rpc->Read(&request)) {
-          if (!request.has_poll()) {
-            throw GnmiError(grpc::StatusCode::INVALID_ARGUMENT,
-                            "a POLL subscription takes only poll requests after its list");
-          }
-          if (!sendAll(*rpc, subs, encoding, feed_)) break;
-        }
-        return grpc::Status::OK;
-      default:
-        return streamUntilDone(
-            *context, *rpc,
-            std::make_shared<GnmiStream>(std::move(subs), encoding, list.updates_only(),
-                                         feed_.options.queueLimit),
-            feed_);
-    }
-  } catch (const GnmiError& e) {
-    return e.status();
-  }
+grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>* GnmiTarget::Subscribe(
+    grpc::CallbackServerContext* context) {
+  return new SubscribeReactor(context, feed_, streams_, maxStreams_);
 }
 
 }  // namespace VeskTool

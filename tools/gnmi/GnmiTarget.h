@@ -18,8 +18,10 @@ inline constexpr const char* kGnmiVersion = "0.10.0";
 // The gNMI service of the shared-memory root: read-only, it reads through its feed (one
 // reader thread) and never writes. Set is not declared, so gRPC answers it UNIMPLEMENTED.
 // At most `maxStreams` Subscribe RPCs run at once; more are refused RESOURCE_EXHAUSTED.
-// Owned by the program's server; gRPC calls it from its own threads.
-class GnmiTarget final : public gnmi::gNMI::Service {
+// Subscribe is served through gRPC's callback API with raw messages: no thread per stream,
+// and each response serialised once for its write. Owned by the program's server; gRPC
+// calls it from its own threads.
+class GnmiTarget final : public gnmi::gNMI::WithRawCallbackMethod_Subscribe<gnmi::gNMI::Service> {
  public:
   GnmiTarget(GnmiFeed& feed, size_t maxStreams) : feed_(feed), maxStreams_(maxStreams) {}
 
@@ -27,9 +29,8 @@ class GnmiTarget final : public gnmi::gNMI::Service {
                             gnmi::CapabilityResponse* response) override;
   grpc::Status Get(grpc::ServerContext* context, const gnmi::GetRequest* request,
                    gnmi::GetResponse* response) override;
-  grpc::Status Subscribe(
-      grpc::ServerContext* context,
-      grpc::ServerReaderWriter<gnmi::SubscribeResponse, gnmi::SubscribeRequest>* stream) override;
+  grpc::ServerBidiReactor<grpc::ByteBuffer, grpc::ByteBuffer>* Subscribe(
+      grpc::CallbackServerContext* context) override;
 
  private:
   GnmiFeed& feed_;
