@@ -65,9 +65,9 @@ struct UnitContents {
 // The shared memory of an agent (running or stopped) and of its hardware side, read
 // without changing anything: per table type the change log, what the hardware side has
 // taken and the configured units; per unit its live entries and the simulated TCAM. Every
-// read mounts what it needs read-only and drops it after, so a collection made after
-// opening is found too, and one an agent made anew is read anew. What `vesktap show`
-// prints and what the Python module returns both come from here. Opened at the
+// read mounts what it needs read-only and, unless Mounts::kept, drops it after, so a
+// collection made after opening is found too, and one an agent made anew is read anew. What
+// `vesktap show` prints and what the Python module returns both come from here. Opened at the
 // shared-memory root of the moment (KestShard::Directory::rootPath()); the templates are
 // instantiated for every table type. Single-threaded.
 class AgentMemory {

@@ -68,10 +68,10 @@ Response changeResponse(const EntryChange& c, std::optional<EntryChange::Shown>&
   return Response(std::move(arena), r);  // owns the arena, points at the response
 }
 
-std::shared_ptr<const grpc::ByteBuffer> serialised(const gnmi::SubscribeResponse& r) {
-  auto bytes = std::make_shared<grpc::ByteBuffer>();
+grpc::ByteBuffer serialised(const gnmi::SubscribeResponse& r) {
+  grpc::ByteBuffer bytes;
   bool own = false;
-  grpc::SerializationTraits<gnmi::SubscribeResponse>::Serialize(r, bytes.get(), &own);
+  grpc::SerializationTraits<gnmi::SubscribeResponse>::Serialize(r, &bytes, &own);
   return bytes;
 }
 
@@ -80,6 +80,8 @@ bool followsChanges(const StreamSubscription& sub) {
 }
 
 }  // namespace
+
+grpc::ByteBuffer GnmiStream::Item::wire() const { return bytes ? *bytes : serialised(*response); }
 
 bool GnmiStream::push(Item item) {
   bool accepted = true;
@@ -230,7 +232,9 @@ void GnmiFeed::fanOut(const GnmiReader::Poll& poll) {
           Rendered& cached = rendered[stream->encoding];
           if (!cached.response) {
             cached.response = changeResponse(*c, shown, stream->encoding, {}, ts);
-            if (streams_.size() > 1) cached.bytes = serialised(*cached.response);
+            if (streams_.size() > 1) {
+              cached.bytes = std::make_shared<const grpc::ByteBuffer>(serialised(*cached.response));
+            }
           }
           stream->push({cached.response, c->table, c->version, true, cached.bytes});
         } else {

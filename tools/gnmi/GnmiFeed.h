@@ -49,6 +49,9 @@ class GnmiStream {
     bool live = false;  // a change as it happened (counted), not one replayed for a resume
     // The response serialised, when several streams share it: made once for all of them.
     std::shared_ptr<const grpc::ByteBuffer> bytes = nullptr;
+
+    // What the RPC writes: `bytes` (sharing their slices), else the response serialised.
+    grpc::ByteBuffer wire() const;
   };
 
   GnmiStream(std::vector<StreamSubscription> subscriptions, gnmi::Encoding encoding,

@@ -229,14 +229,7 @@ class SubscribeReactor final : public grpc::ServerBidiReactor<grpc::ByteBuffer, 
     if (!gone_ && stream_) {
       if (auto item = stream_->pop()) {
         written_ = {item->table, item->version};
-        if (item->bytes) {
-          buffer_ = *item->bytes;  // shares the slices
-        } else {
-          bool own = false;
-          buffer_.Clear();
-          grpc::SerializationTraits<gnmi::SubscribeResponse>::Serialize(*item->response, &buffer_,
-                                                                        &own);
-        }
+        buffer_ = item->wire();
         writing_ = true;
         lock.unlock();
         StartWrite(&buffer_);
